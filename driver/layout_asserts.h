@@ -1,0 +1,2 @@
+// Placeholder: layout static_asserts (issue 2).
+#pragma once

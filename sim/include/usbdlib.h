@@ -1,0 +1,3 @@
+// Placeholder: the simulated usbdlib.h (issue 2 types).
+#pragma once
+#include "wdm.h"
