@@ -19,7 +19,11 @@
 #include <ks.h>
 #include <ksmedia.h>
 #include <usb.h>
+// mingw-w64's usbdlib.h declares the usbd.sys routines without extern "C";
+// usbd.sys exports them with C names.
+extern "C" {
 #include <usbdlib.h>
+}
 #include <usbbusif.h>
 #elif defined(KV_TARGET_HOST)
 #include <ntddk.h>

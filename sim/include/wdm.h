@@ -11,3 +11,4 @@
 #include "kv/io.h"
 #include "kv/po.h"
 #include "kv/zw.h"
+#include "kv/devinterface.h"

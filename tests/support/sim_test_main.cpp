@@ -22,6 +22,10 @@ class SimulationChecks : public testing::EmptyTestEventListener {
 }  // namespace
 
 int main(int argc, char** argv) {
+    // Death tests re-execute the test binary instead of forking it: a forked
+    // child would inherit the simulation's state without its DPC and worker
+    // threads, and hang at its first wait.
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
     testing::InitGoogleTest(&argc, argv);
     testing::UnitTest::GetInstance()->listeners().Append(new SimulationChecks);
     return RUN_ALL_TESTS();

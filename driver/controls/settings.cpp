@@ -1,0 +1,593 @@
+// Part 3.1: the persistent settings store. The registry layer
+// (RegistryKeyPath) and the CCaptureDevice routines that read "\Data", keep
+// the settings record `DeviceProperty`, and load and save the "\Property\..."
+// sets. Values reach the camera through SetDeviceProperty (Part 3.2).
+//
+// Decisions the spec leaves to us (issue 6):
+// - LoadPropertySet initialises its read buffer with the slot's current value
+//   before each read, so a missing value re-applies what the record holds.
+// - Values reach the camera as 16-bit signed numbers (low 16 bits,
+//   sign-extended); the slot keeps the whole 32-bit value.
+// - The raw read copies only when the data fits; a longer value is reported
+//   as STATUS_BUFFER_OVERFLOW (as ZwQueryValueKey reports a value that does
+//   not fit) and leaves the caller's buffer and length untouched.
+// - WriteString takes its "local buffer" from pool ("KVaT"): the text comes
+//   from a caller (Part 3.3's custom property) and may be long.
+// - CheckReadDef above APC_LEVEL prints the pageable-code line and returns
+//   without touching the registry (registry calls need PASSIVE_LEVEL).
+#include "controls/settings.h"
+
+#include "controls/requests.h"
+#include "device/device.h"
+
+namespace {
+
+// Sign-extends a registry value's low 16 bits (the camera path's width).
+LONG Low16(ULONG value)
+{
+    return static_cast<LONG>(static_cast<SHORT>(static_cast<USHORT>(value & 0xFFFF)));
+}
+
+// Camera-control names table: 14 UTF-16 names in fixed 40-unit slots,
+// indexed by the position in the processing-unit walk. Only entries 0-6 are
+// looked up here; the rest are the literals of kPuWalk (same texts).
+const WCHAR g_ControlNames[14][40] = {
+    L"Brightness", L"Contrast",   L"Hue",     L"Saturation", L"Sharpness", L"Gamma",    L"WhiteBalanceAETarget",
+    L"fBacklight", L"Gain",       L"f60Hz",   L"fAE",        L"fAutoAWB",  L"SelfTimer", L"",
+};
+
+// One step of a control walk: the bitmap mask, the registry name, the id
+// applied or read, the slot, and how InitLastValue treats it.
+struct ControlWalkEntry {
+    ULONG Mask;
+    PCWSTR pName;
+    USHORT Id;
+    ULONG Slot;
+    bool DefaultLowByte;  // InitLastValue keeps only the low byte
+    bool ReadDefault;     // InitLastValue reads GET_DEF for it
+};
+
+// Processing-unit walk (masks in the spec's order; the three zero masks
+// match nothing and are left out).
+const ControlWalkEntry kPuWalk[] = {
+    {0x0001, g_ControlNames[0], PROPID_BRIGHTNESS, SLOT_BRIGHTNESS, false, true},
+    {0x0002, g_ControlNames[1], PROPID_CONTRAST, SLOT_CONTRAST, false, true},
+    {0x0004, g_ControlNames[2], PROPID_HUE, SLOT_HUE, false, true},
+    {0x0008, g_ControlNames[3], PROPID_SATURATION, SLOT_SATURATION, false, true},
+    {0x0010, g_ControlNames[4], PROPID_SHARPNESS, SLOT_SHARPNESS, false, true},
+    {0x0020, g_ControlNames[5], PROPID_GAMMA, SLOT_GAMMA, false, true},
+    {0x0040, g_ControlNames[6], PROPID_WB_TEMPERATURE, SLOT_WB_TEMPERATURE, false, true},
+    {0x0100, L"fBacklight", PROPID_BACKLIGHT, SLOT_BACKLIGHT, false, true},
+    // Gain: persisted from and applied to slot 10 as exposure time; no
+    // camera default is read for it (Part 3.1's deliberate oddity).
+    {0x0200, L"Gain", PROPID_EXPOSURE_TIME, SLOT_EXPOSURE_TIME, false, false},
+    {0x0400, L"f60Hz", PROPID_POWER_LINE, SLOT_POWER_LINE, true, true},
+    {0x1000, L"fAutoAWB", PROPID_WB_AUTO, SLOT_WB_AUTO, true, true},
+};
+
+// Camera-terminal walk.
+const ControlWalkEntry kCtWalk[] = {
+    {0x2, L"fAE", PROPID_AUTO_EXPOSURE, SLOT_AUTO_EXPOSURE, false, true},
+    {0x8, L"AETarget", PROPID_EXPOSURE_TIME, SLOT_EXPOSURE_TIME, false, true},
+};
+
+// A driver option persisted by name.
+struct OptionEntry {
+    PCWSTR pName;
+    USHORT Id;
+    ULONG Slot;
+};
+
+// LoadPropertySet's step 5, in order.
+const OptionEntry kLoadOptions[] = {
+    {L"fRotate", PROPID_ROTATE, SLOT_ROTATE},
+    {L"fVflip", PROPID_VFLIP, SLOT_VFLIP},
+    {L"fMirror", PROPID_MIRROR, SLOT_MIRROR},
+    {L"fDeadPixelCorrection", PROPID_DEAD_PIXEL, SLOT_DEAD_PIXEL},
+    {L"SpecialEffectNo", PROPID_SPECIAL_EFFECT, SLOT_SPECIAL_EFFECT},
+    {L"SpecialFrameNo", PROPID_SPECIAL_FRAME, SLOT_SPECIAL_FRAME},
+    {L"SelfTimer", PROPID_SELF_TIMER, SLOT_SELF_TIMER},
+    {L"TrackingMethod", PROPID_TRACKING_METHOD, SLOT_TRACKING_METHOD},
+};
+
+// SavePropertySet's fixed tail, in its own order.
+const OptionEntry kSaveOptions[] = {
+    {L"fRotate", PROPID_ROTATE, SLOT_ROTATE},
+    {L"fVflip", PROPID_VFLIP, SLOT_VFLIP},
+    {L"fMirror", PROPID_MIRROR, SLOT_MIRROR},
+    {L"SpecialEffectNo", PROPID_SPECIAL_EFFECT, SLOT_SPECIAL_EFFECT},
+    {L"SpecialFrameNo", PROPID_SPECIAL_FRAME, SLOT_SPECIAL_FRAME},
+    {L"fDeadPixelCorrection", PROPID_DEAD_PIXEL, SLOT_DEAD_PIXEL},
+    {L"SelfTimer", PROPID_SELF_TIMER, SLOT_SELF_TIMER},
+    {L"TrackingMethod", PROPID_TRACKING_METHOD, SLOT_TRACKING_METHOD},
+};
+
+// "\Property\Default" sets.
+const OptionEntry kDefaultOrientation[] = {
+    {L"fRotate", PROPID_ROTATE, SLOT_ROTATE},
+    {L"fVflip", PROPID_VFLIP, SLOT_VFLIP},
+    {L"fMirror", PROPID_MIRROR, SLOT_MIRROR},
+    {L"fDeadPixelCorrection", PROPID_DEAD_PIXEL, SLOT_DEAD_PIXEL},
+};
+const OptionEntry kDefaultEffects[] = {
+    {L"SpecialEffectNo", PROPID_SPECIAL_EFFECT, SLOT_SPECIAL_EFFECT},
+    {L"SpecialFrameNo", PROPID_SPECIAL_FRAME, SLOT_SPECIAL_FRAME},
+};
+
+// Initial slot values other than 0 (Part 3.1's table).
+struct SlotInit {
+    ULONG Slot;
+    LONG Value;
+};
+const SlotInit kInitialSlots[] = {
+    {SLOT_TRACKING_0636, 1}, {23, -1}, {24, -1}, {25, -1}, {26, -1}, {27, -1},
+    {SLOT_TRACKING_0638, 1}, {SLOT_SELF_TIMER, -1},
+};
+
+PCWSTR SetKeyName(ULONG which)
+{
+    return which == PropertySetCustomer ? KV_REGISTRY_CUSTOMER : KV_REGISTRY_LAST;
+}
+
+}  // namespace
+
+// ---- RegistryKeyPath --------------------------------------------------------
+
+RegistryKeyPath::RegistryKeyPath() : m_hKey(nullptr)
+{
+    m_PathBuffer[0] = 0;
+    RtlInitEmptyUnicodeString(&m_Path, m_PathBuffer, sizeof(m_PathBuffer));
+}
+
+RegistryKeyPath::~RegistryKeyPath()
+{
+    Close();
+}
+
+NTSTATUS RegistryKeyPath::OpenPath()
+{
+    OBJECT_ATTRIBUTES attributes;
+    InitializeObjectAttributes(&attributes, &m_Path, OBJ_CASE_INSENSITIVE | OBJ_KERNEL_HANDLE, nullptr, nullptr);
+    HANDLE hKey = nullptr;
+    NTSTATUS status = ZwOpenKey(&hKey, KEY_ALL_ACCESS, &attributes);
+    m_hKey = NT_SUCCESS(status) ? hKey : nullptr;
+    return status;
+}
+
+// Part 3.1 "open root": the root path, then the subkey (L"\\USBKV").
+NTSTATUS RegistryKeyPath::OpenRoot(PCWSTR pSubkey)
+{
+    Close();
+    m_Path.Length = 0;
+    NTSTATUS status = RtlAppendUnicodeToString(&m_Path, KV_REGISTRY_ROOT);
+    if (NT_SUCCESS(status)) {
+        status = RtlAppendUnicodeToString(&m_Path, pSubkey);
+    }
+    if (!NT_SUCCESS(status)) {
+        DbgPrint("RegistryKeyPath::OpenRoot: path too long (0x%x)\n", status);
+        return status;
+    }
+    return OpenPath();
+}
+
+NTSTATUS RegistryKeyPath::Close()
+{
+    if (m_hKey == nullptr) {
+        return STATUS_INVALID_HANDLE;
+    }
+    NTSTATUS status = ZwClose(m_hKey);
+    m_hKey = nullptr;
+    return status;
+}
+
+NTSTATUS RegistryKeyPath::Reopen()
+{
+    if (m_hKey == nullptr) {
+        return STATUS_INVALID_HANDLE;
+    }
+    Close();
+    return OpenPath();
+}
+
+NTSTATUS RegistryKeyPath::OpenSubkey(PCWSTR pName)
+{
+    if (m_hKey == nullptr) {
+        return STATUS_INVALID_HANDLE;
+    }
+    NTSTATUS status = RtlAppendUnicodeToString(&m_Path, pName);
+    if (!NT_SUCCESS(status)) {
+        DbgPrint("RegistryKeyPath::OpenSubkey: path too long (0x%x)\n", status);
+        return status;
+    }
+    return Reopen();
+}
+
+// Removes only the last component: after "\Property\Last" the path names the
+// key Property below "\USBKV" (Part 3.1; the name is deliberately unused).
+NTSTATUS RegistryKeyPath::CloseSubkey(PCWSTR pName)
+{
+    UNREFERENCED_PARAMETER(pName);
+    if (m_hKey == nullptr) {
+        return STATUS_INVALID_HANDLE;
+    }
+    USHORT units = m_Path.Length / sizeof(WCHAR);
+    while (units > 0 && m_PathBuffer[units - 1] != L'\\') {
+        --units;
+    }
+    if (units > 0) {
+        --units;  // the backslash itself
+    }
+    m_Path.Length = static_cast<USHORT>(units * sizeof(WCHAR));
+    return Reopen();
+}
+
+NTSTATUS RegistryKeyPath::WriteDword(PCWSTR pName, ULONG Value)
+{
+    if (m_hKey == nullptr) {
+        return STATUS_INVALID_HANDLE;
+    }
+    UNICODE_STRING name;
+    RtlInitUnicodeString(&name, pName);
+    return ZwSetValueKey(m_hKey, &name, 0, REG_DWORD, &Value, sizeof(Value));
+}
+
+NTSTATUS RegistryKeyPath::ReadDword(PCWSTR pName, PULONG pValue)
+{
+    ULONG length = sizeof(ULONG);
+    return ReadRaw(pName, pValue, &length);
+}
+
+NTSTATUS RegistryKeyPath::ReadRaw(PCWSTR pName, PVOID pBuffer, PULONG pLength)
+{
+    if (m_hKey == nullptr) {
+        return STATUS_INVALID_HANDLE;
+    }
+    const ULONG capacity = *pLength;
+    const ULONG infoSize = capacity + 16;
+    auto pInfo = static_cast<PKEY_VALUE_PARTIAL_INFORMATION>(
+        ExAllocatePoolWithTag(NonPagedPoolNx, infoSize, KV_TAG_REGISTRY));
+    if (pInfo == nullptr) {
+        DbgPrint("RegistryKeyPath::ReadRaw: Failed to allocate memory\n");
+        return STATUS_INSUFFICIENT_RESOURCES;
+    }
+    UNICODE_STRING name;
+    RtlInitUnicodeString(&name, pName);
+    ULONG resultLength = 0;
+    NTSTATUS status = ZwQueryValueKey(m_hKey, &name, KeyValuePartialInformation, pInfo, infoSize, &resultLength);
+    if (NT_SUCCESS(status)) {
+        if (pInfo->DataLength <= capacity) {
+            RtlCopyMemory(pBuffer, pInfo->Data, pInfo->DataLength);
+            *pLength = pInfo->DataLength;
+        } else {
+            status = STATUS_BUFFER_OVERFLOW;
+        }
+    }
+    ExFreePoolWithTag(pInfo, KV_TAG_REGISTRY);
+    return status;
+}
+
+NTSTATUS RegistryKeyPath::WriteString(PCWSTR pName, PCWSTR pText, ULONG Count)
+{
+    if (m_hKey == nullptr) {
+        return STATUS_INVALID_HANDLE;
+    }
+    if (Count >= 0x7FFFFFFF / sizeof(WCHAR)) {
+        return STATUS_INVALID_PARAMETER;
+    }
+    const ULONG bytes = (Count + 1) * sizeof(WCHAR);
+    auto pCopy = static_cast<PWCHAR>(ExAllocatePoolWithTag(NonPagedPoolNx, bytes, KV_TAG_REGISTRY));
+    if (pCopy == nullptr) {
+        DbgPrint("RegistryKeyPath::WriteString: Failed to allocate memory\n");
+        return STATUS_INSUFFICIENT_RESOURCES;
+    }
+    RtlCopyMemory(pCopy, pText, Count * sizeof(WCHAR));
+    pCopy[Count] = 0;
+    UNICODE_STRING name;
+    RtlInitUnicodeString(&name, pName);
+    NTSTATUS status = ZwSetValueKey(m_hKey, &name, 0, REG_SZ, pCopy, bytes);
+    ExFreePoolWithTag(pCopy, KV_TAG_REGISTRY);
+    return status;
+}
+
+// ---- Device routines --------------------------------------------------------
+
+// Part 3.1 InitDeviceSettings: device start, PASSIVE_LEVEL.
+NTSTATUS CCaptureDevice::InitDeviceSettings()
+{
+    RegistryKeyPath path;
+    path.OpenRoot(KV_REGISTRY_SERVICE);
+
+    // Step 1: the control-request context, before anything is read.
+    if (m_pControlContext == nullptr) {
+        m_pControlContext = static_cast<ControlRequestContext*>(
+            ExAllocatePoolWithTag(NonPagedPoolNx, sizeof(ControlRequestContext), KV_TAG_REQUEST));
+        if (m_pControlContext == nullptr) {
+            DbgPrint("InitDeviceSettings: Failed to allocate the control-request context\n");
+            return STATUS_INSUFFICIENT_RESOURCES;
+        }
+    }
+    m_pControlContext->pFunctionalDeviceObject = m_pFunctionalDeviceObject;
+    m_pControlContext->pNextDeviceObject = m_pNextDeviceObject;
+    m_EffectiveVflip = 0;
+    m_EffectiveMirror = 0;
+    m_EffectiveDeadPixel = 0;
+    m_SWSetting[0] = 0x00;
+    m_SWSetting[1] = 0xC0;
+    m_SWSetting[2] = 0x01;
+    m_OneShotValue = 0;
+
+    // Step 2: "\Data". Each value is stored only when read.
+    path.OpenSubkey(KV_REGISTRY_DATA);
+    ULONG value = 0;
+    if (NT_SUCCESS(path.ReadDword(L"BW", &value))) {
+        m_BW = value;
+    }
+    ULONG length = SWSETTING_BYTES;
+    path.ReadRaw(L"SWSetting", m_SWSetting, &length);
+    if (NT_SUCCESS(path.ReadDword(L"SaveFileMJPEG", &value))) {
+        m_SaveFileMJPEG = value;
+    }
+    if (NT_SUCCESS(path.ReadDword(L"SaveFileDroppedMJPEG", &value))) {
+        m_SaveFileDroppedMJPEG = value;
+    }
+    if (NT_SUCCESS(path.ReadDword(L"DropFrameCntVGA", &value))) {
+        m_DropFrameCntVGA = value;
+    }
+    m_Key1Function = 0;
+    m_Key2Function = 0;
+    path.ReadDword(L"Key1Function", &m_Key1Function);
+    path.ReadDword(L"Key2Function", &m_Key2Function);
+
+    // Step 3: the two values the driver creates when missing.
+    if (!NT_SUCCESS(path.ReadDword(L"TrackingWindowSize", &m_TrackingWindowSize))) {
+        m_TrackingWindowSize = 4;
+        path.WriteDword(L"TrackingWindowSize", 4);
+    }
+    if (!NT_SUCCESS(path.ReadDword(L"TrackingFocus", &m_TrackingFocus))) {
+        m_TrackingFocus = 2;
+        path.WriteDword(L"TrackingFocus", 2);
+    }
+    path.WriteDword(L"DeviceExist", 1);
+    path.CloseSubkey(KV_REGISTRY_DATA);
+
+    // Step 4: the settings record.
+    if (m_Property == nullptr) {
+        m_Property = static_cast<DeviceProperty*>(
+            ExAllocatePoolWithTag(NonPagedPoolNx, sizeof(DeviceProperty), KV_TAG_REGISTRY));
+        if (m_Property == nullptr) {
+            DbgPrint("failed to alloc mem for m_Property\n");
+            path.Close();
+            return STATUS_INSUFFICIENT_RESOURCES;
+        }
+    }
+    RtlZeroMemory(m_Property, sizeof(DeviceProperty));
+    for (const SlotInit& init : kInitialSlots) {
+        m_Property->Slot[init.Slot] = init.Value;
+    }
+    m_IdlePowerEnabled = SwSettingBit(m_SWSetting, SWBIT_IDLE_POWER) ? 1 : 0;
+    m_Property->Slot[SLOT_SWSETTING_OPTION] = SwSettingBit(m_SWSetting, SWBIT_OPTION_0905) ? 1 : 0;
+
+    // Step 5.
+    path.Close();
+
+    // Part 1.1 step 2: the start also learns the bus interface and speed
+    // here. Without the interface InitDeviceSpeed falls back to full speed,
+    // so neither status fails the start.
+    GetBusInterface();
+    InitDeviceSpeed();
+    return STATUS_SUCCESS;
+}
+
+// Part 1.1 stop step 6 (the store is this Part's).
+NTSTATUS CCaptureDevice::WriteDeviceExist(ULONG Value)
+{
+    RegistryKeyPath path;
+    path.OpenRoot(KV_REGISTRY_SERVICE);
+    path.OpenSubkey(KV_REGISTRY_DATA);
+    NTSTATUS status = path.WriteDword(L"DeviceExist", Value);
+    path.Close();
+    return status;
+}
+
+void CCaptureDevice::ReleaseSettings()
+{
+    if (m_Property != nullptr) {
+        ExFreePoolWithTag(m_Property, KV_TAG_REGISTRY);
+        m_Property = nullptr;
+    }
+    if (m_pControlContext != nullptr) {
+        ExFreePoolWithTag(m_pControlContext, KV_TAG_REQUEST);
+        m_pControlContext = nullptr;
+    }
+}
+
+// Part 3.1 CheckReadDef: capture pin start. Pageable.
+NTSTATUS CCaptureDevice::CheckReadDef()
+{
+    const KIRQL irql = KeGetCurrentIrql();
+    if (irql > APC_LEVEL) {
+        DbgPrint("EX: Pageable code called at IRQL %d\n", irql);
+        return STATUS_SUCCESS;
+    }
+    RegistryKeyPath path;
+    path.OpenRoot(KV_REGISTRY_SERVICE);
+    path.OpenSubkey(KV_REGISTRY_DATA);
+    ULONG readDef = 0;
+    NTSTATUS status = path.ReadDword(L"ReadDef", &readDef);
+    path.CloseSubkey(KV_REGISTRY_DATA);
+
+    // A missing "ReadDef" is never created: the defaults are then never read.
+    if (NT_SUCCESS(status) && readDef != ProcessingUnitControls) {
+        InitLastValue();
+        path.OpenSubkey(KV_REGISTRY_DATA);
+        path.WriteDword(L"ReadDef", ProcessingUnitControls);
+        path.CloseSubkey(KV_REGISTRY_DATA);
+    }
+    path.Close();
+    return STATUS_SUCCESS;
+}
+
+// Part 3.1 InitLastValue: the camera defaults into the record, the default
+// orientation, then "\Property\Last". Returns 1 in every case.
+BOOLEAN CCaptureDevice::InitLastValue()
+{
+    bool failed = false;
+    auto readDefaults = [this, &failed](const ControlWalkEntry* pWalk, ULONG nWalk, ULONG bitmap) {
+        for (ULONG i = 0; i < nWalk; ++i) {
+            const ControlWalkEntry& entry = pWalk[i];
+            if ((bitmap & entry.Mask) == 0 || !entry.ReadDefault) {
+                continue;
+            }
+            LONG value = 0;
+            if (!NT_SUCCESS(GetDeviceProperty(entry.Id, UVC_GET_DEF, &value))) {
+                value = 0;
+                failed = true;
+            }
+            m_Property->Slot[entry.Slot] = entry.DefaultLowByte ? (value & 0xFF) : value;
+        }
+    };
+    readDefaults(kPuWalk, ARRAYSIZE(kPuWalk), ProcessingUnitControls);
+    readDefaults(kCtWalk, ARRAYSIZE(kCtWalk), CameraTerminalControls);
+
+    LoadDefaultOrientation();
+    SavePropertySet(PropertySetLast);
+    if (failed) {
+        DbgPrint("InitLastValue() Retrieve properties fail.");
+    }
+    return 1;
+}
+
+// Part 3.1 LoadPropertySet: applies "\Property\Last" or "\Property\Customer"
+// to the camera and the record.
+NTSTATUS CCaptureDevice::LoadPropertySet(ULONG Which)
+{
+    RegistryKeyPath path;
+    path.OpenRoot(KV_REGISTRY_SERVICE);
+    NTSTATUS status = path.OpenSubkey(SetKeyName(Which));
+
+    // Steps 2-4: the read's status is not checked; the buffer starts as the
+    // slot's current value, so a missing value re-applies the record.
+    auto applyControls = [this, &path](const ControlWalkEntry* pWalk, ULONG nWalk, ULONG bitmap) {
+        for (ULONG i = 0; i < nWalk; ++i) {
+            const ControlWalkEntry& entry = pWalk[i];
+            if ((bitmap & entry.Mask) == 0) {
+                continue;
+            }
+            ULONG value = static_cast<ULONG>(m_Property->Slot[entry.Slot]);
+            path.ReadDword(entry.pName, &value);
+            SetDeviceProperty(entry.Id, Low16(value));
+            m_Property->Slot[entry.Slot] = static_cast<LONG>(value);
+        }
+    };
+    applyControls(kPuWalk, ARRAYSIZE(kPuWalk), ProcessingUnitControls);
+    applyControls(kCtWalk, ARRAYSIZE(kCtWalk), CameraTerminalControls);
+
+    // Step 5: the driver's options, each only when read.
+    for (const OptionEntry& option : kLoadOptions) {
+        ULONG value = 0;
+        if (NT_SUCCESS(path.ReadDword(option.pName, &value))) {
+            SetDeviceProperty(option.Id, Low16(value));
+        }
+    }
+    path.CloseSubkey(SetKeyName(Which));
+    path.Close();
+    return status;
+}
+
+// Part 3.1 SavePropertySet: the record into "\Property\Last" or
+// "\Property\Customer". Write failures are ignored.
+NTSTATUS CCaptureDevice::SavePropertySet(ULONG Which)
+{
+    RegistryKeyPath path;
+    path.OpenRoot(KV_REGISTRY_SERVICE);
+    NTSTATUS status = path.OpenSubkey(SetKeyName(Which));
+
+    auto saveControls = [this, &path](const ControlWalkEntry* pWalk, ULONG nWalk, ULONG bitmap) {
+        for (ULONG i = 0; i < nWalk; ++i) {
+            const ControlWalkEntry& entry = pWalk[i];
+            if ((bitmap & entry.Mask) != 0) {
+                path.WriteDword(entry.pName, static_cast<ULONG>(m_Property->Slot[entry.Slot]));
+            }
+        }
+    };
+    saveControls(kPuWalk, ARRAYSIZE(kPuWalk), ProcessingUnitControls);
+    saveControls(kCtWalk, ARRAYSIZE(kCtWalk), CameraTerminalControls);
+    for (const OptionEntry& option : kSaveOptions) {
+        path.WriteDword(option.pName, static_cast<ULONG>(m_Property->Slot[option.Slot]));
+    }
+    path.CloseSubkey(SetKeyName(Which));
+    path.Close();
+    return status;
+}
+
+namespace {
+
+// Applies each value of "\Property\Default" that reads successfully.
+template <ULONG N>
+void ApplyDefaults(CCaptureDevice* pDevice, const OptionEntry (&options)[N])
+{
+    RegistryKeyPath path;
+    path.OpenRoot(KV_REGISTRY_SERVICE);
+    path.OpenSubkey(KV_REGISTRY_DEFAULT);
+    for (const OptionEntry& option : options) {
+        ULONG value = 0;
+        if (NT_SUCCESS(path.ReadDword(option.pName, &value))) {
+            pDevice->SetDeviceProperty(option.Id, Low16(value));
+        }
+    }
+    path.CloseSubkey(KV_REGISTRY_DEFAULT);
+    path.Close();
+}
+
+}  // namespace
+
+// Part 3.1 LoadDefaultOrientation (id 0x0915 and the end of InitLastValue).
+NTSTATUS CCaptureDevice::LoadDefaultOrientation()
+{
+    ApplyDefaults(this, kDefaultOrientation);
+    return STATUS_SUCCESS;
+}
+
+// Part 3.1 LoadDefaultEffects (id 0x0916).
+NTSTATUS CCaptureDevice::LoadDefaultEffects()
+{
+    ApplyDefaults(this, kDefaultEffects);
+    return STATUS_SUCCESS;
+}
+
+// Part 3.1 ResetTrackingAndTimer (id 0x0917): tracking off, self-timer off.
+NTSTATUS CCaptureDevice::ResetTrackingAndTimer()
+{
+    SetDeviceProperty(PROPID_TRACKING_METHOD, 0);
+    SetDeviceProperty(PROPID_SELF_TIMER, -1);
+    return STATUS_SUCCESS;
+}
+
+// Part 3.1 SaveSpecialFrameString: "CustomerFrame" + decimal (Index - 7)
+// under "\Property\Last"; indexes 7-11 give the digits 0-4 (intended: the
+// photo-frame reader uses 1-4).
+NTSTATUS CCaptureDevice::SaveSpecialFrameString(ULONG Index, PCWSTR pText, ULONG Count)
+{
+    if (Index < 7 || Index > 11 || pText == nullptr || Count == 0) {
+        DbgPrint("SaveSpecialFrameString: invalid index %u or text\n", Index);
+        return STATUS_INVALID_PARAMETER;
+    }
+    WCHAR nameBuffer[24];
+    UNICODE_STRING name;
+    RtlInitEmptyUnicodeString(&name, nameBuffer, sizeof(nameBuffer) - sizeof(WCHAR));
+    RtlAppendUnicodeToString(&name, L"CustomerFrame");
+    WCHAR digitBuffer[4];
+    UNICODE_STRING digit;
+    RtlInitEmptyUnicodeString(&digit, digitBuffer, sizeof(digitBuffer));
+    RtlIntegerToUnicodeString(Index - 7, 10, &digit);  // the spec's "%d"
+    RtlAppendUnicodeStringToString(&name, &digit);
+    nameBuffer[name.Length / sizeof(WCHAR)] = 0;
+
+    RegistryKeyPath path;
+    path.OpenRoot(KV_REGISTRY_SERVICE);
+    path.OpenSubkey(KV_REGISTRY_LAST);
+    NTSTATUS status = path.WriteString(nameBuffer, pText, Count);
+    path.CloseSubkey(KV_REGISTRY_LAST);
+    path.Close();
+    return status;
+}

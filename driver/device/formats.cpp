@@ -1,0 +1,439 @@
+// Part 1.3: video-streaming descriptor parsing and format tables.
+// ExtractVSInfo turns the camera's uncompressed (YUY2) and motion-JPEG frame
+// descriptors into the capture table, and records the camera terminal's and
+// processing unit's control bitmaps; ExtractStillInfo turns the still-image
+// frame descriptors into the still table. Entries are complete
+// KS_DATARANGE_VIDEO records copied from the templates at the end of this
+// file and filled from the descriptor.
+//
+// Decisions the spec leaves to us (issue 5):
+//  - Every read is bounded by the descriptor's bLength, by wTotalLength and
+//    by the bytes held (descriptor_reader.h); a descriptor too short for the
+//    fields read is skipped.
+//  - A frame descriptor whose bFrameIntervalType claims more intervals than
+//    its bLength holds uses the intervals that are there; bFrameIntervalType
+//    0 (continuous) takes dwMaxFrameInterval (offset 30) as MaxFrameInterval.
+//  - dwFrameInterval[0] == 0 would divide by zero: the frame is skipped with
+//    a debug line.
+//  - A list abandoned because a second format (or still) descriptor of the
+//    same kind starts a new one is freed, and its entries are taken off the
+//    caller's count, so that the count always equals the table's entries.
+//  - The bound n is shared by both kinds as the Part says, but no entry is
+//    ever written past the list it belongs to (each list keeps its own size).
+//  - Any allocation failure (a temporary list or the final table) returns
+//    STATUS_INSUFFICIENT_RESOURCES, frees everything, hands back no table and
+//    leaves the count as it was on entry.
+#include "device.h"
+#include "descriptor_reader.h"
+#include "formats.h"
+
+namespace kv {
+
+const GUID g_SubtypeYuy2 = {0x32595559, 0x0000, 0x0010, {0x80, 0x00, 0x00, 0xaa, 0x00, 0x38, 0x9b, 0x71}};
+const GUID g_SubtypeRgb24 = {0xe436eb7d, 0x524f, 0x11ce, {0x9f, 0x53, 0x00, 0x20, 0xaf, 0x0b, 0xa7, 0x70}};
+const GUID g_SubtypeMjpg = {0x47504a4d, 0x0000, 0x0010, {0x80, 0x00, 0x00, 0xaa, 0x00, 0x38, 0x9b, 0x71}};
+
+namespace {
+
+// Offsets in the video-class descriptors (UVC 1.1, 3.7.2.1, 3.7.2.5,
+// 3.9.2.3, 3.9.2.4, 3.9.2.5, 3.9.2.6).
+constexpr ULONG kInterfaceSubClassOffset = 6;
+constexpr ULONG kCameraTerminalControlsOffset = 15;
+constexpr ULONG kProcessingUnitControlsOffset = 8;
+constexpr ULONG kNumFrameDescriptorsOffset = 4;
+constexpr ULONG kFrameWidthOffset = 5;
+constexpr ULONG kFrameHeightOffset = 7;
+constexpr ULONG kFrameMinBitRateOffset = 9;
+constexpr ULONG kFrameMaxBitRateOffset = 13;
+constexpr ULONG kFrameIntervalTypeOffset = 25;
+constexpr ULONG kFrameIntervalsOffset = 26;
+constexpr ULONG kContinuousMaxIntervalOffset = 30;
+constexpr ULONG kStillNumSizesOffset = 4;
+constexpr ULONG kStillSizesOffset = 5;
+
+// Bit-rate numerators of the Part, kept as they stand (see the Part's note:
+// the RGB figure is 3 bytes, not 24 bits, a pixel).
+constexpr ULONG kYuy2BitRateNumerator = 160000000;
+constexpr ULONG kRgb24BitRateNumerator = 30000000;
+
+// One temporary list of entries (untagged non-paged pool, as the Part says).
+struct EntryList {
+    PKS_DATARANGE_VIDEO pEntries = nullptr;
+    ULONG nCapacity = 0;
+    ULONG nUsed = 0;
+};
+
+void FreeList(EntryList* pList)
+{
+    if (pList->pEntries != nullptr) {
+        ExFreePool(pList->pEntries);
+        pList->pEntries = nullptr;
+    }
+    pList->nCapacity = 0;
+    pList->nUsed = 0;
+}
+
+// Starts a new list of n entries, abandoning (freeing) the previous one and
+// taking its entries off the count. n == 0 leaves no list.
+NTSTATUS RestartList(EntryList* pList, ULONG n, USHORT* pnCount)
+{
+    *pnCount = static_cast<USHORT>(*pnCount - pList->nUsed);
+    FreeList(pList);
+    if (n == 0) {
+        return STATUS_SUCCESS;
+    }
+    pList->pEntries = static_cast<PKS_DATARANGE_VIDEO>(ExAllocatePool(NonPagedPoolNx, n * kDataRangeVideoSize));
+    if (pList->pEntries == nullptr) {
+        return STATUS_INSUFFICIENT_RESOURCES;
+    }
+    pList->nCapacity = n;
+    return STATUS_SUCCESS;
+}
+
+// The fields shared by capture and still entries: the frame size.
+void FillSize(PKS_DATARANGE_VIDEO pEntry, USHORT width, USHORT height)
+{
+    KS_VIDEO_STREAM_CONFIG_CAPS& caps = pEntry->ConfigCaps;
+    const SIZE size = {static_cast<LONG>(width), static_cast<LONG>(height)};
+    caps.InputSize = size;
+    caps.MinCroppingSize = size;
+    caps.MaxCroppingSize = size;
+    caps.MinOutputSize = size;
+    caps.MaxOutputSize = size;
+    pEntry->VideoInfoHeader.bmiHeader.biWidth = width;
+    pEntry->VideoInfoHeader.bmiHeader.biHeight = height;
+    pEntry->VideoInfoHeader.bmiHeader.biSizeImage =
+        static_cast<ULONG>(width) * height * pEntry->VideoInfoHeader.bmiHeader.biBitCount / 8;
+}
+
+// What a frame descriptor says, once its length has been checked.
+struct FrameFields {
+    USHORT width;
+    USHORT height;
+    ULONG minBitRate;
+    ULONG maxBitRate;
+    ULONG firstInterval;
+    ULONG maxInterval;
+};
+
+// Reads a frame descriptor; false when it is too short for the fields read.
+bool ReadFrame(const DescriptorView& d, FrameFields* pFields)
+{
+    if (!d.Has(kFrameIntervalsOffset + 4)) {
+        return false;
+    }
+    pFields->width = d.U16(kFrameWidthOffset);
+    pFields->height = d.U16(kFrameHeightOffset);
+    pFields->minBitRate = d.U32(kFrameMinBitRateOffset);
+    pFields->maxBitRate = d.U32(kFrameMaxBitRateOffset);
+    pFields->firstInterval = d.U32(kFrameIntervalsOffset);
+    const UCHAR intervalType = d.U8(kFrameIntervalTypeOffset);
+    if (intervalType == 0) {
+        // Continuous: dwMinFrameInterval, dwMaxFrameInterval, dwFrameIntervalStep.
+        if (!d.Has(kContinuousMaxIntervalOffset + 4)) {
+            return false;
+        }
+        pFields->maxInterval = d.U32(kContinuousMaxIntervalOffset);
+        return true;
+    }
+    // Discrete: the last listed interval that the descriptor really holds.
+    ULONG nPresent = (d.length - kFrameIntervalsOffset) / 4;
+    ULONG nListed = intervalType < nPresent ? intervalType : nPresent;
+    pFields->maxInterval = d.U32(kFrameIntervalsOffset + (nListed - 1) * 4);
+    return true;
+}
+
+// Fills a capture entry from its template and the frame (Part 1.3's tables).
+void FillCaptureEntry(PKS_DATARANGE_VIDEO pEntry, const KS_DATARANGE_VIDEO& rTemplate, const FrameFields& f,
+                      ULONG bytesPerPixel, ULONG bitRateNumerator)
+{
+    *pEntry = rTemplate;
+    FillSize(pEntry, f.width, f.height);
+    pEntry->DataRange.SampleSize = static_cast<ULONG>(f.width) * f.height * bytesPerPixel;
+    // Intervals are 32-bit on the wire and sign-extended into 64 bits.
+    const LONGLONG first = static_cast<LONG>(f.firstInterval);
+    pEntry->ConfigCaps.MinFrameInterval = first;
+    pEntry->ConfigCaps.MaxFrameInterval = static_cast<LONG>(f.maxInterval);
+    pEntry->ConfigCaps.MinBitsPerSecond = static_cast<LONG>(f.minBitRate);
+    pEntry->ConfigCaps.MaxBitsPerSecond = static_cast<LONG>(f.maxBitRate);
+    pEntry->VideoInfoHeader.AvgTimePerFrame = first;
+    // Integer division first, then the multiplication, all in 32 bits.
+    pEntry->VideoInfoHeader.dwBitRate =
+        static_cast<ULONG>(f.width) * f.height * (bitRateNumerator / f.firstInterval);
+}
+
+// Fills a still entry (Part 1.3's still table).
+void FillStillEntry(PKS_DATARANGE_VIDEO pEntry, bool fMjpeg, USHORT width, USHORT height)
+{
+    *pEntry = fMjpeg ? g_StillTemplateMjpeg : g_CaptureTemplateYuy2;
+    if (fMjpeg) {
+        pEntry->DataRange.SubFormat = g_SubtypeRgb24;  // the driver delivers decoded pictures
+    }
+    pEntry->DataRange.SampleSize = 0;
+    pEntry->StreamDescriptionFlags = 0;
+    pEntry->ConfigCaps.MinFrameInterval = kStillFrameInterval;
+    pEntry->ConfigCaps.MaxFrameInterval = kStillFrameInterval;
+    pEntry->ConfigCaps.MinBitsPerSecond = 0;
+    pEntry->ConfigCaps.MaxBitsPerSecond = 0;
+    pEntry->VideoInfoHeader.dwBitRate = 0;
+    pEntry->VideoInfoHeader.AvgTimePerFrame = kStillFrameInterval;
+    FillSize(pEntry, width, height);
+}
+
+// Allocates the final table ("KVVd" or "KVVs") and copies list a, then b.
+NTSTATUS BuildFinalTable(const EntryList& a, const EntryList& b, ULONG tag, PKS_DATARANGE_VIDEO* ppTable)
+{
+    const ULONG n = a.nUsed + b.nUsed;
+    auto pTable = static_cast<PKS_DATARANGE_VIDEO>(ExAllocatePoolWithTag(NonPagedPoolNx, n * kDataRangeVideoSize, tag));
+    if (pTable == nullptr) {
+        return STATUS_INSUFFICIENT_RESOURCES;
+    }
+    for (ULONG i = 0; i < a.nUsed; i++) {
+        pTable[i] = a.pEntries[i];
+    }
+    for (ULONG i = 0; i < b.nUsed; i++) {
+        pTable[a.nUsed + i] = b.pEntries[i];
+    }
+    *ppTable = pTable;
+    return STATUS_SUCCESS;
+}
+
+}  // namespace
+}  // namespace kv
+
+using namespace kv;
+
+NTSTATUS CCaptureDevice::ExtractVSInfo(PUSB_CONFIGURATION_DESCRIPTOR pConfigurationDescriptor,
+                                       PKS_DATARANGE_VIDEO* pVSDataRage, USHORT* pnCount)
+{
+    const ULONG cb = pConfigurationDescriptor != nullptr ? pConfigurationDescriptor->wTotalLength : 0;
+    return ExtractVSInfo(pConfigurationDescriptor, cb, pVSDataRage, pnCount);
+}
+
+NTSTATUS CCaptureDevice::ExtractStillInfo(PUSB_CONFIGURATION_DESCRIPTOR pConfigurationDescriptor,
+                                          PKS_DATARANGE_VIDEO* pVSDataRage, USHORT* pnCount)
+{
+    const ULONG cb = pConfigurationDescriptor != nullptr ? pConfigurationDescriptor->wTotalLength : 0;
+    return ExtractStillInfo(pConfigurationDescriptor, cb, pVSDataRage, pnCount);
+}
+
+// Part 1.3 ExtractVSInfo: the capture table and the control bitmaps. cb is
+// the number of bytes of the configuration descriptor held in memory.
+NTSTATUS CCaptureDevice::ExtractVSInfo(PUSB_CONFIGURATION_DESCRIPTOR pConfigurationDescriptor, ULONG cb,
+                                       PKS_DATARANGE_VIDEO* pVSDataRage, USHORT* pnCount)
+{
+    ASSERT(pVSDataRage);
+    if (pConfigurationDescriptor == nullptr || pVSDataRage == nullptr || pnCount == nullptr) {
+        return STATUS_INVALID_PARAMETER;
+    }
+    const USHORT nCountOnEntry = *pnCount;
+    const UCHAR* pBytes = reinterpret_cast<const UCHAR*>(pConfigurationDescriptor);
+    DescriptorWalker walker(pBytes, ConfigurationWalkLength(pBytes, cb));
+
+    EntryList yuy2;
+    EntryList mjpeg;
+    ULONG nBound = 0;         // bNumFrameDescriptors of the latest format descriptor, either kind
+    UCHAR subClass = 0;       // of the current interface
+    NTSTATUS status = STATUS_SUCCESS;
+    DescriptorView d;
+    while (NT_SUCCESS(status) && walker.Next(&d)) {
+        if (d.Type() == USB_INTERFACE_DESCRIPTOR_TYPE) {
+            subClass = d.Has(kInterfaceSubClassOffset + 1) ? d.U8(kInterfaceSubClassOffset) : 0;
+            continue;
+        }
+        if (d.Type() != kCsInterface) {
+            continue;
+        }
+        if (subClass == kSubclassVideoControl) {
+            if (d.Subtype() == kVcInputTerminal && d.Has(kCameraTerminalControlsOffset + 2)) {
+                CameraTerminalControls = d.U16(kCameraTerminalControlsOffset);
+            } else if (d.Subtype() == kVcProcessingUnit && d.Has(kProcessingUnitControlsOffset + 2)) {
+                ProcessingUnitControls = d.U16(kProcessingUnitControlsOffset);
+            }
+            continue;
+        }
+        if (subClass != kSubclassVideoStreaming) {
+            continue;
+        }
+        switch (d.Subtype()) {
+        case kVsFormatUncompressed:
+        case kVsFormatMjpeg:
+            if (!d.Has(kNumFrameDescriptorsOffset + 1)) {
+                break;
+            }
+            nBound = d.U8(kNumFrameDescriptorsOffset);
+            status = RestartList(d.Subtype() == kVsFormatUncompressed ? &yuy2 : &mjpeg, nBound, pnCount);
+            break;
+        case kVsFrameUncompressed:
+        case kVsFrameMjpeg: {
+            const bool fYuy2 = d.Subtype() == kVsFrameUncompressed;
+            EntryList& list = fYuy2 ? yuy2 : mjpeg;
+            if (list.pEntries == nullptr || list.nUsed >= nBound || list.nUsed >= list.nCapacity) {
+                if (fYuy2) {
+                    DbgPrint("CCaptureDevice::ExtractVSInfo() Not enough space for VS frame descriptor\n");
+                }
+                break;
+            }
+            FrameFields f;
+            if (!ReadFrame(d, &f)) {
+                DbgPrint("CCaptureDevice::ExtractVSInfo() frame descriptor too short (bLength %u), skipped\n",
+                         d.length);
+                break;
+            }
+            if (f.firstInterval == 0) {
+                DbgPrint("CCaptureDevice::ExtractVSInfo() frame %ux%u has frame interval 0, skipped\n", f.width,
+                         f.height);
+                break;
+            }
+            PKS_DATARANGE_VIDEO pEntry = &list.pEntries[list.nUsed];
+            if (fYuy2) {
+                FillCaptureEntry(pEntry, g_CaptureTemplateYuy2, f, 2, kYuy2BitRateNumerator);
+                if (f.width >= 640 && f.width < 1600 && (f.width == 640 || f.width == 1280)) {
+                    WideFrameWidth = f.width;
+                }
+            } else {
+                FillCaptureEntry(pEntry, g_CaptureTemplateRgb24, f, 3, kRgb24BitRateNumerator);
+            }
+            list.nUsed++;
+            (*pnCount)++;
+            break;
+        }
+        default:
+            break;
+        }
+    }
+
+    if (NT_SUCCESS(status) && *pnCount == nCountOnEntry) {
+        status = STATUS_INVALID_PARAMETER;
+    }
+    if (NT_SUCCESS(status)) {
+        status = BuildFinalTable(yuy2, mjpeg, PoolTag("KVVd"), pVSDataRage);
+    }
+    if (!NT_SUCCESS(status)) {
+        DbgPrint("CCaptureDevice::ExtractVSInfo() failed (Status 0x%X)\n", static_cast<ULONG>(status));
+        *pnCount = nCountOnEntry;
+    }
+    FreeList(&yuy2);
+    FreeList(&mjpeg);
+    return status;
+}
+
+// Part 1.3 ExtractStillInfo: the still table, YUY2 still sizes first.
+NTSTATUS CCaptureDevice::ExtractStillInfo(PUSB_CONFIGURATION_DESCRIPTOR pConfigurationDescriptor, ULONG cb,
+                                          PKS_DATARANGE_VIDEO* pVSDataRage, USHORT* pnCount)
+{
+    ASSERT(pVSDataRage);
+    if (pConfigurationDescriptor == nullptr || pVSDataRage == nullptr || pnCount == nullptr) {
+        return STATUS_INVALID_PARAMETER;
+    }
+    const USHORT nCountOnEntry = *pnCount;
+    const UCHAR* pBytes = reinterpret_cast<const UCHAR*>(pConfigurationDescriptor);
+    DescriptorWalker walker(pBytes, ConfigurationWalkLength(pBytes, cb));
+
+    enum class Kind { kNone, kYuy2, kMjpeg };
+    Kind kind = Kind::kNone;
+    EntryList yuy2;
+    EntryList mjpeg;
+    UCHAR subClass = 0;
+    NTSTATUS status = STATUS_SUCCESS;
+    DescriptorView d;
+    while (NT_SUCCESS(status) && walker.Next(&d)) {
+        if (d.Type() == USB_INTERFACE_DESCRIPTOR_TYPE) {
+            subClass = d.Has(kInterfaceSubClassOffset + 1) ? d.U8(kInterfaceSubClassOffset) : 0;
+            continue;
+        }
+        if (d.Type() != kCsInterface || subClass != kSubclassVideoStreaming) {
+            continue;
+        }
+        if (d.Subtype() == kVsFormatUncompressed) {
+            kind = Kind::kYuy2;
+        } else if (d.Subtype() == kVsFormatMjpeg) {
+            kind = Kind::kMjpeg;
+        } else if (d.Subtype() == kVsStillImageFrame && kind != Kind::kNone && d.Has(kStillNumSizesOffset + 1)) {
+            // The sizes the descriptor really holds, at most bNumImageSizePatterns.
+            const ULONG nListed = d.U8(kStillNumSizesOffset);
+            const ULONG nPresent = (d.length - kStillSizesOffset) / 4;
+            const ULONG n = nListed < nPresent ? nListed : nPresent;
+            const bool fMjpeg = kind == Kind::kMjpeg;
+            EntryList& list = fMjpeg ? mjpeg : yuy2;
+            status = RestartList(&list, n, pnCount);
+            for (ULONG i = 0; NT_SUCCESS(status) && i < n; i++) {
+                const ULONG offset = kStillSizesOffset + i * 4;
+                FillStillEntry(&list.pEntries[i], fMjpeg, d.U16(offset), d.U16(offset + 2));
+                list.nUsed++;
+                (*pnCount)++;
+            }
+        }
+    }
+
+    if (NT_SUCCESS(status) && *pnCount == nCountOnEntry) {
+        status = STATUS_INVALID_PARAMETER;
+    }
+    if (NT_SUCCESS(status)) {
+        status = BuildFinalTable(yuy2, mjpeg, PoolTag("KVVs"), pVSDataRage);
+    }
+    if (!NT_SUCCESS(status)) {
+        DbgPrint("CCaptureDevice::ExtractStillInfo() failed (Status 0x%X)\n", static_cast<ULONG>(status));
+        *pnCount = nCountOnEntry;
+    }
+    FreeList(&yuy2);
+    FreeList(&mjpeg);
+    return status;
+}
+
+// ---- Templates ---------------------------------------------------------------------------
+// One initialiser per template, in field order; sizes, sample sizes and bit
+// rates are filled per entry.
+namespace kv {
+
+#define KV_GUID_VIDEO {0x73646976, 0x0000, 0x0010, {0x80, 0x00, 0x00, 0xaa, 0x00, 0x38, 0x9b, 0x71}}
+#define KV_GUID_VIDEOINFO {0x05589f80, 0xc356, 0x11ce, {0xbf, 0x01, 0x00, 0xaa, 0x00, 0x55, 0x59, 0x5a}}
+#define KV_GUID_YUY2 {0x32595559, 0x0000, 0x0010, {0x80, 0x00, 0x00, 0xaa, 0x00, 0x38, 0x9b, 0x71}}
+#define KV_GUID_RGB24 {0xe436eb7d, 0x524f, 0x11ce, {0x9f, 0x53, 0x00, 0x20, 0xaf, 0x0b, 0xa7, 0x70}}
+#define KV_GUID_MJPG {0x47504a4d, 0x0000, 0x0010, {0x80, 0x00, 0x00, 0xaa, 0x00, 0x38, 0x9b, 0x71}}
+
+#define KV_DATARANGE_TEMPLATE(subFormat, sampleSize, fixedSize, temporal, streamFlags, bitCount, compression) \
+    {                                                                                                        \
+        {{sizeof(KS_DATARANGE_VIDEO), 0, (sampleSize), 0, KV_GUID_VIDEO, subFormat, KV_GUID_VIDEOINFO}},     \
+        (fixedSize),                   /* bFixedSizeSamples */                                               \
+        (temporal),                    /* bTemporalCompression */                                            \
+        (streamFlags),                 /* StreamDescriptionFlags */                                          \
+        0,                             /* MemoryAllocationFlags */                                           \
+        {                                                                                                    \
+            KV_GUID_VIDEOINFO,         /* guid */                                                            \
+            0,                         /* VideoStandard: no analog standard */                               \
+            {640, 480},                /* InputSize */                                                       \
+            {640, 480},                /* MinCroppingSize */                                                 \
+            {640, 480},                /* MaxCroppingSize */                                                 \
+            1, 1,                      /* CropGranularityX, Y */                                             \
+            1, 1,                      /* CropAlignX, Y */                                                   \
+            {640, 480},                /* MinOutputSize */                                                   \
+            {640, 480},                /* MaxOutputSize */                                                   \
+            1, 1,                      /* OutputGranularityX, Y */                                           \
+            0, 0,                      /* StretchTapsX, Y */                                                 \
+            0, 0,                      /* ShrinkTapsX, Y */                                                  \
+            400000,                    /* MinFrameInterval */                                                \
+            1666667,                   /* MaxFrameInterval */                                                \
+            0, 0,                      /* Min/MaxBitsPerSecond */                                            \
+        },                                                                                                   \
+        {                                                                                                    \
+            {0, 0, 0, 0},              /* rcSource */                                                        \
+            {0, 0, 0, 0},              /* rcTarget */                                                        \
+            0,                         /* dwBitRate */                                                       \
+            0,                         /* dwBitErrorRate */                                                  \
+            400000,                    /* AvgTimePerFrame */                                                 \
+            {40, 640, 480, 1, (bitCount), (compression), 0, 0, 0, 0, 0}, /* bmiHeader */                     \
+        },                                                                                                   \
+    }
+
+// Capture, uncompressed YUY2 (frame subtype 0x05).
+const KS_DATARANGE_VIDEO g_CaptureTemplateYuy2 =
+    KV_DATARANGE_TEMPLATE(KV_GUID_YUY2, 640 * 480 * 2, TRUE, FALSE, KS_VIDEOSTREAM_CAPTURE, 16, kFourccYuy2);
+// Capture, motion JPEG advertised as RGB24 (frame subtype 0x07).
+const KS_DATARANGE_VIDEO g_CaptureTemplateRgb24 =
+    KV_DATARANGE_TEMPLATE(KV_GUID_RGB24, 640 * 480 * 3, FALSE, TRUE, KS_VIDEOSTREAM_CAPTURE, 24, 0);
+// Still under motion JPEG: subformat MJPG until the entry is made RGB24.
+const KS_DATARANGE_VIDEO g_StillTemplateMjpeg =
+    KV_DATARANGE_TEMPLATE(KV_GUID_MJPG, 0, FALSE, TRUE, 0, 24, 0);
+
+}  // namespace kv

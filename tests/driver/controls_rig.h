@@ -1,0 +1,168 @@
+// Test rig for Parts 3.1 and 3.2 (tests/driver/driver_3_*_test.cpp): a
+// virtual camera plugged into the simulated USB bus, a recording lower
+// filter device attached above the bus's PDO (it notes every class request
+// that passes and hands every IRP on unchanged, as a real lower filter
+// does), and a CCaptureDevice brought up through Part 1.2's
+// ReadandSelectUsbDescriptors with its next-lower device pointing at the
+// filter. The service key's subkeys are created empty, as an installation
+// creates them.
+#pragma once
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "camera/descriptor_builder.h"
+#include "camera/uvc_camera.h"
+#include "controls/requests.h"
+#include "controls/settings.h"
+#include "device/device.h"
+#include "kvsim/io.h"
+#include "kvsim/registry.h"
+#include "kvsim/sched.h"
+#include "usb/usb_bus.h"
+
+namespace controls_rig {
+
+using kvsim::camera::CameraSpec;
+using kvsim::camera::UvcCamera;
+
+inline const std::string kService = "\\Registry\\Machine\\SYSTEM\\CurrentControlSet\\Services\\USBKV";
+inline const std::string kData = kService + "\\Data";
+inline const std::string kDefault = kService + "\\Property\\Default";
+inline const std::string kLast = kService + "\\Property\\Last";
+inline const std::string kCustomer = kService + "\\Property\\Customer";
+
+// One class-interface request seen on its way down.
+struct SeenRequest {
+    UCHAR request = 0;
+    USHORT value = 0;
+    USHORT index = 0;
+    ULONG length = 0;
+    ULONG flags = 0;
+    std::vector<UCHAR> out;  // the data of an OUT (SET_CUR) request
+    KIRQL irql = 0;
+};
+
+// The filter's record (its dispatch routine is a plain function).
+inline std::vector<SeenRequest>& Seen()
+{
+    static std::vector<SeenRequest> seen;
+    return seen;
+}
+
+struct FilterExtension {
+    PDEVICE_OBJECT lower;
+};
+
+inline NTSTATUS FilterPassThrough(PDEVICE_OBJECT device, PIRP irp)
+{
+    auto* ext = static_cast<FilterExtension*>(device->DeviceExtension);
+    PIO_STACK_LOCATION stack = IoGetCurrentIrpStackLocation(irp);
+    if (stack->MajorFunction == IRP_MJ_INTERNAL_DEVICE_CONTROL &&
+        stack->Parameters.DeviceIoControl.IoControlCode == IOCTL_INTERNAL_USB_SUBMIT_URB) {
+        auto* urb = static_cast<PURB>(stack->Parameters.Others.Argument1);
+        if (urb->UrbHeader.Function == URB_FUNCTION_CLASS_INTERFACE) {
+            const auto& r = urb->UrbControlVendorClassRequest;
+            SeenRequest s;
+            s.request = r.Request;
+            s.value = r.Value;
+            s.index = r.Index;
+            s.length = r.TransferBufferLength;
+            s.flags = r.TransferFlags;
+            s.irql = KeGetCurrentIrql();
+            if ((r.TransferFlags & USBD_TRANSFER_DIRECTION_IN) == 0 && r.TransferBuffer != nullptr) {
+                auto* p = static_cast<const UCHAR*>(r.TransferBuffer);
+                s.out.assign(p, p + r.TransferBufferLength);
+            }
+            Seen().push_back(s);
+        }
+    }
+    if (stack->MajorFunction == IRP_MJ_POWER) PoStartNextPowerIrp(irp);
+    IoSkipCurrentIrpStackLocation(irp);
+    return IoCallDriver(ext->lower, irp);
+}
+
+inline NTSTATUS FilterEntry(PDRIVER_OBJECT driver, PUNICODE_STRING)
+{
+    for (auto& slot : driver->MajorFunction) slot = FilterPassThrough;
+    return STATUS_SUCCESS;
+}
+
+inline std::vector<uint8_t> Bytes(std::initializer_list<uint8_t> b) { return b; }
+
+class Rig {
+public:
+    explicit Rig(const CameraSpec& spec = kvsim::camera::DefaultCameraSpec()) : spec_(spec)
+    {
+        kvsim::RegReset();
+        for (const auto& key : {kData, kDefault, kLast, kCustomer}) kvsim::RegCreateKey(key);
+        Seen().clear();
+
+        camera_ = std::shared_ptr<UvcCamera>(UvcCamera::Create(kvsim::camera::BuildDescriptors(spec)));
+        pdo_ = kvsim::usb::PlugCamera(camera_, kvsim::usb::Speed::kHigh);
+        driver_ = kvsim::LoadDriver(u"kvtestfilter", u"\\Registry\\Machine\\System\\kvtestfilter", FilterEntry);
+        IoCreateDevice(driver_, sizeof(FilterExtension), nullptr, FILE_DEVICE_UNKNOWN, 0, FALSE, &filter_);
+        static_cast<FilterExtension*>(filter_->DeviceExtension)->lower = IoAttachDeviceToDeviceStack(filter_, pdo_);
+        filter_->Flags &= ~DO_DEVICE_INITIALIZING;
+
+        device_ = std::make_unique<CCaptureDevice>(nullptr);
+        device_->m_pFunctionalDeviceObject = filter_;
+        device_->m_pPhysicalDeviceObject = pdo_;
+        device_->m_pNextDeviceObject = filter_;
+        // Part 1.3 would take these from the video-control descriptors.
+        device_->ProcessingUnitControls = spec.processingUnitControls;
+        device_->CameraTerminalControls = spec.cameraTerminalControls;
+    }
+
+    ~Rig()
+    {
+        // Deferred requests still queued must finish before the device goes.
+        kvsim::RunUntil([] { return kvsim::GetSchedCounters().workItemsPending == 0; }, 10 * kvsim::kSecond);
+        device_->ReleaseSettings();
+        device_->ReleaseAllocations();
+        device_.reset();
+        IoDetachDevice(pdo_);
+        IoDeleteDevice(filter_);
+        kvsim::UnloadDriver(driver_);
+        kvsim::usb::Unplug(pdo_);
+    }
+
+    // Part 1.2 (configures the camera), then Part 3.1's start share.
+    void Start()
+    {
+        ASSERT_EQ(device_->ReadandSelectUsbDescriptors(), STATUS_SUCCESS);
+        ASSERT_EQ(device_->InitDeviceSettings(), STATUS_SUCCESS);
+        Seen().clear();
+    }
+
+    CCaptureDevice& Dev() { return *device_; }
+    UvcCamera& Camera() { return *camera_; }
+    LONG Slot(ULONG n) const { return device_->m_Property->Slot[n]; }
+    void SetSlot(ULONG n, LONG v) { device_->m_Property->Slot[n] = v; }
+    // The camera's current value of a control (entity 1 camera terminal, 3
+    // processing unit; selector = wValue >> 8).
+    int64_t CameraValue(uint8_t entity, uint8_t selector) const
+    {
+        return camera_->ControlValue(entity, selector).value_or(INT64_MIN);
+    }
+    size_t RequestCount() const { return Seen().size(); }
+
+private:
+    CameraSpec spec_;
+    std::shared_ptr<UvcCamera> camera_;
+    PDEVICE_OBJECT pdo_ = nullptr;
+    PDRIVER_OBJECT driver_ = nullptr;
+    PDEVICE_OBJECT filter_ = nullptr;
+    std::unique_ptr<CCaptureDevice> device_;
+};
+
+inline CameraSpec SpecWithProduct(USHORT productId)
+{
+    CameraSpec spec = kvsim::camera::DefaultCameraSpec();
+    spec.idProduct = productId;
+    return spec;
+}
+
+}  // namespace controls_rig

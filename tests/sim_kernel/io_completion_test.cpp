@@ -1,0 +1,425 @@
+// The simulated I/O manager: IoCallDriver down a three-device stack and
+// IoCompleteRequest back up (completion routine order, invoke flags,
+// PendingReturned, STATUS_MORE_PROCESSING_REQUIRED), threaded IRPs from
+// IoBuildDeviceIoControlRequest, cancellation, IoReuseIrp, IRP leaks.
+#include <gtest/gtest.h>
+
+#include <vector>
+
+#include "kvsim/diag.h"
+#include "kvsim/io.h"
+#include "kvsim/pool.h"
+#include "kvsim/sched.h"
+#include "wdm.h"
+
+namespace {
+
+// A filter device: passes every IRP down with the completion routine the
+// test configured in its extension.
+struct FilterExt {
+    PDEVICE_OBJECT lower;
+    PIO_COMPLETION_ROUTINE routine;
+    PVOID context;
+    BOOLEAN onSuccess, onError, onCancel;
+};
+
+NTSTATUS FilterDispatch(PDEVICE_OBJECT device, PIRP irp) {
+    auto* ext = static_cast<FilterExt*>(device->DeviceExtension);
+    if (ext->routine) {
+        IoCopyCurrentIrpStackLocationToNext(irp);
+        IoSetCompletionRoutine(irp, ext->routine, ext->context, ext->onSuccess, ext->onError, ext->onCancel);
+    } else {
+        IoSkipCurrentIrpStackLocation(irp);
+    }
+    return IoCallDriver(ext->lower, irp);
+}
+
+NTSTATUS FilterEntry(PDRIVER_OBJECT driver, PUNICODE_STRING) {
+    for (auto& slot : driver->MajorFunction) slot = FilterDispatch;
+    return STATUS_SUCCESS;
+}
+
+struct Call {
+    int who;
+    PDEVICE_OBJECT device;
+    BOOLEAN pendingReturned;
+};
+std::vector<Call> g_calls;
+
+NTSTATUS Record(int who, PDEVICE_OBJECT device, PIRP irp) {
+    g_calls.push_back({who, device, irp->PendingReturned});
+    if (irp->PendingReturned) IoMarkIrpPending(irp);
+    return STATUS_CONTINUE_COMPLETION;
+}
+
+NTSTATUS RoutineA(PDEVICE_OBJECT d, PIRP irp, PVOID ctx) { return Record(static_cast<int>(reinterpret_cast<intptr_t>(ctx)), d, irp); }
+
+// The top-level owner's routine for its own IRP: stop completion.
+NTSTATUS OwnerDone(PDEVICE_OBJECT d, PIRP irp, PVOID ctx) {
+    g_calls.push_back({static_cast<int>(reinterpret_cast<intptr_t>(ctx)), d, irp->PendingReturned});
+    return STATUS_MORE_PROCESSING_REQUIRED;
+}
+
+// A fixture with PDO <- middle filter <- top filter. The PDO keeps every IRP
+// pending until the test completes it.
+class IoStack : public ::testing::Test {
+protected:
+    void SetUp() override {
+        g_calls.clear();
+        kvsim::PdoCallbacks callbacks;
+        callbacks.other = [this](PDEVICE_OBJECT, PIRP irp) {
+            if (completeAtOnce_) {
+                irp->IoStatus.Status = STATUS_SUCCESS;
+                IoCompleteRequest(irp, IO_NO_INCREMENT);
+                return STATUS_SUCCESS;
+            }
+            IoMarkIrpPending(irp);
+            pending_ = irp;
+            return STATUS_PENDING;
+        };
+        callbacks.internalDeviceControl = callbacks.other;
+        pdo_ = kvsim::CreateBusPdo(u"TestBus", callbacks);
+        driver_ = kvsim::LoadDriver(u"TestFilter", u"\\Registry\\Machine\\System\\TestFilter", FilterEntry);
+        ASSERT_NE(driver_, nullptr);
+        ASSERT_EQ(IoCreateDevice(driver_, sizeof(FilterExt), nullptr, FILE_DEVICE_UNKNOWN, 0, FALSE, &middle_),
+                  STATUS_SUCCESS);
+        ASSERT_EQ(IoCreateDevice(driver_, sizeof(FilterExt), nullptr, FILE_DEVICE_UNKNOWN, 0, FALSE, &top_),
+                  STATUS_SUCCESS);
+        Ext(middle_)->lower = IoAttachDeviceToDeviceStack(middle_, pdo_);
+        Ext(top_)->lower = IoAttachDeviceToDeviceStack(top_, pdo_);
+        ASSERT_EQ(Ext(top_)->lower, middle_);
+        ASSERT_EQ(top_->StackSize, 3);
+    }
+    void TearDown() override {
+        IoDetachDevice(middle_);
+        IoDeleteDevice(top_);
+        IoDetachDevice(pdo_);
+        IoDeleteDevice(middle_);
+        kvsim::UnloadDriver(driver_);
+        kvsim::DeleteBusPdo(pdo_);
+    }
+    static FilterExt* Ext(PDEVICE_OBJECT d) { return static_cast<FilterExt*>(d->DeviceExtension); }
+    void Configure(PDEVICE_OBJECT d, int who, bool onSuccess, bool onError) {
+        *Ext(d) = FilterExt{Ext(d)->lower, RoutineA, reinterpret_cast<PVOID>(static_cast<intptr_t>(who)),
+                            static_cast<BOOLEAN>(onSuccess), static_cast<BOOLEAN>(onError), TRUE};
+    }
+    // An IRP of the top's stack size with the owner's routine in its first
+    // location, sent to the top; returns what IoCallDriver returned.
+    NTSTATUS Send(PIRP irp) {
+        IoGetNextIrpStackLocation(irp)->MajorFunction = IRP_MJ_INTERNAL_DEVICE_CONTROL;
+        IoSetCompletionRoutine(irp, OwnerDone, reinterpret_cast<PVOID>(static_cast<intptr_t>(0)), TRUE, TRUE, TRUE);
+        return IoCallDriver(top_, irp);
+    }
+    void CompletePending(NTSTATUS status) {
+        ASSERT_NE(pending_, nullptr);
+        PIRP irp = pending_;
+        pending_ = nullptr;
+        irp->IoStatus.Status = status;
+        IoCompleteRequest(irp, IO_NO_INCREMENT);
+    }
+
+    PDEVICE_OBJECT pdo_ = nullptr, middle_ = nullptr, top_ = nullptr;
+    PDRIVER_OBJECT driver_ = nullptr;
+    PIRP pending_ = nullptr;
+    bool completeAtOnce_ = false;
+};
+
+}  // namespace
+
+TEST_F(IoStack, CompletionRoutinesRunBottomUpWithTheirDeviceAndContext) {
+    Configure(top_, 1, true, true);
+    Configure(middle_, 2, true, true);
+    PIRP irp = IoAllocateIrp(top_->StackSize, FALSE);
+    EXPECT_EQ(Send(irp), STATUS_PENDING);
+    EXPECT_EQ(IoGetCurrentIrpStackLocation(pending_)->DeviceObject, pdo_);
+    CompletePending(STATUS_SUCCESS);
+    ASSERT_EQ(g_calls.size(), 3u);
+    // The middle filter's routine sits in the PDO's location and gets the
+    // middle device; the top's gets the top; the owner's gets NULL.
+    EXPECT_EQ(g_calls[0].who, 2);
+    EXPECT_EQ(g_calls[0].device, middle_);
+    EXPECT_EQ(g_calls[1].who, 1);
+    EXPECT_EQ(g_calls[1].device, top_);
+    EXPECT_EQ(g_calls[2].who, 0);
+    EXPECT_EQ(g_calls[2].device, nullptr);
+    IoFreeIrp(irp);
+}
+
+TEST_F(IoStack, PendingReturnedPropagatesUpTheStack) {
+    Configure(middle_, 2, true, true);  // the top has no routine: the I/O manager propagates
+    PIRP irp = IoAllocateIrp(top_->StackSize, FALSE);
+    Send(irp);
+    CompletePending(STATUS_SUCCESS);
+    ASSERT_EQ(g_calls.size(), 2u);
+    EXPECT_TRUE(g_calls[0].pendingReturned);  // the PDO marked its location pending
+    EXPECT_TRUE(g_calls[1].pendingReturned);  // carried through the routine and the skipped location
+    IoFreeIrp(irp);
+}
+
+TEST_F(IoStack, PendingReturnedIsFalseForSynchronousCompletion) {
+    Configure(middle_, 2, true, true);
+    completeAtOnce_ = true;
+    PIRP irp = IoAllocateIrp(top_->StackSize, FALSE);
+    EXPECT_EQ(Send(irp), STATUS_SUCCESS);
+    ASSERT_EQ(g_calls.size(), 2u);
+    EXPECT_FALSE(g_calls[0].pendingReturned);
+    EXPECT_FALSE(g_calls[1].pendingReturned);
+    IoFreeIrp(irp);
+}
+
+TEST_F(IoStack, InvokeOnErrorOnlyRoutineIsSkippedOnSuccess) {
+    Configure(top_, 1, true, true);
+    Configure(middle_, 2, false, true);  // error only
+    PIRP irp = IoAllocateIrp(top_->StackSize, FALSE);
+    Send(irp);
+    CompletePending(STATUS_SUCCESS);
+    ASSERT_EQ(g_calls.size(), 2u);
+    EXPECT_EQ(g_calls[0].who, 1);
+    EXPECT_EQ(g_calls[1].who, 0);
+    IoFreeIrp(irp);
+    // ... and called on an error.
+    g_calls.clear();
+    irp = IoAllocateIrp(top_->StackSize, FALSE);
+    Send(irp);
+    CompletePending(STATUS_UNSUCCESSFUL);
+    ASSERT_EQ(g_calls.size(), 3u);
+    EXPECT_EQ(g_calls[0].who, 2);
+    IoFreeIrp(irp);
+}
+
+namespace {
+int g_stopCalls = 0;
+NTSTATUS StopOnce(PDEVICE_OBJECT d, PIRP irp, PVOID) {
+    ++g_stopCalls;
+    return STATUS_MORE_PROCESSING_REQUIRED;
+}
+}  // namespace
+
+TEST_F(IoStack, MoreProcessingRequiredStopsCompletionAndTheIrpCanBeCompletedAgain) {
+    Configure(top_, 1, true, true);
+    *Ext(middle_) = FilterExt{Ext(middle_)->lower, StopOnce, nullptr, TRUE, TRUE, TRUE};
+    g_stopCalls = 0;
+    PIRP irp = IoAllocateIrp(top_->StackSize, FALSE);
+    Send(irp);
+    PIRP held = pending_;
+    CompletePending(STATUS_SUCCESS);
+    EXPECT_EQ(g_stopCalls, 1);
+    EXPECT_TRUE(g_calls.empty());           // the routines above did not run
+    EXPECT_EQ(kvsim::LiveIrpCount(), 1u);   // and the IRP was not freed
+    // The middle driver owns the IRP again and completes it once more: the
+    // walk resumes at the middle driver's own location.
+    held->IoStatus.Status = STATUS_SUCCESS;
+    IoCompleteRequest(held, IO_NO_INCREMENT);
+    EXPECT_EQ(g_stopCalls, 1);
+    ASSERT_EQ(g_calls.size(), 2u);
+    EXPECT_EQ(g_calls[0].who, 1);
+    EXPECT_EQ(g_calls[1].who, 0);
+    EXPECT_TRUE(kvsim::TakeViolations().empty());
+    IoFreeIrp(irp);
+}
+
+namespace {
+PIRP g_cancelled = nullptr;
+VOID CancelRoutine(PDEVICE_OBJECT device, PIRP irp) {
+    g_cancelled = irp;
+    EXPECT_EQ(KeGetCurrentIrql(), DISPATCH_LEVEL);
+    IoReleaseCancelSpinLock(irp->CancelIrql);
+    irp->IoStatus.Status = STATUS_CANCELLED;
+    irp->IoStatus.Information = 0;
+    IoCompleteRequest(irp, IO_NO_INCREMENT);
+}
+}  // namespace
+
+TEST_F(IoStack, CancelIrpCallsTheCancelRoutineAndTheIrpCompletesCancelled) {
+    Configure(top_, 1, true, true);
+    PIRP irp = IoAllocateIrp(top_->StackSize, FALSE);
+    Send(irp);
+    IoSetCancelRoutine(pending_, CancelRoutine);
+    g_cancelled = nullptr;
+    EXPECT_TRUE(IoCancelIrp(irp));
+    EXPECT_EQ(g_cancelled, irp);
+    EXPECT_TRUE(irp->Cancel);
+    EXPECT_EQ(irp->IoStatus.Status, STATUS_CANCELLED);
+    ASSERT_EQ(g_calls.size(), 2u);  // completion reached the owner
+    EXPECT_EQ(KeGetCurrentIrql(), PASSIVE_LEVEL);
+    pending_ = nullptr;
+    IoFreeIrp(irp);
+}
+
+TEST_F(IoStack, CancelIrpWithoutCancelRoutineReturnsFalse) {
+    PIRP irp = IoAllocateIrp(top_->StackSize, FALSE);
+    Send(irp);
+    EXPECT_FALSE(IoCancelIrp(irp));
+    EXPECT_TRUE(irp->Cancel);
+    EXPECT_EQ(KeGetCurrentIrql(), PASSIVE_LEVEL);
+    CompletePending(STATUS_CANCELLED);
+    IoFreeIrp(irp);
+}
+
+TEST_F(IoStack, DeviceIoControlRequestSignalsItsEventAndFillsItsStatusBlock) {
+    KEVENT event;
+    KeInitializeEvent(&event, NotificationEvent, FALSE);
+    IO_STATUS_BLOCK iosb{};
+    iosb.Status = STATUS_PENDING;
+    PIRP irp = IoBuildDeviceIoControlRequest(0x220003, top_, nullptr, 0, nullptr, 0, TRUE, &event, &iosb);
+    ASSERT_NE(irp, nullptr);
+    EXPECT_EQ(IoGetNextIrpStackLocation(irp)->MajorFunction, IRP_MJ_INTERNAL_DEVICE_CONTROL);
+    EXPECT_EQ(IoGetNextIrpStackLocation(irp)->Parameters.DeviceIoControl.IoControlCode, 0x220003u);
+    ASSERT_EQ(IoCallDriver(top_, irp), STATUS_PENDING);
+    // The bus completes it 5 ms later from DISPATCH_LEVEL.
+    PIRP held = pending_;
+    kvsim::ScheduleAt(kvsim::Now() + 5 * kvsim::kMillisecond, [held] {
+        held->IoStatus.Status = STATUS_SUCCESS;
+        held->IoStatus.Information = 42;
+        IoCompleteRequest(held, IO_NO_INCREMENT);
+    });
+    LARGE_INTEGER timeout;
+    timeout.QuadPart = -kvsim::kSecond;
+    EXPECT_EQ(KeWaitForSingleObject(&event, Executive, KernelMode, FALSE, &timeout), STATUS_SUCCESS);
+    EXPECT_EQ(iosb.Status, STATUS_SUCCESS);
+    EXPECT_EQ(iosb.Information, 42u);
+    EXPECT_EQ(kvsim::LiveIrpCount(), 0u);  // the I/O manager freed it
+    pending_ = nullptr;
+}
+
+TEST_F(IoStack, BufferedDeviceIoControlCopiesTheOutputBack) {
+    kvsim::PdoCallbacks callbacks;
+    callbacks.deviceControl = [](PDEVICE_OBJECT, PIRP irp) {
+        auto* buffer = static_cast<UCHAR*>(irp->AssociatedIrp.SystemBuffer);
+        buffer[0] = static_cast<UCHAR>(buffer[0] + 1);  // input in, output out, same buffer
+        irp->IoStatus.Status = STATUS_SUCCESS;
+        irp->IoStatus.Information = 1;
+        IoCompleteRequest(irp, IO_NO_INCREMENT);
+        return STATUS_SUCCESS;
+    };
+    PDEVICE_OBJECT pdo = kvsim::CreateBusPdo(u"TestBus", callbacks);
+    KEVENT event;
+    KeInitializeEvent(&event, NotificationEvent, FALSE);
+    IO_STATUS_BLOCK iosb{};
+    UCHAR in = 7, out[4] = {0, 9, 9, 9};
+    PIRP irp = IoBuildDeviceIoControlRequest(CTL_CODE(FILE_DEVICE_UNKNOWN, 1, METHOD_BUFFERED, FILE_ANY_ACCESS), pdo,
+                                             &in, 1, out, sizeof(out), FALSE, &event, &iosb);
+    ASSERT_NE(irp, nullptr);
+    EXPECT_EQ(IoCallDriver(pdo, irp), STATUS_SUCCESS);
+    EXPECT_EQ(KeReadStateEvent(&event), 1);
+    EXPECT_EQ(out[0], 8);
+    EXPECT_EQ(out[1], 9);  // only Information bytes are copied
+    kvsim::DeleteBusPdo(pdo);
+}
+
+TEST_F(IoStack, ReuseIrpResetsTheIrp) {
+    Configure(top_, 1, true, true);
+    PIRP irp = IoAllocateIrp(top_->StackSize, FALSE);
+    Send(irp);
+    CompletePending(STATUS_UNSUCCESSFUL);
+    irp->Cancel = TRUE;
+    IoReuseIrp(irp, STATUS_NOT_SUPPORTED);
+    EXPECT_EQ(irp->IoStatus.Status, STATUS_NOT_SUPPORTED);
+    EXPECT_EQ(irp->IoStatus.Information, 0u);
+    EXPECT_FALSE(irp->Cancel);
+    EXPECT_FALSE(irp->PendingReturned);
+    EXPECT_EQ(irp->CurrentLocation, irp->StackCount + 1);
+    EXPECT_EQ(irp->StackCount, top_->StackSize);
+    EXPECT_EQ(IoGetNextIrpStackLocation(irp)->CompletionRoutine, nullptr);
+    // It can be sent again.
+    g_calls.clear();
+    EXPECT_EQ(Send(irp), STATUS_PENDING);
+    CompletePending(STATUS_SUCCESS);
+    EXPECT_EQ(g_calls.size(), 2u);
+    IoFreeIrp(irp);
+}
+
+TEST_F(IoStack, CallingDownWithNoStackLocationLeftIsAViolation) {
+    PIRP irp = IoAllocateIrp(1, FALSE);
+    IoSetNextIrpStackLocation(irp);  // its owner used the only location itself
+    IoGetCurrentIrpStackLocation(irp)->MajorFunction = IRP_MJ_INTERNAL_DEVICE_CONTROL;
+    EXPECT_NE(IoCallDriver(pdo_, irp), STATUS_PENDING);
+    EXPECT_EQ(pending_, nullptr);  // the PDO was not called
+    auto v = kvsim::TakeViolations();
+    ASSERT_EQ(v.size(), 1u);
+    EXPECT_NE(v[0].find("NO_MORE_IRP_STACK_LOCATIONS"), std::string::npos) << v[0];
+    IoFreeIrp(irp);
+}
+
+// An IRP from IoAllocateIrp whose owner stopped completion belongs to the
+// owner again, who frees it; handing it to IoCompleteRequest instead would
+// send the I/O manager's post-processing to a thread that never asked.
+TEST_F(IoStack, CompletingAnAllocatedIrpPastItsTopIsAViolation) {
+    PIRP irp = IoAllocateIrp(1, FALSE);
+    IoGetNextIrpStackLocation(irp)->MajorFunction = IRP_MJ_INTERNAL_DEVICE_CONTROL;
+    IoSetCompletionRoutine(irp, OwnerDone, nullptr, TRUE, TRUE, TRUE);
+    IoCallDriver(pdo_, irp);
+    CompletePending(STATUS_SUCCESS);
+    IoCompleteRequest(irp, IO_NO_INCREMENT);
+    auto v = kvsim::TakeViolations();
+    ASSERT_EQ(v.size(), 1u);
+    EXPECT_NE(v[0].find("not a threaded IRP"), std::string::npos) << v[0];
+    IoFreeIrp(irp);
+}
+
+// The pattern of Part 1.2's GetBusInterface: a synchronous IRP from
+// IoBuildSynchronousFsdRequest whose owner's routine signals and stops
+// completion; the owner then calls IoCompleteRequest, which lets the I/O
+// manager finish it (status block, event, free).
+TEST_F(IoStack, OwnerCompletesAThreadedIrpAfterStoppingCompletion) {
+    KEVENT event;
+    KeInitializeEvent(&event, NotificationEvent, FALSE);
+    IO_STATUS_BLOCK iosb{};
+    PIRP irp = IoBuildSynchronousFsdRequest(IRP_MJ_PNP, top_, nullptr, 0, nullptr, &event, &iosb);
+    ASSERT_NE(irp, nullptr);
+    irp->IoStatus.Status = STATUS_NOT_SUPPORTED;
+    IoGetNextIrpStackLocation(irp)->MinorFunction = IRP_MN_QUERY_INTERFACE;
+    IoSetCompletionRoutine(irp, OwnerDone, reinterpret_cast<PVOID>(static_cast<intptr_t>(7)), TRUE, TRUE, TRUE);
+    // The bus PDO answers a query for an interface it does not have by
+    // completing the IRP with its status unchanged.
+    EXPECT_EQ(IoCallDriver(top_, irp), STATUS_NOT_SUPPORTED);
+    ASSERT_EQ(g_calls.size(), 1u);
+    EXPECT_EQ(g_calls[0].who, 7);
+    EXPECT_EQ(kvsim::LiveIrpCount(), 1u);      // stopped: the owner holds it
+    EXPECT_EQ(KeReadStateEvent(&event), 0);    // the I/O manager has not finished it
+    IoCompleteRequest(irp, IO_NO_INCREMENT);
+    EXPECT_EQ(KeReadStateEvent(&event), 1);
+    EXPECT_EQ(iosb.Status, STATUS_NOT_SUPPORTED);
+    EXPECT_EQ(kvsim::LiveIrpCount(), 0u);
+    EXPECT_TRUE(kvsim::TakeViolations().empty());
+}
+
+TEST(Irp, AllocatedIrpNeverFreedIsReportedAsALeak) {
+    PIRP kept = IoAllocateIrp(2, FALSE);
+    PIRP freed = IoAllocateIrp(1, FALSE);
+    ASSERT_NE(kept, nullptr);
+    EXPECT_EQ(kvsim::LiveIrpCount(), 2u);
+    IoFreeIrp(freed);
+    EXPECT_EQ(kvsim::LiveIrpCount(), 1u);
+    auto lines = kvsim::IoEndOfTestCheck();  // also frees `kept`
+    ASSERT_EQ(lines.size(), 1u);
+    EXPECT_NE(lines[0].find("IRP still allocated: #1"), std::string::npos) << lines[0];
+    EXPECT_EQ(kvsim::LiveIrpCount(), 0u);
+}
+
+TEST(Irp, FreeingTwiceIsAViolation) {
+    PIRP irp = IoAllocateIrp(1, FALSE);
+    IoFreeIrp(irp);
+    IoFreeIrp(irp);
+    EXPECT_EQ(kvsim::TakeViolations().size(), 1u);
+}
+
+TEST(Irp, AllocationFailsUnderFaultInjection) {
+    kvsim::PoolFailTag(kvsim::PoolTag("Irp "));
+    EXPECT_EQ(IoAllocateIrp(2, FALSE), nullptr);
+    kvsim::PoolResetFaultInjection();
+}
+
+TEST(Irp, Is32bitProcessFollowsTheIssuingThreadAndThePerIrpSwitch) {
+    PIRP native = IoAllocateIrp(1, FALSE);
+    kvsim::SetCurrentThreadIs32bit(true);
+    PIRP wow = IoAllocateIrp(1, FALSE);
+    EXPECT_TRUE(IoIs32bitProcess(nullptr));
+    kvsim::SetCurrentThreadIs32bit(false);
+    EXPECT_FALSE(IoIs32bitProcess(native));
+    EXPECT_TRUE(IoIs32bitProcess(wow));
+    kvsim::SetIrpFrom32bitProcess(native, true);
+    EXPECT_TRUE(IoIs32bitProcess(native));
+    IoFreeIrp(native);
+    IoFreeIrp(wow);
+}

@@ -1,0 +1,502 @@
+// Tests of the simulated kernel's dispatcher objects, waits, timers, DPCs,
+// IRQL and spin locks, in the default Virtual clock mode.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <string>
+#include <vector>
+
+#include "kvsim/diag.h"
+#include "kvsim/sched.h"
+#include "wdm.h"
+
+namespace {
+
+using kvsim::kMillisecond;
+using kvsim::kSecond;
+
+// These tests check exact virtual times and the baton's order, so they run
+// in Virtual mode even where KVSIM_MODE says otherwise (the tsan preset);
+// ke_parallel_test covers Parallel mode.
+const bool g_virtual = [] {
+    kvsim::SetClockMode(kvsim::ClockMode::Virtual);
+    return true;
+}();
+
+LARGE_INTEGER Relative(LONGLONG duration100ns) {
+    LARGE_INTEGER li;
+    li.QuadPart = -duration100ns;
+    return li;
+}
+
+// Runs `fn` on a new system thread and returns its thread object (referenced).
+template <typename Fn>
+PVOID StartThread(Fn* fn) {
+    HANDLE handle = nullptr;
+    NTSTATUS status = PsCreateSystemThread(
+        &handle, THREAD_ALL_ACCESS, nullptr, nullptr, nullptr,
+        [](PVOID ctx) { (*static_cast<Fn*>(ctx))(); }, fn);
+    EXPECT_EQ(status, STATUS_SUCCESS);
+    PVOID object = nullptr;
+    EXPECT_EQ(ObReferenceObjectByHandle(handle, SYNCHRONIZE, *PsThreadType, KernelMode, &object, nullptr),
+              STATUS_SUCCESS);
+    ZwClose(handle);
+    return object;
+}
+
+void JoinThread(PVOID object) {
+    EXPECT_EQ(KeWaitForSingleObject(object, Executive, KernelMode, FALSE, nullptr), STATUS_WAIT_0);
+    ObDereferenceObject(object);
+}
+
+bool ContainsViolation(const std::vector<std::string>& violations, const std::string& part) {
+    for (auto& v : violations)
+        if (v.find(part) != std::string::npos) return true;
+    return false;
+}
+
+TEST(KeEvents, NotificationEventStaysSignalledAcrossSatisfiedWaits) {
+    KEVENT event;
+    KeInitializeEvent(&event, NotificationEvent, FALSE);
+    LARGE_INTEGER zero{};
+    EXPECT_EQ(KeWaitForSingleObject(&event, Executive, KernelMode, FALSE, &zero), STATUS_TIMEOUT);
+    EXPECT_EQ(KeSetEvent(&event, IO_NO_INCREMENT, FALSE), 0);
+    EXPECT_EQ(KeWaitForSingleObject(&event, Executive, KernelMode, FALSE, &zero), STATUS_WAIT_0);
+    EXPECT_EQ(KeWaitForSingleObject(&event, Executive, KernelMode, FALSE, &zero), STATUS_WAIT_0);
+    EXPECT_EQ(KeReadStateEvent(&event), 1);
+    EXPECT_EQ(KeSetEvent(&event, IO_NO_INCREMENT, FALSE), 1);
+    EXPECT_EQ(KeResetEvent(&event), 1);
+    EXPECT_EQ(KeReadStateEvent(&event), 0);
+}
+
+TEST(KeEvents, SynchronizationEventResetsAfterOneSatisfiedWait) {
+    KEVENT event;
+    KeInitializeEvent(&event, SynchronizationEvent, TRUE);
+    LARGE_INTEGER zero{};
+    EXPECT_EQ(KeWaitForSingleObject(&event, Executive, KernelMode, FALSE, &zero), STATUS_WAIT_0);
+    EXPECT_EQ(KeReadStateEvent(&event), 0);
+    EXPECT_EQ(KeWaitForSingleObject(&event, Executive, KernelMode, FALSE, &zero), STATUS_TIMEOUT);
+}
+
+TEST(KeEvents, SetEventWakesOnlyOneSynchronizationWaiterAllNotificationWaiters) {
+    KEVENT sync, notification;
+    KeInitializeEvent(&sync, SynchronizationEvent, FALSE);
+    KeInitializeEvent(&notification, NotificationEvent, FALSE);
+    int syncWoken = 0, notificationWoken = 0;
+    auto syncWaiter = [&] {
+        LARGE_INTEGER timeout = Relative(1 * kSecond);
+        if (KeWaitForSingleObject(&sync, Executive, KernelMode, FALSE, &timeout) == STATUS_WAIT_0) ++syncWoken;
+    };
+    auto notificationWaiter = [&] {
+        KeWaitForSingleObject(&notification, Executive, KernelMode, FALSE, nullptr);
+        ++notificationWoken;
+    };
+    std::vector<PVOID> threads;
+    for (int i = 0; i < 3; ++i) threads.push_back(StartThread(&syncWaiter));
+    for (int i = 0; i < 3; ++i) threads.push_back(StartThread(&notificationWaiter));
+    kvsim::RunUntilIdle();
+    KeSetEvent(&sync, IO_NO_INCREMENT, FALSE);
+    KeSetEvent(&notification, IO_NO_INCREMENT, FALSE);
+    for (PVOID t : threads) JoinThread(t);
+    EXPECT_EQ(syncWoken, 1);
+    EXPECT_EQ(notificationWoken, 3);
+}
+
+TEST(KeSemaphores, ReleasedNTimesSatisfiesNWaits) {
+    KSEMAPHORE semaphore;
+    KeInitializeSemaphore(&semaphore, 0, 10);
+    EXPECT_EQ(KeReleaseSemaphore(&semaphore, SEMAPHORE_INCREMENT, 3, FALSE), 0);
+    EXPECT_EQ(KeReadStateSemaphore(&semaphore), 3);
+    LARGE_INTEGER zero{};
+    for (int i = 0; i < 3; ++i)
+        EXPECT_EQ(KeWaitForSingleObject(&semaphore, Executive, KernelMode, FALSE, &zero), STATUS_WAIT_0) << i;
+    EXPECT_EQ(KeWaitForSingleObject(&semaphore, Executive, KernelMode, FALSE, &zero), STATUS_TIMEOUT);
+}
+
+TEST(KeSemaphores, ReleasePastTheLimitIsAViolation) {
+    KSEMAPHORE semaphore;
+    KeInitializeSemaphore(&semaphore, 1, 1);
+    EXPECT_EQ(KeReleaseSemaphore(&semaphore, SEMAPHORE_INCREMENT, 1, FALSE), 1);
+    EXPECT_TRUE(ContainsViolation(kvsim::TakeViolations(), "STATUS_SEMAPHORE_LIMIT_EXCEEDED"));
+    EXPECT_EQ(KeReadStateSemaphore(&semaphore), 1);
+}
+
+TEST(KeMutexes, OwnerMayAcquireRecursivelyAndOthersWait) {
+    KMUTEX mutex;
+    KeInitializeMutex(&mutex, 0);
+    EXPECT_EQ(KeWaitForSingleObject(&mutex, Executive, KernelMode, FALSE, nullptr), STATUS_WAIT_0);
+    EXPECT_EQ(KeWaitForSingleObject(&mutex, Executive, KernelMode, FALSE, nullptr), STATUS_WAIT_0);
+    NTSTATUS otherResult = STATUS_SUCCESS;
+    auto other = [&] {
+        LARGE_INTEGER zero{};
+        otherResult = KeWaitForSingleObject(&mutex, Executive, KernelMode, FALSE, &zero);
+    };
+    JoinThread(StartThread(&other));
+    EXPECT_EQ(otherResult, STATUS_TIMEOUT);
+    EXPECT_EQ(KeReleaseMutex(&mutex, FALSE), -1);
+    EXPECT_EQ(KeReleaseMutex(&mutex, FALSE), 0);
+    EXPECT_EQ(KeReadStateMutex(&mutex), 1);
+    KeReleaseMutex(&mutex, FALSE);
+    EXPECT_TRUE(ContainsViolation(kvsim::TakeViolations(), "STATUS_MUTANT_NOT_OWNED"));
+}
+
+TEST(KeWaits, WaitAnyReturnsTheIndexOfTheSignalledObject) {
+    KEVENT events[3];
+    for (auto& e : events) KeInitializeEvent(&e, NotificationEvent, FALSE);
+    KeSetEvent(&events[2], IO_NO_INCREMENT, FALSE);
+    PVOID objects[3] = {&events[0], &events[1], &events[2]};
+    EXPECT_EQ(KeWaitForMultipleObjects(3, objects, WaitAny, Executive, KernelMode, FALSE, nullptr, nullptr),
+              STATUS_WAIT_0 + 2);
+    KeSetEvent(&events[1], IO_NO_INCREMENT, FALSE);
+    EXPECT_EQ(KeWaitForMultipleObjects(3, objects, WaitAny, Executive, KernelMode, FALSE, nullptr, nullptr),
+              STATUS_WAIT_0 + 1);
+}
+
+TEST(KeWaits, WaitAllWaitsForEveryObject) {
+    KEVENT a, b;
+    KeInitializeEvent(&a, SynchronizationEvent, FALSE);
+    KeInitializeEvent(&b, SynchronizationEvent, FALSE);
+    LONGLONG doneAt = -1;
+    auto waiter = [&] {
+        PVOID objects[2] = {&a, &b};
+        EXPECT_EQ(KeWaitForMultipleObjects(2, objects, WaitAll, Executive, KernelMode, FALSE, nullptr, nullptr),
+                  STATUS_WAIT_0);
+        doneAt = kvsim::Now();
+    };
+    LONGLONG start = kvsim::Now();
+    PVOID thread = StartThread(&waiter);
+    KeSetEvent(&a, IO_NO_INCREMENT, FALSE);
+    kvsim::RunFor(1 * kSecond);
+    EXPECT_EQ(doneAt, -1);
+    EXPECT_EQ(KeReadStateEvent(&a), 1);  // not consumed by a partial WaitAll
+    KeSetEvent(&b, IO_NO_INCREMENT, FALSE);
+    JoinThread(thread);
+    EXPECT_EQ(doneAt, start + 1 * kSecond);
+    EXPECT_EQ(KeReadStateEvent(&a), 0);
+    EXPECT_EQ(KeReadStateEvent(&b), 0);
+}
+
+TEST(KeWaits, ManyObjectsNeedAWaitBlockArray) {
+    KEVENT events[5];
+    PVOID objects[5];
+    for (int i = 0; i < 5; ++i) {
+        KeInitializeEvent(&events[i], NotificationEvent, TRUE);
+        objects[i] = &events[i];
+    }
+    KWAIT_BLOCK blocks[5];
+    EXPECT_EQ(KeWaitForMultipleObjects(5, objects, WaitAll, Executive, KernelMode, FALSE, nullptr, blocks),
+              STATUS_WAIT_0);
+    EXPECT_EQ(KeWaitForMultipleObjects(5, objects, WaitAll, Executive, KernelMode, FALSE, nullptr, nullptr),
+              STATUS_INVALID_PARAMETER);
+    EXPECT_TRUE(ContainsViolation(kvsim::TakeViolations(), "WaitBlockArray"));
+}
+
+TEST(KeWaits, TimesOutAfterExactlyTheRequestedVirtualTime) {
+    KEVENT event;
+    KeInitializeEvent(&event, NotificationEvent, FALSE);
+    LONGLONG start = kvsim::Now();
+    LARGE_INTEGER timeout = Relative(250 * kMillisecond);
+    EXPECT_EQ(KeWaitForSingleObject(&event, Executive, KernelMode, FALSE, &timeout), STATUS_TIMEOUT);
+    EXPECT_EQ(kvsim::Now() - start, 250 * kMillisecond);
+}
+
+TEST(KeWaits, AbsoluteTimeoutIsSystemTime) {
+    KEVENT event;
+    KeInitializeEvent(&event, NotificationEvent, FALSE);
+    LARGE_INTEGER now;
+    KeQuerySystemTime(&now);
+    LARGE_INTEGER due;
+    due.QuadPart = now.QuadPart + 2 * kSecond;
+    LONGLONG start = kvsim::Now();
+    EXPECT_EQ(KeWaitForSingleObject(&event, Executive, KernelMode, FALSE, &due), STATUS_TIMEOUT);
+    EXPECT_EQ(kvsim::Now() - start, 2 * kSecond);
+}
+
+TEST(KeWaits, WaitAtDispatchLevelIsAViolation) {
+    KEVENT event;
+    KeInitializeEvent(&event, NotificationEvent, FALSE);
+    KIRQL old;
+    KeRaiseIrql(DISPATCH_LEVEL, &old);
+    LARGE_INTEGER zero{};
+    EXPECT_EQ(KeWaitForSingleObject(&event, Executive, KernelMode, FALSE, &zero), STATUS_TIMEOUT);
+    EXPECT_TRUE(kvsim::TakeViolations().empty()) << "a zero time-out is allowed at DISPATCH_LEVEL";
+    LARGE_INTEGER timeout = Relative(1 * kSecond);
+    KeWaitForSingleObject(&event, Executive, KernelMode, FALSE, &timeout);
+    KeLowerIrql(old);
+    auto violations = kvsim::TakeViolations();
+    ASSERT_EQ(violations.size(), 1u);
+    EXPECT_NE(violations[0].find("KeWaitForSingleObject at IRQL 2"), std::string::npos) << violations[0];
+}
+
+TEST(KeDelay, TenSecondsOfVirtualTimeTakeMillisecondsOfRealTime) {
+    auto realStart = std::chrono::steady_clock::now();
+    LONGLONG start = kvsim::Now();
+    LARGE_INTEGER interval = Relative(10 * kSecond);
+    EXPECT_EQ(KeDelayExecutionThread(KernelMode, FALSE, &interval), STATUS_SUCCESS);
+    EXPECT_EQ(kvsim::Now() - start, 10 * kSecond);
+    EXPECT_LT(std::chrono::steady_clock::now() - realStart, std::chrono::seconds(2));
+}
+
+// ---- timers and DPCs --------------------------------------------------------------------
+struct DpcLog {
+    std::vector<LONGLONG> times;
+    std::vector<KIRQL> irqls;
+};
+
+void LoggingDpc(PKDPC, PVOID context, PVOID, PVOID) {
+    auto* log = static_cast<DpcLog*>(context);
+    log->times.push_back(kvsim::Now());
+    log->irqls.push_back(KeGetCurrentIrql());
+}
+
+TEST(KeTimers, PeriodicTimerDpcRunsOncePerPeriodAtDispatchLevel) {
+    DpcLog log;
+    KDPC dpc;
+    KeInitializeDpc(&dpc, LoggingDpc, &log);
+    KTIMER timer;
+    KeInitializeTimerEx(&timer, NotificationTimer);
+    LONGLONG start = kvsim::Now();
+    EXPECT_FALSE(KeSetTimerEx(&timer, Relative(5 * kSecond), 5000, &dpc));
+    kvsim::RunFor(20 * kSecond);
+    ASSERT_EQ(log.times.size(), 4u);
+    for (size_t i = 0; i < 4; ++i) {
+        EXPECT_EQ(log.times[i] - start, static_cast<LONGLONG>(i + 1) * 5 * kSecond) << i;
+        EXPECT_EQ(log.irqls[i], DISPATCH_LEVEL);
+    }
+    EXPECT_EQ(kvsim::GetSchedCounters().timersArmed, 1u);
+    EXPECT_TRUE(KeCancelTimer(&timer));
+    kvsim::RunFor(20 * kSecond);
+    EXPECT_EQ(log.times.size(), 4u) << "KeCancelTimer stops the periodic timer";
+    EXPECT_FALSE(KeCancelTimer(&timer));
+    EXPECT_EQ(kvsim::GetSchedCounters().timersArmed, 0u);
+}
+
+TEST(KeTimers, OneShotTimerSignalsAWaitingThread) {
+    KTIMER timer;
+    KeInitializeTimer(&timer);
+    LONGLONG wokeAt = -1;
+    auto waiter = [&] {
+        EXPECT_EQ(KeWaitForSingleObject(&timer, Executive, KernelMode, FALSE, nullptr), STATUS_WAIT_0);
+        wokeAt = kvsim::Now();
+    };
+    LONGLONG start = kvsim::Now();
+    KeSetTimer(&timer, Relative(3 * kSecond), nullptr);
+    JoinThread(StartThread(&waiter));
+    EXPECT_EQ(wokeAt - start, 3 * kSecond);
+    EXPECT_TRUE(KeReadStateTimer(&timer));
+    EXPECT_EQ(kvsim::GetSchedCounters().timersArmed, 0u);
+}
+
+TEST(KeTimers, SettingASetTimerCancelsItFirst) {
+    KTIMER timer;
+    KeInitializeTimer(&timer);
+    EXPECT_FALSE(KeSetTimer(&timer, Relative(1 * kSecond), nullptr));
+    EXPECT_TRUE(KeSetTimer(&timer, Relative(2 * kSecond), nullptr));
+    LONGLONG start = kvsim::Now();
+    EXPECT_EQ(KeWaitForSingleObject(&timer, Executive, KernelMode, FALSE, nullptr), STATUS_WAIT_0);
+    EXPECT_EQ(kvsim::Now() - start, 2 * kSecond);
+}
+
+TEST(KeDpcs, DpcQueuedTwiceRunsOnce) {
+    DpcLog log;
+    KDPC dpc;
+    KeInitializeDpc(&dpc, LoggingDpc, &log);
+    uint64_t before = kvsim::GetSchedCounters().dpcsRun;
+    EXPECT_TRUE(KeInsertQueueDpc(&dpc, nullptr, nullptr));
+    EXPECT_FALSE(KeInsertQueueDpc(&dpc, nullptr, nullptr));
+    EXPECT_EQ(kvsim::GetSchedCounters().dpcsQueued, 1u);
+    KeFlushQueuedDpcs();
+    ASSERT_EQ(log.times.size(), 1u);
+    EXPECT_EQ(log.irqls[0], DISPATCH_LEVEL);
+    EXPECT_EQ(kvsim::GetSchedCounters().dpcsRun - before, 1u);
+    EXPECT_TRUE(KeInsertQueueDpc(&dpc, nullptr, nullptr)) << "may be queued again once it ran";
+    EXPECT_TRUE(KeRemoveQueueDpc(&dpc));
+    EXPECT_FALSE(KeRemoveQueueDpc(&dpc));
+    kvsim::RunUntilIdle();
+    EXPECT_EQ(log.times.size(), 1u);
+}
+
+void RaisingDpc(PKDPC, PVOID, PVOID, PVOID) {
+    KIRQL old;
+    KeRaiseIrql(HIGH_LEVEL, &old);
+}
+
+TEST(KeDpcs, DpcReturningAtAnotherIrqlIsAViolation) {
+    KDPC dpc;
+    KeInitializeDpc(&dpc, RaisingDpc, nullptr);
+    KeInsertQueueDpc(&dpc, nullptr, nullptr);
+    kvsim::RunUntilIdle();
+    EXPECT_TRUE(ContainsViolation(kvsim::TakeViolations(), "returned at IRQL 15"));
+}
+
+TEST(KeDpcs, ScheduledCallbackRunsAtItsTimeInDpcContext) {
+    LONGLONG ranAt = -1;
+    KIRQL irql = 0;
+    LONGLONG start = kvsim::Now();
+    kvsim::ScheduleAt(start + 7 * kMillisecond, [&] {
+        ranAt = kvsim::Now();
+        irql = KeGetCurrentIrql();
+    });
+    uint64_t cancelled = kvsim::ScheduleAt(start + 8 * kMillisecond, [] { ADD_FAILURE() << "cancelled callback ran"; });
+    EXPECT_TRUE(kvsim::CancelScheduled(cancelled));
+    EXPECT_FALSE(kvsim::CancelScheduled(cancelled));
+    EXPECT_TRUE(kvsim::RunUntil([&] { return ranAt >= 0; }, 1 * kSecond));
+    EXPECT_EQ(ranAt - start, 7 * kMillisecond);
+    EXPECT_EQ(kvsim::Now() - start, 7 * kMillisecond) << "RunUntil stops when the predicate holds";
+    EXPECT_EQ(irql, DISPATCH_LEVEL);
+}
+
+TEST(KeDpcs, RunUntilGivesUpAfterTheTimeout) {
+    LONGLONG start = kvsim::Now();
+    EXPECT_FALSE(kvsim::RunUntil([] { return false; }, 3 * kSecond));
+    EXPECT_EQ(kvsim::Now() - start, 3 * kSecond);
+}
+
+// ---- IRQL and spin locks ------------------------------------------------------------------
+TEST(KeIrql, RaiseAndLowerFollowTheRules) {
+    EXPECT_EQ(KeGetCurrentIrql(), PASSIVE_LEVEL);
+    KIRQL old;
+    KeRaiseIrql(APC_LEVEL, &old);
+    EXPECT_EQ(old, PASSIVE_LEVEL);
+    EXPECT_EQ(KeGetCurrentIrql(), APC_LEVEL);
+    KIRQL ignored;
+    KeRaiseIrql(PASSIVE_LEVEL, &ignored);
+    EXPECT_TRUE(ContainsViolation(kvsim::TakeViolations(), "KeRaiseIrql"));
+    KeLowerIrql(DISPATCH_LEVEL);
+    EXPECT_TRUE(ContainsViolation(kvsim::TakeViolations(), "KeLowerIrql"));
+    KeLowerIrql(PASSIVE_LEVEL);
+    EXPECT_EQ(KeGetCurrentIrql(), PASSIVE_LEVEL);
+}
+
+TEST(KeSpinLocks, AcquireRaisesToDispatchAndReleaseRestores) {
+    KSPIN_LOCK lock;
+    KeInitializeSpinLock(&lock);
+    KIRQL old;
+    KeAcquireSpinLock(&lock, &old);
+    EXPECT_EQ(old, PASSIVE_LEVEL);
+    EXPECT_EQ(KeGetCurrentIrql(), DISPATCH_LEVEL);
+    EXPECT_FALSE(KeTestSpinLock(&lock));
+    KeReleaseSpinLock(&lock, old);
+    EXPECT_EQ(KeGetCurrentIrql(), PASSIVE_LEVEL);
+    EXPECT_TRUE(KeTestSpinLock(&lock));
+
+    KLOCK_QUEUE_HANDLE handle;
+    KeAcquireInStackQueuedSpinLock(&lock, &handle);
+    EXPECT_EQ(KeGetCurrentIrql(), DISPATCH_LEVEL);
+    KeReleaseInStackQueuedSpinLock(&handle);
+    EXPECT_EQ(KeGetCurrentIrql(), PASSIVE_LEVEL);
+    EXPECT_TRUE(kvsim::TakeViolations().empty());
+}
+
+TEST(KeSpinLocks, MisuseIsReported) {
+    KSPIN_LOCK lock;
+    KeInitializeSpinLock(&lock);
+    KeReleaseSpinLock(&lock, PASSIVE_LEVEL);
+    EXPECT_TRUE(ContainsViolation(kvsim::TakeViolations(), "not held"));
+    KeAcquireSpinLockAtDpcLevel(&lock);
+    EXPECT_TRUE(ContainsViolation(kvsim::TakeViolations(), "must be >= DISPATCH_LEVEL"));
+    KeReleaseSpinLockFromDpcLevel(&lock);
+    kvsim::TakeViolations();
+    KIRQL old, old2;
+    KeAcquireSpinLock(&lock, &old);
+    KeAcquireSpinLock(&lock, &old2);
+    EXPECT_TRUE(ContainsViolation(kvsim::TakeViolations(), "already held by this thread"));
+    KeReleaseSpinLock(&lock, old);
+    EXPECT_EQ(KeGetCurrentIrql(), PASSIVE_LEVEL);
+}
+
+TEST(KeLists, ExInterlockedInsertTailAndRemoveHeadKeepFifoOrder) {
+    struct Item {
+        LIST_ENTRY link;
+        int value;
+    };
+    LIST_ENTRY head;
+    InitializeListHead(&head);
+    KSPIN_LOCK lock;
+    KeInitializeSpinLock(&lock);
+    Item items[3] = {{{}, 1}, {{}, 2}, {{}, 3}};
+    EXPECT_EQ(ExInterlockedInsertTailList(&head, &items[0].link, &lock), nullptr);
+    EXPECT_EQ(ExInterlockedInsertTailList(&head, &items[1].link, &lock), &items[0].link);
+    EXPECT_EQ(ExInterlockedInsertTailList(&head, &items[2].link, &lock), &items[1].link);
+    for (int expected = 1; expected <= 3; ++expected) {
+        PLIST_ENTRY e = ExInterlockedRemoveHeadList(&head, &lock);
+        ASSERT_NE(e, nullptr);
+        EXPECT_EQ(CONTAINING_RECORD(e, Item, link)->value, expected);
+    }
+    EXPECT_EQ(ExInterlockedRemoveHeadList(&head, &lock), nullptr);
+    EXPECT_TRUE(IsListEmpty(&head));
+    EXPECT_EQ(ExInterlockedInsertHeadList(&head, &items[0].link, &lock), nullptr);
+    EXPECT_EQ(ExInterlockedInsertHeadList(&head, &items[1].link, &lock), &items[0].link);
+    EXPECT_EQ(RemoveTailList(&head), &items[0].link);
+    EXPECT_TRUE(RemoveEntryList(&items[1].link));
+}
+
+TEST(KeInterlocked, ReturnValuesAreThoseOfWindows) {
+    LONG v = 5;
+    EXPECT_EQ(InterlockedIncrement(&v), 6);
+    EXPECT_EQ(InterlockedDecrement(&v), 5);
+    EXPECT_EQ(InterlockedExchange(&v, 9), 5);
+    EXPECT_EQ(InterlockedCompareExchange(&v, 1, 8), 9);
+    EXPECT_EQ(v, 9);
+    EXPECT_EQ(InterlockedCompareExchange(&v, 1, 9), 9);
+    EXPECT_EQ(v, 1);
+    EXPECT_EQ(InterlockedExchangeAdd(&v, 4), 1);
+    EXPECT_EQ(InterlockedOr(&v, 8), 5);
+    EXPECT_EQ(InterlockedAnd(&v, 4), 13);
+    EXPECT_EQ(v, 4);
+    PVOID p = nullptr;
+    int x;
+    EXPECT_EQ(InterlockedCompareExchangePointer(&p, &x, nullptr), nullptr);
+    EXPECT_EQ(InterlockedExchangePointer(&p, nullptr), &x);
+}
+
+TEST(KeFastMutex, RaisesToApcLevelAndExcludes) {
+    FAST_MUTEX m;
+    ExInitializeFastMutex(&m);
+    ExAcquireFastMutex(&m);
+    EXPECT_EQ(KeGetCurrentIrql(), APC_LEVEL);
+    ExReleaseFastMutex(&m);
+    EXPECT_EQ(KeGetCurrentIrql(), PASSIVE_LEVEL);
+
+    KEVENT held, release;
+    KeInitializeEvent(&held, NotificationEvent, FALSE);
+    KeInitializeEvent(&release, NotificationEvent, FALSE);
+    int order = 0, waiterSaw = -1;
+    auto holder = [&] {
+        ExAcquireFastMutex(&m);
+        KeSetEvent(&held, IO_NO_INCREMENT, FALSE);
+        KeWaitForSingleObject(&release, Executive, KernelMode, FALSE, nullptr);
+        order = 1;
+        ExReleaseFastMutex(&m);
+    };
+    auto waiter = [&] {
+        ExAcquireFastMutex(&m);
+        waiterSaw = order;
+        ExReleaseFastMutex(&m);
+    };
+    PVOID h = StartThread(&holder);
+    KeWaitForSingleObject(&held, Executive, KernelMode, FALSE, nullptr);
+    EXPECT_FALSE(ExTryToAcquireFastMutex(&m));
+    EXPECT_EQ(KeGetCurrentIrql(), PASSIVE_LEVEL);
+    PVOID w = StartThread(&waiter);
+    kvsim::RunFor(1 * kSecond);
+    EXPECT_EQ(waiterSaw, -1);
+    KeSetEvent(&release, IO_NO_INCREMENT, FALSE);
+    JoinThread(h);
+    JoinThread(w);
+    EXPECT_EQ(waiterSaw, 1);
+}
+
+TEST(KeTime, SystemTimeIsTheEpochPlusInterruptTime) {
+    LARGE_INTEGER system;
+    KeQuerySystemTime(&system);
+    ULONGLONG interrupt = KeQueryInterruptTime();
+    EXPECT_EQ(static_cast<ULONGLONG>(system.QuadPart) - interrupt, 134116992000000000ull);
+    LARGE_INTEGER frequency;
+    LARGE_INTEGER counter = KeQueryPerformanceCounter(&frequency);
+    EXPECT_EQ(frequency.QuadPart, 10000000);
+    EXPECT_EQ(static_cast<ULONGLONG>(counter.QuadPart), interrupt);
+    EXPECT_EQ(KeQueryTimeIncrement(), 156250u);
+}
+
+}  // namespace

@@ -1,0 +1,107 @@
+// Test fixture for the ks.sys simulation's tests: a simulated bus PDO that
+// answers IRP_MN_QUERY_CAPABILITIES as a bus driver does (S0 -> D0, the
+// sleep states -> D3), the test minidriver loaded on it through the
+// simulated PnP manager, and helpers to open its filter and capture pin with
+// the client API. TearDown closes what is open and removes the device, so
+// that the end-of-test checks see no leaks.
+#pragma once
+#include <gtest/gtest.h>
+
+#include <memory>
+
+#include "client/ks_client.h"
+#include "ks/pnp.h"
+#include "kvsim/io.h"
+#include "sim_ks/test_minidriver.h"
+
+namespace kvtest::ks {
+
+inline NTSTATUS BusPnp(PDEVICE_OBJECT, PIRP irp) {
+    PIO_STACK_LOCATION sp = IoGetCurrentIrpStackLocation(irp);
+    NTSTATUS status = irp->IoStatus.Status;
+    switch (sp->MinorFunction) {
+        case IRP_MN_QUERY_CAPABILITIES: {
+            PDEVICE_CAPABILITIES caps = sp->Parameters.DeviceCapabilities.Capabilities;
+            caps->Removable = 1;
+            caps->DeviceState[PowerSystemWorking] = PowerDeviceD0;
+            for (int s = PowerSystemSleeping1; s < PowerSystemMaximum; ++s) caps->DeviceState[s] = PowerDeviceD3;
+            status = STATUS_SUCCESS;
+            break;
+        }
+        case IRP_MN_START_DEVICE:
+        case IRP_MN_QUERY_STOP_DEVICE:
+        case IRP_MN_CANCEL_STOP_DEVICE:
+        case IRP_MN_STOP_DEVICE:
+        case IRP_MN_QUERY_REMOVE_DEVICE:
+        case IRP_MN_CANCEL_REMOVE_DEVICE:
+        case IRP_MN_REMOVE_DEVICE:
+        case IRP_MN_SURPRISE_REMOVAL:
+            status = STATUS_SUCCESS;
+            break;
+        default:
+            break;
+    }
+    irp->IoStatus.Status = status;
+    IoCompleteRequest(irp, IO_NO_INCREMENT);
+    return status;
+}
+
+class KsTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        ResetTestRecorder();
+        kvsim::PdoCallbacks callbacks;
+        callbacks.pnp = BusPnp;
+        pdo_ = kvsim::CreateBusPdo(u"kstestbus", callbacks);
+        NTSTATUS status = STATUS_UNSUCCESSFUL;
+        driver_ = kvsim::pnp::LoadDriver(u"kstestdrv", TestDriverEntry, &status);
+        ASSERT_NE(driver_, nullptr);
+        ASSERT_EQ(status, STATUS_SUCCESS);
+    }
+
+    void TearDown() override {
+        pin_.reset();
+        filter_.reset();
+        if (kvsim::pnp::HasFunctionDevice(pdo_)) {
+            if (surpriseRemoved_) {
+                kvsim::pnp::FinishSurpriseRemoval(pdo_);
+            } else {
+                kvsim::pnp::RemoveDevice(pdo_);
+            }
+        }
+        kvsim::DeleteBusPdo(pdo_);
+        if (driver_) kvsim::pnp::UnloadDriver(driver_);
+    }
+
+    void AddAndStart() {
+        ASSERT_EQ(kvsim::pnp::AddDevice(driver_, pdo_), STATUS_SUCCESS);
+        ASSERT_EQ(kvsim::pnp::StartDevice(pdo_), STATUS_SUCCESS);
+    }
+
+    void OpenFilter() {
+        auto filters = kvsim::client::EnumerateFilters(KSCATEGORY_CAPTURE);
+        ASSERT_EQ(filters.size(), 1u);
+        ASSERT_EQ(kvsim::client::Filter::Open(filters[0], &filter_), STATUS_SUCCESS);
+    }
+
+    NTSTATUS ConnectCapture(ULONG rangeIndex) {
+        KS_DATAFORMAT_VIDEOINFOHEADER format = MakeTestFormat(rangeIndex);
+        return filter_->CreatePin(kCapturePinId, &format.DataFormat, &pin_);
+    }
+
+    // Start, open the filter, connect the capture pin with range 0.
+    void OpenCapturePin() {
+        AddAndStart();
+        OpenFilter();
+        ASSERT_EQ(ConnectCapture(0), STATUS_SUCCESS);
+        ASSERT_NE(Recorder().capturePin, nullptr);
+    }
+
+    PDEVICE_OBJECT pdo_ = nullptr;
+    PDRIVER_OBJECT driver_ = nullptr;
+    std::unique_ptr<kvsim::client::Filter> filter_;
+    std::unique_ptr<kvsim::client::Pin> pin_;
+    bool surpriseRemoved_ = false;
+};
+
+}  // namespace kvtest::ks

@@ -1,0 +1,70 @@
+// kvcam: the USBKV developer's command-line tool.
+//
+//   kvcam --help
+//   kvcam driver [--sys PATH] [--json]
+//
+// Results go to stdout (text, or JSON with --json); errors go to stderr;
+// exit codes are those of commands.h. Later issues add `formats`, `info` and
+// streaming commands to the table below.
+#include <cstdio>
+#include <span>
+#include <string_view>
+#include <vector>
+
+#include "commands.h"
+
+namespace {
+
+struct Command {
+    std::string_view name;
+    std::string_view summary;
+    int (*run)(std::span<const std::string_view>);
+    void (*help)();
+};
+
+constexpr Command kCommands[] = {
+    {"driver", "describe the built kvdrv.sys (PE headers, sections, imports)", kvcam::RunDriverCommand,
+     kvcam::PrintDriverHelp},
+};
+
+void PrintHelp(std::FILE* out)
+{
+    std::fprintf(out, "usage: kvcam <command> [options]\n"
+                "       kvcam <command> --help\n\n"
+                "commands:\n");
+    for (const Command& c : kCommands) {
+        std::fprintf(out, "  %-10.*s %.*s\n", static_cast<int>(c.name.size()), c.name.data(),
+                    static_cast<int>(c.summary.size()), c.summary.data());
+    }
+    std::fprintf(out, "\nexit codes: 0 success, 1 failure, 2 bad command line\n");
+}
+
+}  // namespace
+
+int main(int argc, char** argv)
+{
+    std::vector<std::string_view> args(argv + 1, argv + argc);
+    if (args.empty()) {
+        PrintHelp(stderr);
+        return kvcam::kExitUsage;
+    }
+    if (args[0] == "--help" || args[0] == "-h" || args[0] == "help") {
+        PrintHelp(stdout);
+        return kvcam::kExitOk;
+    }
+    for (const Command& c : kCommands) {
+        if (args[0] == c.name) {
+            std::span<const std::string_view> rest(args.data() + 1, args.size() - 1);
+            for (std::string_view a : rest) {
+                if (a == "--help" || a == "-h") {
+                    c.help();
+                    return kvcam::kExitOk;
+                }
+            }
+            return c.run(rest);
+        }
+    }
+    std::fprintf(stderr, "kvcam: unknown command '%.*s' (try kvcam --help)\n", static_cast<int>(args[0].size()),
+                 args[0].data());
+    return kvcam::kExitUsage;
+}
