@@ -1,11 +1,18 @@
 // CCaptureDevice: the per-device object (Overview "Shared types", Part 1.1's
-// field list). This header holds the fields of Parts 1.1-1.3 and the
-// methods of Parts 1.2 (usb.cpp) and 1.3 (formats.cpp); the marked blocks
-// below belong to Parts 3.1 and 3.2 (controls/). Later Parts (1.4, 2.x,
-// 3.4) add their members in their own issues.
+// field list). This header holds the fields of Parts 1.1-1.4 and the
+// methods of Parts 1.1 (device.cpp), 1.2 (usb.cpp), 1.3 (formats.cpp) and
+// 1.4 (descriptors.cpp); the marked blocks below belong to Parts 3.1 and 3.2
+// (controls/). Later Parts (2.x, 3.4) add their members in their own issues.
 #pragma once
 
 #include "wdk.h"
+
+class CCaptureFilter;
+
+// Part 1.1: the device descriptor handed to KsInitializeDriver, and the
+// driver-wide flag the idle work item sets when it asks for D3 (device.cpp).
+extern const KSDEVICE_DESCRIPTOR g_KvDeviceDescriptor;
+extern ULONG g_KvIdlePowerDownRequested;
 
 class CCaptureDevice {
 public:
@@ -15,6 +22,63 @@ public:
     explicit CCaptureDevice(PKSDEVICE pKsDevice);
     ~CCaptureDevice();
     void ReleaseAllocations();
+
+    // Part 1.1: Add takes the object from non-paged pool with tag "KVaC"
+    // and constructs it in place (Create / Cleanup). Plain new and delete
+    // (tests that build a device of their own) keep the global allocator.
+    static CCaptureDevice* Create(PKSDEVICE pKsDevice);
+    static void* operator new(decltype(sizeof(0)) cb, void* pPlace) noexcept
+    {
+        UNREFERENCED_PARAMETER(cb);
+        return pPlace;
+    }
+    static void operator delete(void*, void*) noexcept {}
+    static void* operator new(decltype(sizeof(0)) cb) { return ::operator new(cb); }
+    static void operator delete(void* p) noexcept { ::operator delete(p); }
+
+    // ---- Part 1.1: the device dispatch routines (device.cpp) ----
+    static NTSTATUS DispatchAdd(PKSDEVICE pKsDevice);
+    static NTSTATUS DispatchStart(PKSDEVICE pKsDevice, PIRP pIrp, PCM_RESOURCE_LIST pTranslated,
+                                  PCM_RESOURCE_LIST pUntranslated);
+    static void DispatchStop(PKSDEVICE pKsDevice, PIRP pIrp);
+    static void DispatchRemove(PKSDEVICE pKsDevice, PIRP pIrp);
+    static NTSTATUS DispatchQueryCapabilities(PKSDEVICE pKsDevice, PIRP pIrp, PDEVICE_CAPABILITIES pCapabilities);
+    static void DispatchSurpriseRemoval(PKSDEVICE pKsDevice, PIRP pIrp);
+    static NTSTATUS DispatchQueryPower(PKSDEVICE pKsDevice, PIRP pIrp, DEVICE_POWER_STATE DeviceTo,
+                                       DEVICE_POWER_STATE DeviceFrom, SYSTEM_POWER_STATE SystemTo,
+                                       SYSTEM_POWER_STATE SystemFrom, POWER_ACTION Action);
+    static void DispatchSetPower(PKSDEVICE pKsDevice, PIRP pIrp, DEVICE_POWER_STATE To, DEVICE_POWER_STATE From);
+    // The object bag's free routine for the device object.
+    static void Cleanup(PVOID pContext);
+
+    // The sequences behind them.
+    NTSTATUS PnpStart();
+    void PnpStop();
+    void PnpRemove();
+    void SurpriseRemoval();
+    NTSTATUS QueryPower(POWER_ACTION Action, SYSTEM_POWER_STATE SystemTo, SYSTEM_POWER_STATE SystemFrom);
+    void SetPower(DEVICE_POWER_STATE To, DEVICE_POWER_STATE From);
+
+    // ---- Part 1.1: idle power management (device.cpp) ----
+    void StartIdleManagement();
+    // Stop step 1 / surprise removal: no idle pass runs after it returns.
+    void EndIdleManagement(BOOLEAN PowerUp);
+    // Power-up request: a D0 set-power IRP; m_PowerUpEvent is set when it
+    // has completed (Part 1.4 filter creation and Part 2.1 call it).
+    NTSTATUS RequestPowerUp();
+    void CancelCountdown();
+    NTSTATUS AttachDataRanges(ULONG PinId, PKS_DATARANGE_VIDEO pTable, USHORT nCount, PKSDATARANGE** ppRanges,
+                              ULONG Tag);
+    static KDEFERRED_ROUTINE IdleDpcRoutine;
+    static IO_WORKITEM_ROUTINE IdleWorkRoutine;
+    static IO_WORKITEM_ROUTINE TimerRestartWorkRoutine;
+    static KDEFERRED_ROUTINE CountdownDpcRoutine;
+
+    // ---- Part 1.4: filter and topology tables (device/descriptors.cpp) ----
+    NTSTATUS InitNodeDescriptorSize();
+    NTSTATUS InitNodeAndTopologyDescriptor();
+    void CopyFilterTemplates();
+    void ReleaseTopology();
 
     // ---- Part 1.2: USB descriptors and configuration (device/usb.cpp) ----
     NTSTATUS SubmitUrb(PURB pUrb);
@@ -91,6 +155,7 @@ public:
     UCHAR m_ucNbrTopologyConnection;
     PKSFILTERFACTORY m_pFilterFactory;
     BOOLEAN m_FilterFactoryCreated;
+    CCaptureFilter* m_pCaptureFilter;  // the most recently created filter object
 
     // ---- Part 1.1: idle power state ----
     ULONG m_IdlePowerEnabled;
@@ -111,11 +176,24 @@ public:
     UCHAR m_SuppressTimerRestart;
     ULONG m_StreamBusy;
     ULONG m_OpenFilterCount;
+    // Set while the idle timer and DPC are initialised (start step 3 until
+    // EndIdleManagement), so that remove can end a scheme that a failed
+    // start left running (such a device gets no stop).
+    UCHAR m_IdleTimerStarted;
+    // Signalled while no timer-restart work item is outstanding, so that
+    // the end of idle management can wait for one still queued.
+    KEVENT m_TimerRestartIdle;
 
     // ---- Part 1.1 / 3.4: countdown timer of the self-timer ----
     KTIMER m_CountdownTimer;
     KDPC m_CountdownDpc;
     LONG m_CountdownCounter;  // -1 when no countdown runs
+    // Part 3.4's still-request flag (the countdown-finished flag that the
+    // countdown DPC sets) and the device's software-trigger flag (the
+    // countdown-request flag it clears).
+    ULONG m_StillRequest;
+    ULONG m_SoftwareTrigger;
+    UCHAR m_CountdownTimerReady;  // start step 10 done
 
     // Parts 3.1 and 3.2: member functions and fields (helper H10's blocks).
     // ---- Part 3.1: settings store (controls/settings.cpp) ---- begin

@@ -169,6 +169,25 @@ bool EventWaiter::Wait(LONGLONG timeout100ns) {
 
 bool EventWaiter::IsSignalled() const { return KeReadStateEvent(event_) != 0; }
 
+// ---- MasterClock ----------------------------------------------------------------------------
+MasterClock::MasterClock() {
+    file_ = new FILE_OBJECT{};
+    file_->Type = IO_TYPE_FILE;
+    file_->Size = sizeof(FILE_OBJECT);
+    kvsim::ObRegisterObject(file_, *IoFileObjectType, [](void* body) { delete static_cast<PFILE_OBJECT>(body); });
+    handle_ = kvsim::ObInsertHandle(file_);
+    ObDereferenceObject(file_);  // the handle's reference (and a pin's) keep it
+}
+
+MasterClock::~MasterClock() { CloseHandle(); }
+
+void MasterClock::CloseHandle() {
+    if (!handle_) return;
+    ZwClose(handle_);
+    handle_ = nullptr;
+    file_ = nullptr;
+}
+
 // ---- Filter ---------------------------------------------------------------------------------
 NTSTATUS Filter::Open(const FilterInterface& where, std::unique_ptr<Filter>* out) {
     std::unique_ptr<Filter> filter(new Filter());
@@ -282,12 +301,18 @@ NTSTATUS Filter::CreatePin(ULONG pinId, const KSDATAFORMAT* format, std::unique_
 
 // ---- Pin -------------------------------------------------------------------------------------
 struct Pin::Request {
+    // Kept (not freed at completion) until the request is collected, so that
+    // CancelBuffer never touches a freed IRP.
+    PIRP irp = nullptr;
     std::vector<uint64_t> headers;  // KSSTREAM_HEADER (+ KS_FRAME_INFO), 8-aligned
     std::vector<uint8_t> buffer;
     ULONG headerSize = 0;
     std::atomic<bool> done{false};
     NTSTATUS status = STATUS_PENDING;
     ULONG_PTR information = 0;
+    ~Request() {
+        if (irp && done) IoFreeIrp(irp);
+    }
 };
 
 Pin::~Pin() {
@@ -300,15 +325,15 @@ NTSTATUS Pin::SetState(KSSTATE state) { return Set(KSPROPSETID_Connection, KSPRO
 NTSTATUS Pin::GetState(KSSTATE* state) { return Get(KSPROPSETID_Connection, KSPROPERTY_CONNECTION_STATE, state); }
 
 NTSTATUS Pin::SetMasterClock(HANDLE clock) {
-    constexpr ULONG kMasterClock = 3;  // KSPROPERTY_STREAM_MASTERCLOCK
-    return Set(KSPROPSETID_Stream, kMasterClock, clock);
+    return Set(KSPROPSETID_Stream, KSPROPERTY_STREAM_MASTERCLOCK, clock);
 }
+
+NTSTATUS Pin::GetMasterClock(HANDLE* clock) { return Get(KSPROPSETID_Stream, KSPROPERTY_STREAM_MASTERCLOCK, clock); }
 
 NTSTATUS Pin::ReadDone(PDEVICE_OBJECT, PIRP irp, PVOID context) {
     auto* request = static_cast<Request*>(context);
     request->status = irp->IoStatus.Status;
     request->information = irp->IoStatus.Information;
-    IoFreeIrp(irp);
     request->done = true;
     return STATUS_MORE_PROCESSING_REQUIRED;
 }
@@ -338,6 +363,7 @@ NTSTATUS Pin::QueueBuffers(ULONG count, ULONG bufferSize, bool frameInfo) {
         sp->Parameters.DeviceIoControl.OutputBufferLength = request->headerSize;
         IoSetCompletionRoutine(irp, ReadDone, request.get(), TRUE, TRUE, TRUE);
         Request* raw = request.get();
+        raw->irp = irp;
         requests_.push_back(std::move(request));
         last = IoCallDriver(top_, irp);
         if (last != STATUS_PENDING && raw->done) last = raw->status;
@@ -368,6 +394,14 @@ std::vector<Frame> Pin::CollectFrames() {
         it = requests_.erase(it);
     }
     return frames;
+}
+
+bool Pin::CancelBuffer(size_t index) {
+    for (auto& r : requests_) {
+        if (r->done) continue;
+        if (index-- == 0) return IoCancelIrp(r->irp) != FALSE;
+    }
+    return false;
 }
 
 size_t Pin::PendingBuffers() const {

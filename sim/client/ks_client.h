@@ -117,6 +117,28 @@ private:
     KsObject* enabledOn_ = nullptr;
 };
 
+// A master clock as a graph manager hands one to pins: a handle to a kernel
+// file object (on Windows, the handle KsCreateClock returns for a KS clock).
+// The pin that is given the handle references the file object itself, so
+// the clock lives on after CloseHandle until the pin lets it go.
+class MasterClock {
+public:
+    MasterClock();
+    ~MasterClock();
+    MasterClock(const MasterClock&) = delete;
+    MasterClock& operator=(const MasterClock&) = delete;
+
+    HANDLE handle() const { return handle_; }
+    // The file object behind the handle (for tests).
+    PFILE_OBJECT fileObject() const { return file_; }
+    // ZwClose of the handle (closing twice is harmless).
+    void CloseHandle();
+
+private:
+    PFILE_OBJECT file_ = nullptr;
+    HANDLE handle_ = nullptr;
+};
+
 class Filter : public KsObject {
 public:
     // Opens the filter behind a device interface.
@@ -168,6 +190,8 @@ public:
     // clock handle (null: none); the pin's KsPinGetReferenceClockInterface
     // works once one is assigned.
     NTSTATUS SetMasterClock(HANDLE clock);
+    // KSPROPERTY_STREAM_MASTERCLOCK get.
+    NTSTATUS GetMasterClock(HANDLE* clock);
     // Queues `count` buffers of `bufferSize` bytes, one IOCTL_KS_READ_STREAM
     // each; with `frameInfo` each header is followed by a KS_FRAME_INFO
     // (header Size = sizeof(KSSTREAM_HEADER) + sizeof(KS_FRAME_INFO)).
@@ -179,6 +203,10 @@ public:
     size_t PendingBuffers() const;
     // Runs the simulation until `count` buffers completed (or timeout).
     bool WaitForFrames(size_t count, LONGLONG timeout100ns);
+    // IoCancelIrp of the `index`-th buffer still pending (0: the oldest), as
+    // CancelIoEx with that buffer's OVERLAPPED does; its IoCancelIrp result
+    // (false also when there is no such buffer).
+    bool CancelBuffer(size_t index);
 
 private:
     friend class Filter;

@@ -1,7 +1,7 @@
 // The simulated ks.sys: automation (helper H8). Property, method and event
 // requests on filters and pins, the property sets that ks.sys answers itself
 // (KSPROPSETID_Pin, _Topology, _General on a filter; KSPROPSETID_Connection
-// on a pin), and the event list behind KsGenerateEvents.
+// and _Stream on a pin), and the event list behind KsGenerateEvents.
 //
 // How a request travels (the convention H7's client follows)
 // ------------------------------------------------------------

@@ -2,7 +2,8 @@
 // filter: KSPROPSETID_Pin (from the filter descriptor's pin descriptors),
 // KSPROPSETID_Topology (categories, nodes, connections, node names) and
 // KSPROPSETID_General (component id); on a pin: KSPROPSETID_Connection
-// (state, data format, extended allocator framing). Also KsPinDataIntersection
+// (state, data format, extended allocator framing) and KSPROPSETID_Stream
+// (master clock). Also KsPinDataIntersection
 // and KsPinDataIntersectionEx, which share the intersection walk.
 //
 // Documented behaviour followed (learn.microsoft.com/windows-hardware/drivers/
@@ -42,6 +43,17 @@
 //    last, set walks the pin there one state at a time (ChangePinState);
 //    DATAFORMAT: the connection's format; ALLOCATORFRAMING_EX: the pin
 //    descriptor's framing.
+//  - KSPROPERTY_STREAM_MASTERCLOCK (a pin's KSPROPSETID_Stream): the value
+//    is a HANDLE. "The property returns a NULL handle when queried"; a set
+//    with a handle makes it the pin's master clock: "the pin references the
+//    underlying file object" (ObReferenceObjectByHandle, file object type;
+//    a bad handle fails with its status) and keeps it until another set, a
+//    set with NULL, or the pin's close; the client closes its handle.
+//    KsPinGetReferenceClockInterface works while a clock is assigned.
+//    https://learn.microsoft.com/windows-hardware/drivers/stream/ksproperty-stream-masterclock
+//    Not simulated: ks.sys asks the clock object for its function table
+//    (KSPROPERTY_CLOCK_FUNCTIONTABLE); the simulation accepts any file
+//    object and its reference clock reads the simulated clock.
 #include <cstring>
 #include <functional>
 #include <vector>
@@ -320,6 +332,27 @@ NTSTATUS ConnectionFramingEx(PIRP irp, PKSIDENTIFIER, PVOID data) {
     return Answer(irp, data, framing, size);
 }
 
+// ---- KSPROPSETID_Stream (pins) ---------------------------------------------------------------------
+NTSTATUS StreamMasterClockGet(PIRP irp, PKSIDENTIFIER, PVOID data) {
+    if (CurrentPin() == nullptr) return STATUS_INVALID_DEVICE_REQUEST;
+    return AnswerValue(irp, data, HANDLE(nullptr));
+}
+
+NTSTATUS StreamMasterClockSet(PIRP irp, PKSIDENTIFIER, PVOID data) {
+    KsPin* pin = CurrentPin();
+    if (pin == nullptr) return STATUS_INVALID_DEVICE_REQUEST;
+    HANDLE handle;
+    std::memcpy(&handle, data, sizeof handle);
+    irp->IoStatus.Information = 0;
+    PVOID clock = nullptr;
+    if (handle != nullptr) {
+        NTSTATUS status = ObReferenceObjectByHandle(handle, 0, *IoFileObjectType, irp->RequestorMode, &clock, nullptr);
+        if (!NT_SUCCESS(status)) return status;
+    }
+    SetPinMasterClock(pin, clock);
+    return STATUS_SUCCESS;
+}
+
 // ---- the intersection walk -----------------------------------------------------------------------
 bool GuidMatches(const GUID& a, const GUID& b) {
     return IsEqualGUID(a, b) || IsEqualGUID(a, GUID_NULL) || IsEqualGUID(b, GUID_NULL);
@@ -427,6 +460,11 @@ const KSPROPERTY_ITEM kConnectionItems[] = {
     KV_GET_ITEM(KSPROPERTY_CONNECTION_ALLOCATORFRAMING_EX, ConnectionFramingEx, sizeof(KSPROPERTY), 0),
 };
 
+const KSPROPERTY_ITEM kStreamItems[] = {
+    DEFINE_KSPROPERTY_ITEM(KSPROPERTY_STREAM_MASTERCLOCK, StreamMasterClockGet, sizeof(KSPROPERTY), sizeof(HANDLE),
+                           StreamMasterClockSet, nullptr, 0, nullptr, nullptr, 0),
+};
+
 #undef KV_GET_ITEM
 
 const KSPROPERTY_SET kFilterSets[] = {
@@ -437,6 +475,7 @@ const KSPROPERTY_SET kFilterSets[] = {
 
 const KSPROPERTY_SET kPinSets[] = {
     DEFINE_KSPROPERTY_SET(&KSPROPSETID_Connection, SIZEOF_ARRAY(kConnectionItems), kConnectionItems, 0, nullptr),
+    DEFINE_KSPROPERTY_SET(&KSPROPSETID_Stream, SIZEOF_ARRAY(kStreamItems), kStreamItems, 0, nullptr),
 };
 
 struct NamedGuid {

@@ -109,6 +109,13 @@ struct QueuedIrp {
     PIRP irp = nullptr;
     ULONG framesLeft = 0;
     NTSTATUS status = STATUS_SUCCESS;
+    // IoCancelIrp came while a locked stream pointer held one of its frames
+    // ("Data frames pointed to by locked stream pointers cannot be
+    // canceled"): the cancellation takes effect once the pointer lets go.
+    bool cancelDeferred = false;
+    // Its frames left the queue (flush) while its cancel routine was
+    // already running: the cancel routine completes it.
+    bool awaitingCancelRoutine = false;
 };
 
 struct KsStreamPointer;
@@ -129,8 +136,9 @@ struct KsPin {
     bool processPending = false;        // KsPinAttemptProcessing while processing
     bool inProcess = false;
     // The clock the client assigned (KSPROPERTY_STREAM_MASTERCLOCK set):
-    // the clock's handle; null when none (SetPinMasterClock).
-    HANDLE masterClock = nullptr;
+    // the clock's file object, referenced while assigned; null when none
+    // (SetPinMasterClock).
+    PVOID masterClock = nullptr;
     PFNKSPINPOWER sleepCallback = nullptr;
     PFNKSPINPOWER wakeCallback = nullptr;
 };
@@ -185,9 +193,11 @@ ULONG PinInstanceCount(KsFilter* filter, ULONG pinId);
 NTSTATUS ChangePinState(KsPin* pin, KSSTATE target);
 
 // The KSPROPERTY_STREAM_MASTERCLOCK set handler's work: the pin's reference
-// clock from now on (null: none; KsPinGetReferenceClockInterface then
-// fails). The simulated clock object's time is kvsim::Now().
-void SetPinMasterClock(KsPin* pin, HANDLE clock);
+// clock from now on, given as the clock's file object with a reference that
+// the pin takes over (null: none; KsPinGetReferenceClockInterface then
+// fails). The reference of a previous clock is dropped, as is the last one
+// when the pin closes. The simulated clock's time is kvsim::Now().
+void SetPinMasterClock(KsPin* pin, PVOID clockFileObject);
 
 // ---- the automation code's entry points (implemented by H8 in
 // sim/ks/automation*.cpp) -----------------------------------------------------------------

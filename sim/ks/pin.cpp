@@ -229,6 +229,7 @@ NTSTATUS CreatePin(KsFilter* filter, PIRP irp) {
 }
 
 void ReleasePinResources(KsPin* pin) {
+    SetPinMasterClock(pin, nullptr);
     if (pin->leadingEdge) {
         ExFreePoolWithTag(pin->leadingEdge, kStreamPointerTag);
         pin->leadingEdge = nullptr;
@@ -265,7 +266,11 @@ NTSTATUS ChangePinState(KsPin* pin, KSSTATE target) {
     return status;
 }
 
-void SetPinMasterClock(KsPin* pin, HANDLE clock) { pin->masterClock = clock; }
+void SetPinMasterClock(KsPin* pin, PVOID clockFileObject) {
+    PVOID previous = pin->masterClock;
+    pin->masterClock = clockFileObject;
+    if (previous) ObDereferenceObject(previous);
+}
 
 void NotifyPinsOfPower(KsDevice* device, DEVICE_POWER_STATE state, bool sleeping) {
     for (ObjectHeader* f : device->header.children) {

@@ -32,8 +32,23 @@
 // it made progress; STATUS_PENDING or an error stops the round.
 // https://learn.microsoft.com/windows-hardware/drivers/ddi/ks/ns-ks-_kspin_descriptor_ex
 // https://learn.microsoft.com/windows-hardware/drivers/ddi/ks/nc-ks-pfnkspin (AVStrMiniPinProcess)
-// Cancellation of a queued stream IRP (IoCancelIrp) is not simulated; the
-// queue is flushed on stop, close, reset and removal.
+//
+// Cancellation: a queued stream IRP carries ks.sys's cancel routine. On
+// IoCancelIrp its frames leave the queue and it completes with
+// STATUS_CANCELLED (Information 0); the leading edge, when it stood
+// unlocked on one of them, moves to the next frame. "If a frame has a
+// locked stream pointer referencing it, the IRP that corresponds to this
+// frame cannot be canceled": the cancellation then waits until the edge is
+// unlocked or moves off the frame (an IRP whose last frame is ejected
+// meanwhile completes normally).
+// https://learn.microsoft.com/windows-hardware/drivers/stream/stream-pointers-and-irp-cancellation
+// https://learn.microsoft.com/windows-hardware/drivers/stream/locking-and-unlocking-stream-pointers
+// Whoever takes an IRP out of the queue clears its cancel routine first; if
+// IoCancelIrp got there before (the routine is NULL and cancellation was not
+// deferred), the IRP stays listed and the running cancel routine completes
+// it. Not simulated: clones' CancelCallback (clones are not simulated). The
+// queue is also flushed on stop, close, reset and removal.
+#include <algorithm>
 #include <vector>
 
 #include "kvsim/diag.h"
@@ -46,7 +61,45 @@ namespace {
 struct Done {
     PIRP irp;
     NTSTATUS status;
+    bool withInformation;  // Information = the header bytes (a finished IRP)
 };
+
+VOID CancelStreamIrp(PDEVICE_OBJECT, PIRP irp);
+
+// Takes the IRP's cancel routine away; false when IoCancelIrp took it first
+// and the IRP belongs to the running cancel routine.
+bool ClaimFromCancel(const QueuedIrp& q) {
+    return IoSetCancelRoutine(q.irp, nullptr) != nullptr || q.cancelDeferred;
+}
+
+// The IRP of the frame the leading edge holds locked, or null.
+PIRP LockedIrp(const KsPin* pin) {
+    if (!pin->leadingEdge || !pin->leadingEdge->locked || pin->frames.empty()) return nullptr;
+    return pin->frames.front().header == pin->leadingEdge->pub.StreamHeader ? pin->frames.front().irp : nullptr;
+}
+
+// Removes the IRP's frames and entry and adds it to `done` as cancelled.
+// Under queueLock.
+void DropCancelled(KsPin* pin, std::vector<QueuedIrp>::iterator it, std::vector<Done>& done) {
+    PIRP irp = it->irp;
+    std::erase_if(pin->frames, [irp](const QueuedFrame& f) { return f.irp == irp; });
+    pin->irps.erase(it);
+    done.push_back({irp, STATUS_CANCELLED, false});
+}
+
+// Carries out cancellations that waited for the locked edge to let go.
+// Under queueLock.
+void ApplyDeferredCancels(KsPin* pin, std::vector<Done>& done) {
+    PIRP locked = LockedIrp(pin);
+    for (auto it = pin->irps.begin(); it != pin->irps.end();) {
+        if (it->cancelDeferred && it->irp != locked) {
+            DropCancelled(pin, it, done);
+            it = pin->irps.begin();
+        } else {
+            ++it;
+        }
+    }
+}
 
 bool ReadPin(const KsPin* pin) { return pin->pub.DataFlow == KSPIN_DATAFLOW_OUT; }
 
@@ -88,18 +141,23 @@ void RetireFront(KsPin* pin, std::vector<Done>& done) {
     for (auto it = pin->irps.begin(); it != pin->irps.end(); ++it) {
         if (it->irp != irp) continue;
         if (--it->framesLeft == 0) {
-            done.push_back({irp, it->status});
-            pin->irps.erase(it);
+            if (ClaimFromCancel(*it)) {
+                done.push_back({irp, it->status, true});
+                pin->irps.erase(it);
+            } else {
+                it->awaitingCancelRoutine = true;
+            }
         }
         break;
     }
 }
 
-void CompleteAll(const std::vector<Done>& done, bool withInformation) {
+void CompleteAll(const std::vector<Done>& done) {
     for (const Done& d : done) {
         d.irp->IoStatus.Status = d.status;
         d.irp->IoStatus.Information =
-            withInformation ? IoGetCurrentIrpStackLocation(d.irp)->Parameters.DeviceIoControl.OutputBufferLength : 0;
+            d.withInformation ? IoGetCurrentIrpStackLocation(d.irp)->Parameters.DeviceIoControl.OutputBufferLength
+                              : 0;
         IoCompleteRequest(d.irp, IO_NO_INCREMENT);
     }
 }
@@ -119,9 +177,23 @@ bool MoveToNextFrame(KsPin* pin, std::vector<Done>& done) {
     KIRQL irql;
     KeAcquireSpinLock(&pin->queueLock, &irql);
     RetireFront(pin, done);
+    AimLeadingEdge(pin);
+    ApplyDeferredCancels(pin, done);
     bool more = AimLeadingEdge(pin);
     KeReleaseSpinLock(&pin->queueLock, irql);
     return more;
+}
+
+// Unlocks the edge; a cancellation that waited for it takes effect.
+void UnlockEdge(KsStreamPointer* edge) {
+    std::vector<Done> done;
+    KIRQL irql;
+    KeAcquireSpinLock(&edge->pin->queueLock, &irql);
+    edge->locked = false;
+    ApplyDeferredCancels(edge->pin, done);
+    AimLeadingEdge(edge->pin);
+    KeReleaseSpinLock(&edge->pin->queueLock, irql);
+    CompleteAll(done);
 }
 
 bool CanProcess(KsPin* pin) {
@@ -187,7 +259,16 @@ NTSTATUS QueueStreamIrp(KsPin* pin, PIRP irp) {
         pin->frames.push_back({irp, headers[i], i});
     }
     pin->irps.push_back({irp, static_cast<ULONG>(headers.size()), STATUS_SUCCESS});
+    // The cancel routine goes on under the queue lock; an IRP cancelled
+    // before that (Cancel set, no routine to call) is dropped here.
+    std::vector<Done> cancelled;
+    IoSetCancelRoutine(irp, CancelStreamIrp);
+    if (irp->Cancel && IoSetCancelRoutine(irp, nullptr) != nullptr) {
+        DropCancelled(pin, pin->irps.end() - 1, cancelled);
+        if (pin->leadingEdge) AimLeadingEdge(pin);
+    }
     KeReleaseSpinLock(&pin->queueLock, irql);
+    CompleteAll(cancelled);
     ULONG flags = pin->pub.Descriptor->Flags;
     if (!(flags & KSPIN_FLAG_DO_NOT_INITIATE_PROCESSING) &&
         (wasEmpty || (flags & KSPIN_FLAG_INITIATE_PROCESSING_ON_EVERY_ARRIVAL))) {
@@ -212,6 +293,35 @@ NTSTATUS ResetState(KsPin* pin, PIRP irp) {
     return Complete(irp, STATUS_SUCCESS);
 }
 
+// The cancel routine ks.sys puts on queued stream IRPs (called by
+// IoCancelIrp at DISPATCH_LEVEL with the cancel spin lock held).
+VOID CancelStreamIrp(PDEVICE_OBJECT, PIRP irp) {
+    IoReleaseCancelSpinLock(irp->CancelIrql);
+    KsPin* pin = AsPin(HeaderFromIrp(irp));
+    if (!pin) {
+        // The pin closed after its flush left the IRP to this routine.
+        irp->IoStatus.Status = STATUS_CANCELLED;
+        irp->IoStatus.Information = 0;
+        IoCompleteRequest(irp, IO_NO_INCREMENT);
+        return;
+    }
+    std::vector<Done> done;
+    KIRQL irql;
+    KeAcquireSpinLock(&pin->queueLock, &irql);
+    auto it = std::find_if(pin->irps.begin(), pin->irps.end(), [irp](const QueuedIrp& q) { return q.irp == irp; });
+    if (it == pin->irps.end()) {
+        ReportViolation("ks.sys simulation: cancel routine for IRP %p, which is not queued on pin %p",
+                        static_cast<void*>(irp), static_cast<void*>(&pin->pub));
+    } else if (!it->awaitingCancelRoutine && it->irp == LockedIrp(pin)) {
+        it->cancelDeferred = true;
+    } else {
+        DropCancelled(pin, it, done);
+        if (pin->leadingEdge) AimLeadingEdge(pin);
+    }
+    KeReleaseSpinLock(&pin->queueLock, irql);
+    CompleteAll(done);
+}
+
 }  // namespace
 
 NTSTATUS DispatchStreamIoctl(KsPin* pin, PIRP irp) {
@@ -224,15 +334,25 @@ void FlushPinQueue(KsPin* pin, NTSTATUS status) {
     std::vector<Done> done;
     KIRQL irql;
     KeAcquireSpinLock(&pin->queueLock, &irql);
-    for (auto& q : pin->irps) done.push_back({q.irp, status});
-    pin->irps.clear();
+    // IRPs whose cancel routine is already running stay listed (without
+    // frames) for it to complete.
+    std::vector<QueuedIrp> left;
+    for (auto& q : pin->irps) {
+        if (ClaimFromCancel(q)) {
+            done.push_back({q.irp, status, false});
+        } else {
+            q.awaitingCancelRoutine = true;
+            left.push_back(q);
+        }
+    }
+    pin->irps = std::move(left);
     pin->frames.clear();
     if (pin->leadingEdge) {
         AimLeadingEdge(pin);
         pin->leadingEdge->locked = false;
     }
     KeReleaseSpinLock(&pin->queueLock, irql);
-    CompleteAll(done, false);
+    CompleteAll(done);
 }
 
 void ProcessPin(KsPin* pin) {
@@ -308,11 +428,14 @@ extern "C" void KsStreamPointerUnlock(PKSSTREAM_POINTER StreamPointer, BOOLEAN E
     if (!edge) return;
     if (!edge->locked) ReportViolation("KsStreamPointerUnlock: the stream pointer %p is not locked",
                                        static_cast<void*>(StreamPointer));
+    if (!Eject || !edge->pub.StreamHeader) {
+        UnlockEdge(edge);
+        return;
+    }
     edge->locked = false;
-    if (!Eject || !edge->pub.StreamHeader) return;
     std::vector<Done> done;
     MoveToNextFrame(edge->pin, done);
-    CompleteAll(done, true);
+    CompleteAll(done);
 }
 
 extern "C" NTSTATUS KsStreamPointerAdvance(PKSSTREAM_POINTER StreamPointer) {
@@ -322,7 +445,7 @@ extern "C" NTSTATUS KsStreamPointerAdvance(PKSSTREAM_POINTER StreamPointer) {
     std::vector<Done> done;
     bool more = MoveToNextFrame(edge->pin, done);
     if (!more) edge->locked = false;
-    CompleteAll(done, true);
+    CompleteAll(done);
     return more ? STATUS_SUCCESS : STATUS_DEVICE_NOT_READY;
 }
 
@@ -345,14 +468,14 @@ extern "C" NTSTATUS KsStreamPointerAdvanceOffsets(PKSSTREAM_POINTER StreamPointe
     if (!Eject && mine.Remaining != 0) return STATUS_SUCCESS;
     std::vector<Done> done;
     bool more = MoveToNextFrame(edge->pin, done);
-    CompleteAll(done, true);
+    CompleteAll(done);
     return more ? STATUS_SUCCESS : STATUS_DEVICE_NOT_READY;
 }
 
 extern "C" void KsStreamPointerAdvanceOffsetsAndUnlock(PKSSTREAM_POINTER StreamPointer, ULONG InUsed, ULONG OutUsed,
                                                        BOOLEAN Eject) {
     KsStreamPointerAdvanceOffsets(StreamPointer, InUsed, OutUsed, Eject);
-    if (KsStreamPointer* edge = EdgeOf(StreamPointer)) edge->locked = false;
+    if (KsStreamPointer* edge = EdgeOf(StreamPointer)) UnlockEdge(edge);
 }
 
 extern "C" NTSTATUS KsStreamPointerSetStatusCode(PKSSTREAM_POINTER StreamPointer, NTSTATUS Status) {

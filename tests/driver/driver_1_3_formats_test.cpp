@@ -541,8 +541,12 @@ void ExpectCameraTables(const cam::DescriptorSet& set, const std::string& name)
     EXPECT_EQ(t.wideFrameWidth, wide) << name;
     const cam::Entity* ct = m.FindByKind(cam::EntityKind::kCameraTerminal);
     const cam::Entity* pu = m.FindByKind(cam::EntityKind::kProcessingUnit);
-    if (ct) EXPECT_EQ(t.cameraTerminal, ct->controls & 0xFFFF) << name;
-    if (pu) EXPECT_EQ(t.processingUnit, pu->controls & 0xFFFF) << name;
+    if (ct) {
+        EXPECT_EQ(t.cameraTerminal, ct->controls & 0xFFFF) << name;
+    }
+    if (pu) {
+        EXPECT_EQ(t.processingUnit, pu->controls & 0xFFFF) << name;
+    }
 
     size_t nStill = 0;
     for (const cam::Format* pf : {pYuy2, pMjpeg}) {

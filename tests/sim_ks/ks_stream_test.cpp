@@ -2,10 +2,10 @@
 // Process as the leading-edge stream pointer, a filled and ejected frame
 // reaches the client with its stream header and KS_FRAME_INFO, a pin with
 // nothing queued has no stream pointer, and the reference clock reads the
-// simulated clock once the client assigned one.
+// simulated clock once the client assigned one (KSPROPERTY_STREAM_MASTERCLOCK).
 #include <algorithm>
 
-#include "ks/ks_internal.h"
+#include "kvsim/object.h"
 #include "kvsim/sched.h"
 #include "sim_ks/ks_fixture.h"
 
@@ -143,14 +143,15 @@ TEST_F(KsTest, AttemptProcessingAsynchronouslyRunsProcessOnAWorker) {
     EXPECT_EQ(pin_->CollectFrames().size(), 1u);
 }
 
-TEST_F(KsTest, ReferenceClockReadsTheSimulatedClockOnceAssigned) {
+TEST_F(KsTest, ReferenceClockReadsTheSimulatedClockOnceTheClientAssignsOne) {
     OpenCapturePin();
     PKSPIN pin = Recorder().capturePin;
     PIKSREFERENCECLOCK clock = nullptr;
     EXPECT_EQ(KsPinGetReferenceClockInterface(pin, &clock), STATUS_UNSUCCESSFUL);
-    kvsim::ks::KsPin* internal = kvsim::ks::AsPin(kvsim::ks::FindHeader(pin));
-    ASSERT_NE(internal, nullptr);
-    kvsim::ks::SetPinMasterClock(internal, reinterpret_cast<HANDLE>(1));
+    kvsim::client::MasterClock master;
+    ASSERT_EQ(pin_->SetMasterClock(master.handle()), STATUS_SUCCESS);
+    // The pin holds the clock's file object, not the client's handle.
+    master.CloseHandle();
     ASSERT_EQ(KsPinGetReferenceClockInterface(pin, &clock), STATUS_SUCCESS);
     kvsim::RunFor(5 * kvsim::kMillisecond);
     EXPECT_EQ(clock->GetTime(), kvsim::Now());
@@ -163,7 +164,44 @@ TEST_F(KsTest, ReferenceClockReadsTheSimulatedClockOnceAssigned) {
     ASSERT_EQ(frames.size(), 1u);
     EXPECT_TRUE(frames[0].header.OptionsFlags & KSSTREAM_HEADER_OPTIONSF_TIMEVALID);
     EXPECT_EQ(frames[0].header.PresentationTime.Time, queuedAt);
-    kvsim::ks::SetPinMasterClock(internal, nullptr);
+    // A NULL handle takes the clock away again.
+    ASSERT_EQ(pin_->SetMasterClock(nullptr), STATUS_SUCCESS);
+    EXPECT_EQ(KsPinGetReferenceClockInterface(pin, &clock), STATUS_UNSUCCESSFUL);
+}
+
+TEST_F(KsTest, MasterClockGetAnswersANullHandle) {
+    OpenCapturePin();
+    kvsim::client::MasterClock master;
+    ASSERT_EQ(pin_->SetMasterClock(master.handle()), STATUS_SUCCESS);
+    HANDLE answered = reinterpret_cast<HANDLE>(0x77);
+    EXPECT_EQ(pin_->GetMasterClock(&answered), STATUS_SUCCESS);
+    EXPECT_EQ(answered, nullptr);
+}
+
+TEST_F(KsTest, MasterClockSetWithABadHandleFailsAndAssignsNothing) {
+    OpenCapturePin();
+    EXPECT_EQ(pin_->SetMasterClock(reinterpret_cast<HANDLE>(0x1234)), STATUS_INVALID_HANDLE);
+    // A handle to an object that is no file object.
+    kvsim::client::EventWaiter event;
+    EXPECT_EQ(pin_->SetMasterClock(event.eventData().EventHandle.Event), STATUS_OBJECT_TYPE_MISMATCH);
+    PIKSREFERENCECLOCK clock = nullptr;
+    EXPECT_EQ(KsPinGetReferenceClockInterface(Recorder().capturePin, &clock), STATUS_UNSUCCESSFUL);
+    // The master clock property is answered on pins only.
+    HANDLE none = nullptr;
+    EXPECT_EQ(filter_->Set(KSPROPSETID_Stream, KSPROPERTY_STREAM_MASTERCLOCK, none), STATUS_PROPERTY_SET_NOT_FOUND);
+}
+
+TEST_F(KsTest, ClosingThePinReleasesItsMasterClock) {
+    OpenCapturePin();
+    size_t before = kvsim::ObLiveObjectCount();
+    {
+        kvsim::client::MasterClock master;
+        ASSERT_EQ(pin_->SetMasterClock(master.handle()), STATUS_SUCCESS);
+    }
+    // The client's handle is closed; the pin's reference keeps the clock.
+    EXPECT_EQ(kvsim::ObLiveObjectCount(), before + 1);
+    ASSERT_EQ(pin_->Close(), STATUS_SUCCESS);
+    EXPECT_EQ(kvsim::ObLiveObjectCount(), before);
 }
 
 }  // namespace

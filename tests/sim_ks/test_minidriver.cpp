@@ -180,12 +180,13 @@ DECLARE_SIMPLE_FRAMING_EX(g_captureFraming, STATIC_KSMEMORY_TYPE_KERNEL_NONPAGED
                           KSALLOCATOR_REQUIREMENTF_SYSTEM_MEMORY | KSALLOCATOR_REQUIREMENTF_PREFERENCES_ONLY, 2, 0,
                           320 * 240 * 2, 640 * 480 * 2);
 
-const KSPIN_DESCRIPTOR_EX g_pins[kPinCount] = {
+// Not const: SetCapturePinFlags changes the capture pin's flags for a test.
+KSPIN_DESCRIPTOR_EX g_pins[kPinCount] = {
     {&g_captureDispatch,
      nullptr,
      {0, nullptr, 0, nullptr, kRangeCount, g_captureRanges, KSPIN_DATAFLOW_OUT, KSPIN_COMMUNICATION_SINK,
       &PINNAME_VIDEO_CAPTURE, &PINNAME_VIDEO_CAPTURE, {0}},
-     KSPIN_FLAG_PROCESS_IN_RUN_STATE_ONLY,
+     kDefaultCaptureFlags,
      1,
      0,
      &g_captureFraming,
@@ -230,6 +231,7 @@ const KSFILTER_DISPATCH g_filterDispatch = {FilterCreate, FilterClose, nullptr, 
 
 // The test property set.
 NTSTATUS GetValue(PIRP irp, PKSIDENTIFIER, PVOID data) {
+    g_recorder.valueReadFrom32bit = IoIs32bitProcess(irp) != FALSE;
     *static_cast<PLONG>(data) = g_recorder.propertyValue;
     irp->IoStatus.Information = sizeof(LONG);
     return STATUS_SUCCESS;
@@ -358,7 +360,12 @@ const KSDEVICE_DESCRIPTOR g_device = {&g_deviceDispatch, 0, nullptr, KSDEVICE_DE
 }  // namespace
 
 TestRecorder& Recorder() { return g_recorder; }
-void ResetTestRecorder() { g_recorder = TestRecorder{}; }
+void ResetTestRecorder() {
+    g_recorder = TestRecorder{};
+    g_pins[kCapturePinId].Flags = kDefaultCaptureFlags;
+}
+
+void SetCapturePinFlags(ULONG flags) { g_pins[kCapturePinId].Flags = flags; }
 
 NTSTATUS TestDriverEntry(PDRIVER_OBJECT driver, PUNICODE_STRING registryPath) {
     return KsInitializeDriver(driver, registryPath, &g_device);

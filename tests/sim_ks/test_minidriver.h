@@ -8,7 +8,8 @@
 //          handler, SetDataFormat, SetDeviceState that records each step,
 //          Process that fills one frame into the leading-edge stream pointer
 //          and ejects it; 1 instance possible; KS_FRAME_INFO after each
-//          stream header; KSPIN_FLAG_PROCESS_IN_RUN_STATE_ONLY.
+//          stream header; KSPIN_FLAG_PROCESS_IN_RUN_STATE_ONLY (a test may
+//          change the flags with SetCapturePinFlags).
 //   pin 1: IN bridge pin (KSPIN_COMMUNICATION_BRIDGE, 0 instances possible),
 //          one KSDATARANGE of major type ANALOGVIDEO.
 // The filter's automation table has one property set (kTestPropertySet) and
@@ -94,8 +95,10 @@ struct TestRecorder {
     // Object bag: the filter's Create adds an item with a free routine that
     // counts here.
     ULONG bagItemsFreed = 0;
-    // The test property's value.
+    // The test property's value, and whether its last read came from a
+    // 32-bit caller (IoIs32bitProcess in the get handler).
     LONG propertyValue = 0;
+    bool valueReadFrom32bit = false;
 
     // Knobs.
     bool fillOnProcess = true;           // Process fills and ejects a frame
@@ -108,7 +111,12 @@ struct TestRecorder {
 };
 
 TestRecorder& Recorder();
+// Also restores the capture pin's flags.
 void ResetTestRecorder();
+// The capture pin's KSPIN_DESCRIPTOR_EX.Flags (ks.sys reads them when it
+// decides whether to call Process); set before the pin is created.
+constexpr ULONG kDefaultCaptureFlags = KSPIN_FLAG_PROCESS_IN_RUN_STATE_ONLY;
+void SetCapturePinFlags(ULONG flags);
 
 // ---- the driver ------------------------------------------------------------------------
 // The DriverEntry: KsInitializeDriver with the test device descriptor.

@@ -4,6 +4,7 @@
 // configuration and interface selection through the usbd library, class
 // requests, probe/commit, and a set of isochronous transfers kept in flight.
 #pragma once
+#include <atomic>
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -52,12 +53,12 @@ public:
         next->Parameters.DeviceIoControl.IoControlCode = IOCTL_INTERNAL_USB_SUBMIT_URB;
         next->Parameters.Others.Argument1 = urb;
         IoSetCompletionRoutine(irp_, &UrbIrp::Completed, this, TRUE, TRUE, TRUE);
-        done_ = false;
+        done_.store(false);
         urb_ = urb;
         callStatus_ = IoCallDriver(pdo_, irp_);
         return callStatus_;
     }
-    bool Done() const { return done_; }
+    bool Done() const { return done_.load(std::memory_order_acquire); }
     NTSTATUS Status() const { return status_; }
     NTSTATUS CallStatus() const { return callStatus_; }
     PIRP irp() const { return irp_; }
@@ -65,7 +66,7 @@ public:
     uint64_t CompletedAt() const { return completedAt_; }
     KIRQL CompletionIrql() const { return completionIrql_; }
     bool Wait(LONGLONG timeout = kvsim::kSecond) {
-        return kvsim::RunUntil([this] { return done_; }, timeout);
+        return kvsim::RunUntil([this] { return Done(); }, timeout);
     }
 
 private:
@@ -74,13 +75,15 @@ private:
         self->status_ = irp->IoStatus.Status;
         self->completedAt_ = static_cast<uint64_t>(kvsim::Now());
         self->completionIrql_ = KeGetCurrentIrql();
-        self->done_ = true;
+        // Published last: in parallel mode the waiting thread reads the
+        // results as soon as it sees done_.
+        self->done_.store(true, std::memory_order_release);
         return STATUS_MORE_PROCESSING_REQUIRED;
     }
     PDEVICE_OBJECT pdo_;
     PIRP irp_;
     PURB urb_ = nullptr;
-    bool done_ = false;
+    std::atomic<bool> done_{false};
     NTSTATUS status_ = STATUS_PENDING, callStatus_ = STATUS_PENDING;
     uint64_t completedAt_ = 0;
     KIRQL completionIrql_ = 0;

@@ -17,4 +17,14 @@ enum ExitCode : int {
 int RunDriverCommand(std::span<const std::string_view> args);
 void PrintDriverHelp();
 
+// `kvcam formats [system options] [--json]`: the start and the pins' data
+// ranges (formats_command.cpp).
+int RunFormatsCommand(std::span<const std::string_view> args);
+void PrintFormatsHelp();
+
+// `kvcam info [system options] [--verbose]`: the camera, the start, the
+// formats, the filter's pins and topology (info_command.cpp).
+int RunInfoCommand(std::span<const std::string_view> args);
+void PrintInfoHelp();
+
 }  // namespace kvcam

@@ -2,10 +2,12 @@
 //
 //   kvcam --help
 //   kvcam driver [--sys PATH] [--json]
+//   kvcam formats [--camera CFG.bin [--device DEV.bin]] [--registry FILE.reg] [--json]
+//   kvcam info [...] [--verbose]
 //
 // Results go to stdout (text, or JSON with --json); errors go to stderr;
-// exit codes are those of commands.h. Later issues add `formats`, `info` and
-// streaming commands to the table below.
+// exit codes are those of commands.h. Later issues add streaming commands
+// to the table below.
 #include <cstdio>
 #include <span>
 #include <string_view>
@@ -25,6 +27,10 @@ struct Command {
 constexpr Command kCommands[] = {
     {"driver", "describe the built kvdrv.sys (PE headers, sections, imports)", kvcam::RunDriverCommand,
      kvcam::PrintDriverHelp},
+    {"formats", "start the driver on a camera; print the capture and still pins' formats", kvcam::RunFormatsCommand,
+     kvcam::PrintFormatsHelp},
+    {"info", "start the driver on a camera; describe the device, formats, pins and topology", kvcam::RunInfoCommand,
+     kvcam::PrintInfoHelp},
 };
 
 void PrintHelp(std::FILE* out)
@@ -36,7 +42,7 @@ void PrintHelp(std::FILE* out)
         std::fprintf(out, "  %-10.*s %.*s\n", static_cast<int>(c.name.size()), c.name.data(),
                     static_cast<int>(c.summary.size()), c.summary.data());
     }
-    std::fprintf(out, "\nexit codes: 0 success, 1 failure, 2 bad command line\n");
+    std::fprintf(out, "\nexit codes: 0 success, 1 failure (start failed, bad input), 2 bad command line\n");
 }
 
 }  // namespace

@@ -1,0 +1,364 @@
+// Part 1.4: Filter, pin and topology descriptors.
+// The node and connection tables (built at start), the filter object with
+// its Create dispatch and destructor, and - as const data at the end of the
+// file - the filter descriptor template, the three-pin table and the
+// framing of the capture and still pins.
+//
+// Decisions (the spec leaves them open):
+//  - Pool tags: "KVNd" node table, "KVCn" connection table, "KVFl" filter
+//    object (the Overview asks for tags beginning with "KV").
+//  - The filter's automation table (Part 3.3) and the pins' dispatch tables
+//    and intersect handlers (Parts 2.1, 2.4) arrive with their Parts; until
+//    then those slots are null.
+//  - The framing item: 2 frames, byte alignment, frame size 0; the pins set
+//    count and size when a format is chosen (Part 1.4 "Left to the
+//    implementer").
+#include "wdk.h"
+#include "descriptors.h"
+#include "device.h"
+#include "descriptor_reader.h"
+
+using kv::PoolTag;
+
+namespace {
+
+constexpr ULONG kNodeTag = PoolTag("KVNd");
+constexpr ULONG kConnectionTag = PoolTag("KVCn");
+constexpr ULONG kFilterTag = PoolTag("KVFl");
+
+// GUIDs used by the tables, defined here from the headers' STATIC_ forms so
+// that the driver needs no INITGUID translation unit (Windows build).
+const GUID g_KsNameFilter = {STATICGUIDOF(KSNAME_Filter)};
+const GUID g_PinNameVideoCapture = {STATICGUIDOF(PINNAME_VIDEO_CAPTURE)};
+const GUID g_PinNameVideoStill = {STATICGUIDOF(PINNAME_VIDEO_STILL)};
+// The bridge pin's category and name (Part 1.4): 1B6C4281-0353-11D1-905F-0000C0CC16B0.
+const GUID g_PinNameVideoBridge = {0x1B6C4281, 0x0353, 0x11D1, {0x90, 0x5F, 0x00, 0x00, 0xC0, 0xCC, 0x16, 0xB0}};
+const GUID g_NodeCameraTerminal = {STATICGUIDOF(KSNODETYPE_VIDEO_CAMERA_TERMINAL)};
+const GUID g_NodeVideoStreaming = {STATICGUIDOF(KSNODETYPE_VIDEO_STREAMING)};
+const GUID g_NodeVideoProcessing = {STATICGUIDOF(KSNODETYPE_VIDEO_PROCESSING)};
+const GUID g_NodeDevSpecific = {STATICGUIDOF(KSNODETYPE_DEV_SPECIFIC)};
+// The device-specific node's name (Part 1.4): DFF229F0-F70F-11D0-B917-00A0C9223196.
+const GUID g_NodeDevSpecificName = {0xDFF229F0, 0xF70F, 0x11D0, {0xB9, 0x17, 0x00, 0xA0, 0xC9, 0x22, 0x31, 0x96}};
+
+// A node's type and name (Part 1.4 node table, in node order).
+struct NodeEntry {
+    const GUID* pType;
+    const GUID* pName;
+};
+
+// A connection: from node, from pin, to node, to pin.
+struct ConnectionEntry {
+    ULONG FromNode;
+    ULONG FromNodePin;
+    ULONG ToNode;
+    ULONG ToNodePin;
+};
+
+extern const NodeEntry g_NodeTable[KV_NODE_COUNT];
+extern const ConnectionEntry g_ConnectionTable[KV_CONNECTION_COUNT];
+
+// Pageable routines print the IRQL line and go on (as device.cpp does).
+bool PageableCallTooHigh()
+{
+    const KIRQL irql = KeGetCurrentIrql();
+    if (irql > APC_LEVEL) {
+        DbgPrint("EX: Pageable code called at IRQL %d\n", irql);
+        return true;
+    }
+    return false;
+}
+
+}  // namespace
+
+// ---- Node and connection tables ------------------------------------------------
+
+// Part 1.4 InitNodeDescriptorSize: counts first, then both tables; the
+// first is given back when the second cannot be had.
+NTSTATUS CCaptureDevice::InitNodeDescriptorSize()
+{
+    m_ucNbrNodeDescriptor = KV_NODE_COUNT;
+    m_ucNbrTopologyConnection = KV_CONNECTION_COUNT;
+    m_pNodeDescriptors = static_cast<PKSNODE_DESCRIPTOR>(
+        ExAllocatePoolWithTag(NonPagedPoolNx, m_ucNbrNodeDescriptor * sizeof(KSNODE_DESCRIPTOR), kNodeTag));
+    if (m_pNodeDescriptors == nullptr) {
+        return STATUS_INSUFFICIENT_RESOURCES;
+    }
+    m_pTopologyConnections = static_cast<PKSTOPOLOGY_CONNECTION>(ExAllocatePoolWithTag(
+        NonPagedPoolNx, m_ucNbrTopologyConnection * sizeof(KSTOPOLOGY_CONNECTION), kConnectionTag));
+    if (m_pTopologyConnections == nullptr) {
+        ExFreePoolWithTag(m_pNodeDescriptors, kNodeTag);
+        m_pNodeDescriptors = nullptr;
+        return STATUS_INSUFFICIENT_RESOURCES;
+    }
+    return STATUS_SUCCESS;
+}
+
+// Part 1.4 InitNodeAndTopologyDescriptor: fills both tables from the const
+// data below; Part 1.1 then hangs them on the filter descriptor.
+NTSTATUS CCaptureDevice::InitNodeAndTopologyDescriptor()
+{
+    PageableCallTooHigh();
+    NTSTATUS status = InitNodeDescriptorSize();
+    if (!NT_SUCCESS(status)) {
+        DbgPrint("CCaptureDevice::InitNodeAndTopologyDescriptor() InitNodeDescriptorSize() Failed Status 0x%x\n",
+                 static_cast<ULONG>(status));
+        return status;
+    }
+
+    UCHAR ucNbrNodeDescriptor = 0;
+    for (const NodeEntry& node : g_NodeTable) {
+        KSNODE_DESCRIPTOR& d = m_pNodeDescriptors[ucNbrNodeDescriptor++];
+        d.AutomationTable = nullptr;
+        d.Type = node.pType;
+        d.Name = node.pName;
+    }
+    ASSERT(ucNbrNodeDescriptor == m_ucNbrNodeDescriptor);
+
+    UCHAR nConnection = 0;
+    for (const ConnectionEntry& c : g_ConnectionTable) {
+        KSTOPOLOGY_CONNECTION& d = m_pTopologyConnections[nConnection++];
+        d.FromNode = c.FromNode;
+        d.FromNodePin = c.FromNodePin;
+        d.ToNode = c.ToNode;
+        d.ToNodePin = c.ToNodePin;
+    }
+    ASSERT(nConnection == m_ucNbrTopologyConnection);
+    return STATUS_SUCCESS;
+}
+
+// Part 1.1 start step 4 (Part 1.4's templates): the device's own filter
+// descriptor pointing at its own copy of the pin table, data ranges cleared
+// until the format tables are attached.
+void CCaptureDevice::CopyFilterTemplates()
+{
+    m_FilterDescriptor = g_CaptureFilterDescriptor;
+    for (ULONG i = 0; i < KV_PIN_COUNT; ++i) {
+        m_PinDescriptors[i] = g_PinDescriptorTemplate[i];
+        m_PinDescriptors[i].PinDescriptor.DataRangesCount = 0;
+        m_PinDescriptors[i].PinDescriptor.DataRanges = nullptr;
+    }
+    m_FilterDescriptor.PinDescriptorsCount = KV_PIN_COUNT;
+    m_FilterDescriptor.PinDescriptorSize = sizeof(KSPIN_DESCRIPTOR_EX);  // 136
+    m_FilterDescriptor.PinDescriptors = m_PinDescriptors;
+}
+
+// Release share of Part 1.4 (Part 1.1 "Release of device allocations").
+void CCaptureDevice::ReleaseTopology()
+{
+    m_FilterDescriptor.NodeDescriptorsCount = 0;
+    m_FilterDescriptor.NodeDescriptors = nullptr;
+    m_FilterDescriptor.ConnectionsCount = 0;
+    m_FilterDescriptor.Connections = nullptr;
+    if (m_pNodeDescriptors != nullptr) {
+        ExFreePoolWithTag(m_pNodeDescriptors, kNodeTag);
+        m_pNodeDescriptors = nullptr;
+    }
+    if (m_pTopologyConnections != nullptr) {
+        ExFreePoolWithTag(m_pTopologyConnections, kConnectionTag);
+        m_pTopologyConnections = nullptr;
+    }
+}
+
+// ---- The filter object ---------------------------------------------------------
+
+void* CCaptureFilter::operator new(decltype(sizeof(0)) cb) noexcept
+{
+    return ExAllocatePoolWithTag(NonPagedPoolNx, cb, kFilterTag);
+}
+
+void CCaptureFilter::operator delete(void* p) noexcept
+{
+    if (p != nullptr) {
+        ExFreePoolWithTag(p, kFilterTag);
+    }
+}
+
+// Part 1.4 filter object construction: an open filter counts against idle
+// power-down only while the idle scheme is enabled, and asks for D0 so that
+// the camera is powered before the first pin is created.
+CCaptureFilter::CCaptureFilter(PKSFILTER pKsFilter, CCaptureDevice* pDevice)
+    : m_pDevice(pDevice), m_pKsFilter(pKsFilter), m_DefaultValue(15), m_TunnelPending(0), m_CurrentFormatIndex(0)
+{
+    m_pDevice->m_pCaptureFilter = this;
+    if (m_pDevice->m_IdlePowerEnabled != 0) {
+        InterlockedIncrement(reinterpret_cast<volatile LONG*>(&m_pDevice->m_OpenFilterCount));
+        m_pDevice->RequestPowerUp();
+    }
+}
+
+// Part 1.4: the count goes down on every close, whatever the idle setting
+// (as the Part states; with idle power disabled the count is never read).
+CCaptureFilter::~CCaptureFilter()
+{
+    InterlockedDecrement(reinterpret_cast<volatile LONG*>(&m_pDevice->m_OpenFilterCount));
+    // The back pointer names the most recent filter; it must not outlive it.
+    if (m_pDevice->m_pCaptureFilter == this) {
+        m_pDevice->m_pCaptureFilter = nullptr;
+    }
+}
+
+void CCaptureFilter::Cleanup(PVOID pContext)
+{
+    delete static_cast<CCaptureFilter*>(pContext);
+}
+
+// Part 1.4 filter Create.
+NTSTATUS CCaptureFilter::DispatchCreate(PKSFILTER pKsFilter, PIRP pIrp)
+{
+    UNREFERENCED_PARAMETER(pIrp);
+    PageableCallTooHigh();
+    PKSDEVICE pKsDevice = KsFilterGetDevice(pKsFilter);
+    ASSERT(pKsDevice != NULL);
+    auto* pDevice = static_cast<CCaptureDevice*>(pKsDevice->Context);
+    ASSERT(pDevice != NULL);
+
+    CCaptureFilter* pFilter = new CCaptureFilter(pKsFilter, pDevice);
+    if (pFilter == nullptr) {
+        return STATUS_INSUFFICIENT_RESOURCES;
+    }
+    NTSTATUS status = KsAddItemToObjectBag(pKsFilter->Bag, pFilter, CCaptureFilter::Cleanup);
+    if (!NT_SUCCESS(status)) {
+        delete pFilter;
+        return status;
+    }
+    pKsFilter->Context = pFilter;
+    return STATUS_SUCCESS;
+}
+
+// ---- Const tables -------------------------------------------------------------------
+
+namespace {
+
+const NodeEntry g_NodeTable[KV_NODE_COUNT] = {
+    {&g_NodeCameraTerminal, &g_NodeCameraTerminal},  // 0: camera terminal
+    {&g_NodeVideoStreaming, &g_NodeVideoStreaming},  // 1: video streaming
+    {&g_NodeVideoProcessing, &g_NodeVideoProcessing},  // 2: processing unit
+    {&g_NodeDevSpecific, &g_NodeDevSpecificName},    // 3: device-specific unit
+};
+
+// Bridge pin -> camera terminal -> processing -> device-specific ->
+// streaming -> capture pin and still pin.
+const ConnectionEntry g_ConnectionTable[KV_CONNECTION_COUNT] = {
+    {KSFILTER_NODE, KV_PIN_BRIDGE, 0, 1},   // 0: bridge pin to camera terminal
+    {0, 0, 2, 1},                           // 1: camera terminal to processing
+    {2, 0, 3, 1},                           // 2: processing to device-specific
+    {3, 0, 1, 1},                           // 3: device-specific to streaming
+    {1, 0, KSFILTER_NODE, KV_PIN_CAPTURE},  // 4: streaming to capture pin
+    {1, 1, KSFILTER_NODE, KV_PIN_STILL},    // 5: streaming to still pin
+};
+
+// Filter categories, in order; the still pin's name as third category on
+// purpose (Part 1.4).
+const GUID g_FilterCategories[] = {
+    {STATICGUIDOF(KSCATEGORY_VIDEO)},    // video
+    {STATICGUIDOF(KSCATEGORY_CAPTURE)},  // capture
+    {STATICGUIDOF(PINNAME_VIDEO_STILL)}, // still, as a category
+};
+
+const KSFILTER_DISPATCH g_FilterDispatch = {
+    CCaptureFilter::DispatchCreate,  // Create
+    nullptr,                         // Close
+    nullptr,                         // Process
+    nullptr,                         // Reset
+};
+
+// One non-paged kernel-memory framing item for the capture and still pins.
+DECLARE_SIMPLE_FRAMING_EX(g_CapturePinFraming, STATICGUIDOF(KSMEMORY_TYPE_KERNEL_NONPAGED),
+                          KSALLOCATOR_REQUIREMENTF_SYSTEM_MEMORY | KSALLOCATOR_REQUIREMENTF_PREFERENCES_ONLY, 2,
+                          FILE_BYTE_ALIGNMENT, 0, 0);
+DECLARE_SIMPLE_FRAMING_EX(g_StillPinFraming, STATICGUIDOF(KSMEMORY_TYPE_KERNEL_NONPAGED),
+                          KSALLOCATOR_REQUIREMENTF_SYSTEM_MEMORY | KSALLOCATOR_REQUIREMENTF_PREFERENCES_ONLY, 2,
+                          FILE_BYTE_ALIGNMENT, 0, 0);
+
+}  // namespace
+
+const KSPIN_DESCRIPTOR_EX g_PinDescriptorTemplate[KV_PIN_COUNT] = {
+    // Pin 0: capture.
+    {
+        nullptr,  // Dispatch: Create, Process, SetDataFormat, SetDeviceState (Part 2.1)
+        nullptr,  // AutomationTable
+        {
+            0,                            // InterfacesCount
+            nullptr,                      // Interfaces
+            0,                            // MediumsCount
+            nullptr,                      // Mediums
+            0,                            // DataRangesCount: the capture table, at start
+            nullptr,                      // DataRanges
+            KSPIN_DATAFLOW_OUT,           // DataFlow
+            KSPIN_COMMUNICATION_BOTH,     // Communication
+            &g_PinNameVideoCapture,       // Category
+            &g_PinNameVideoCapture,       // Name
+            {0},                          // Reserved
+        },
+        KSPIN_FLAG_PROCESS_IN_RUN_STATE_ONLY | KSPIN_FLAG_DO_NOT_INITIATE_PROCESSING,  // Flags
+        1,                    // InstancesPossible
+        1,                    // InstancesNecessary
+        &g_CapturePinFraming, // AllocatorFraming
+        nullptr,              // IntersectHandler (Part 2.1)
+    },
+    // Pin 1: video input bridge.
+    {
+        nullptr,  // Dispatch
+        nullptr,  // AutomationTable
+        {
+            0,                            // InterfacesCount
+            nullptr,                      // Interfaces
+            0,                            // MediumsCount
+            nullptr,                      // Mediums
+            0,                            // DataRangesCount
+            nullptr,                      // DataRanges
+            KSPIN_DATAFLOW_IN,            // DataFlow
+            KSPIN_COMMUNICATION_BRIDGE,   // Communication
+            &g_PinNameVideoBridge,        // Category
+            &g_PinNameVideoBridge,        // Name
+            {0},                          // Reserved
+        },
+        0,        // Flags
+        0,        // InstancesPossible
+        0,        // InstancesNecessary
+        nullptr,  // AllocatorFraming
+        nullptr,  // IntersectHandler
+    },
+    // Pin 2: still.
+    {
+        nullptr,  // Dispatch: Create, Close, Process, SetDataFormat, SetDeviceState (Part 2.4)
+        nullptr,  // AutomationTable
+        {
+            0,                            // InterfacesCount
+            nullptr,                      // Interfaces
+            0,                            // MediumsCount
+            nullptr,                      // Mediums
+            0,                            // DataRangesCount: the still table, at start
+            nullptr,                      // DataRanges
+            KSPIN_DATAFLOW_OUT,           // DataFlow
+            KSPIN_COMMUNICATION_SINK,     // Communication
+            &g_PinNameVideoStill,         // Category
+            &g_PinNameVideoStill,         // Name
+            {0},                          // Reserved
+        },
+        KSPIN_FLAG_DO_NOT_INITIATE_PROCESSING,  // Flags
+        1,                   // InstancesPossible
+        0,                   // InstancesNecessary
+        &g_StillPinFraming,  // AllocatorFraming
+        nullptr,             // IntersectHandler (Part 2.4)
+    },
+};
+
+const KSFILTER_DESCRIPTOR g_CaptureFilterDescriptor = {
+    &g_FilterDispatch,            // Dispatch
+    nullptr,                      // AutomationTable (Part 3.3)
+    KSFILTER_DESCRIPTOR_VERSION,  // Version
+    0,                            // Flags
+    &g_KsNameFilter,              // ReferenceGuid
+    0,                            // PinDescriptorsCount: at start
+    sizeof(KSPIN_DESCRIPTOR_EX),  // PinDescriptorSize
+    nullptr,                      // PinDescriptors: at start
+    SIZEOF_ARRAY(g_FilterCategories),  // CategoriesCount
+    g_FilterCategories,           // Categories
+    0,                            // NodeDescriptorsCount: at start
+    sizeof(KSNODE_DESCRIPTOR),    // NodeDescriptorSize
+    nullptr,                      // NodeDescriptors: at start
+    0,                            // ConnectionsCount: at start
+    nullptr,                      // Connections: at start
+    nullptr,                      // ComponentId
+};

@@ -1,0 +1,147 @@
+// Test rig for Parts 1.1 and 1.4 (tests/driver/driver_1_1_*, driver_1_4_*):
+// the driver loaded into the simulation through its DriverEntry, a virtual
+// camera plugged into the simulated USB bus, the device added on the bus's
+// PDO by the simulated PnP manager, and the helpers the suites share (the
+// device object behind the FDO, the debug log, registry set-up, the pool).
+// The service key's subkeys are created empty, as an installation creates
+// them.
+#pragma once
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "camera/descriptor_builder.h"
+#include "camera/uvc_camera.h"
+#include "client/ks_client.h"
+#include "device/descriptors.h"
+#include "device/device.h"
+#include "ks/pnp.h"
+#include "kvsim/diag.h"
+#include "kvsim/pool.h"
+#include "kvsim/registry.h"
+#include "kvsim/sched.h"
+#include "usb/usb_bus.h"
+
+extern "C" NTSTATUS DriverEntry(PDRIVER_OBJECT DriverObject, PUNICODE_STRING RegistryPath);
+
+namespace lifecycle_rig {
+
+namespace cam = kvsim::camera;
+namespace pnp = kvsim::pnp;
+namespace usb = kvsim::usb;
+
+inline const std::string kService = "\\Registry\\Machine\\SYSTEM\\CurrentControlSet\\Services\\USBKV";
+inline const std::string kData = kService + "\\Data";
+
+inline std::shared_ptr<cam::UvcCamera> DefaultCamera()
+{
+    return std::shared_ptr<cam::UvcCamera>(cam::UvcCamera::Create(cam::BuildDescriptors(cam::DefaultCameraSpec())));
+}
+
+// One of the real cameras of /work/shared/cameras (null when unreadable).
+inline std::shared_ptr<cam::UvcCamera> SharedCamera(const std::string& name)
+{
+    auto set = cam::LoadDescriptorFiles(std::string(KV_SHARED_DIR) + "/cameras", name);
+    if (!set) return nullptr;
+    return std::shared_ptr<cam::UvcCamera>(cam::UvcCamera::Create(*set));
+}
+
+// "SWSetting" with bit 0 (idle power) set, the other bytes at their default.
+inline void EnableIdlePower() { kvsim::RegSetValue(kData, "SWSetting", REG_BINARY, {0x01, 0xC0, 0x01}); }
+
+inline bool DebugSaid(const std::string& text)
+{
+    auto all = kvsim::DebugMessages();
+    return std::find(all.begin(), all.end(), text) != all.end();
+}
+
+// Messages that begin with `prefix`.
+inline std::vector<std::string> DebugStartingWith(const std::string& prefix)
+{
+    std::vector<std::string> out;
+    for (const auto& m : kvsim::DebugMessages()) {
+        if (m.rfind(prefix, 0) == 0) out.push_back(m);
+    }
+    return out;
+}
+
+inline std::string Hex(NTSTATUS status)
+{
+    char text[16];
+    snprintf(text, sizeof(text), "0x%X", static_cast<unsigned>(status));
+    return text;
+}
+
+class Rig {
+public:
+    explicit Rig(std::shared_ptr<cam::UvcCamera> camera = DefaultCamera(), bool idlePower = false)
+        : camera_(std::move(camera))
+    {
+        kvsim::RegReset();
+        for (const char* sub : {"\\Data", "\\Property\\Default", "\\Property\\Last", "\\Property\\Customer"}) {
+            kvsim::RegCreateKey(kService + sub);
+        }
+        if (idlePower) EnableIdlePower();
+        pdo_ = usb::PlugCamera(camera_, usb::Speed::kHigh);
+        NTSTATUS status = STATUS_UNSUCCESSFUL;
+        driver_ = pnp::LoadDriver(u"USBKV", DriverEntry, &status);
+        EXPECT_EQ(status, STATUS_SUCCESS);
+    }
+
+    ~Rig()
+    {
+        if (added_ && !removed_) Remove();
+        if (driver_) pnp::UnloadDriver(driver_);
+        usb::Unplug(pdo_);
+    }
+
+    NTSTATUS Add()
+    {
+        NTSTATUS status = pnp::AddDevice(driver_, pdo_);
+        added_ = NT_SUCCESS(status);
+        return status;
+    }
+    NTSTATUS Start() { return pnp::StartDevice(pdo_); }
+    NTSTATUS AddAndStart()
+    {
+        NTSTATUS status = Add();
+        return NT_SUCCESS(status) ? Start() : status;
+    }
+    NTSTATUS Stop() { return pnp::StopDevice(pdo_); }
+    NTSTATUS Remove()
+    {
+        removed_ = true;
+        return pnp::RemoveDevice(pdo_);
+    }
+    void MarkRemoved() { removed_ = true; }
+
+    PDEVICE_OBJECT Pdo() const { return pdo_; }
+    PDEVICE_OBJECT Fdo() const { return pdo_->AttachedDevice; }
+    PKSDEVICE KsDevice() const { return KsGetDeviceForDeviceObject(Fdo()); }
+    CCaptureDevice& Dev() const { return *static_cast<CCaptureDevice*>(KsDevice()->Context); }
+    DEVICE_POWER_STATE BusPower() const { return usb::GetDeviceState(pdo_).power; }
+
+    // The filter, opened through its first device interface under `category`.
+    std::unique_ptr<kvsim::client::Filter> OpenFilter(const GUID& category, NTSTATUS* status = nullptr)
+    {
+        auto found = kvsim::client::EnumerateFilters(category);
+        std::unique_ptr<kvsim::client::Filter> filter;
+        NTSTATUS s = STATUS_OBJECT_NAME_NOT_FOUND;
+        if (!found.empty()) s = kvsim::client::Filter::Open(found.front(), &filter);
+        if (status) *status = s;
+        return filter;
+    }
+
+private:
+    std::shared_ptr<cam::UvcCamera> camera_;
+    PDEVICE_OBJECT pdo_ = nullptr;
+    PDRIVER_OBJECT driver_ = nullptr;
+    bool added_ = false;
+    bool removed_ = false;
+};
+
+}  // namespace lifecycle_rig

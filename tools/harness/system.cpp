@@ -1,0 +1,281 @@
+// The system harness (system.h): boot and shutdown of a simulated machine
+// with kvdrv.sys and one camera.
+#include "system.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <string_view>
+
+#include "kvsim/diag.h"
+#include "kvsim/devinterface.h"
+#include "kvsim/files.h"
+#include "kvsim/registry.h"
+#include "ks/pnp.h"
+#include "usb/usb_bus.h"
+
+// The driver's entry (driver/device/device.cpp, linked from kvdrv_host).
+extern "C" NTSTATUS DriverEntry(PDRIVER_OBJECT DriverObject, PUNICODE_STRING RegistryPath);
+
+namespace kvharness {
+namespace {
+
+// What an installation of the driver puts in the registry (the INF's
+// AddService and AddReg): the service key with its standard values for a
+// demand-start kernel driver, and the empty subkeys Part 3.1 opens (the
+// driver opens them, it never creates them).
+// https://learn.microsoft.com/windows-hardware/drivers/install/inf-addservice-directive
+struct InstallDword {
+    const char* name;
+    uint32_t value;
+};
+constexpr InstallDword kServiceValues[] = {
+    {"Type", 1},          // SERVICE_KERNEL_DRIVER
+    {"Start", 3},         // SERVICE_DEMAND_START
+    {"ErrorControl", 1},  // SERVICE_ERROR_NORMAL
+};
+constexpr const char* kServiceImagePath = "\\SystemRoot\\System32\\drivers\\kvdrv.sys";
+constexpr const char* kInstalledSubkeys[] = {"\\Data", "\\Property\\Default", "\\Property\\Last",
+                                             "\\Property\\Customer"};
+
+// The debug lines that name a failing start step (Part 1.1's start sequence,
+// and Part 1.4's InitNodeAndTopologyDescriptor whose step has no line of
+// its own); a step's own callee may print other lines first.
+constexpr std::string_view kStartStepPrefixes[] = {
+    "Kvdrv PnP start",
+    "CCaptureDevice::InitNodeAndTopologyDescriptor()",
+};
+
+std::optional<std::vector<uint8_t>> ReadBytes(const std::string& path)
+{
+    std::ifstream in(path, std::ios::binary);
+    if (!in) {
+        return std::nullopt;
+    }
+    return std::vector<uint8_t>(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+}  // namespace
+
+System::System(SystemOptions options) : options_(std::move(options)) {}
+
+System::~System() { Shutdown(); }
+
+bool System::Boot()
+{
+    if (booted_ || shutDown_) {
+        errors_.push_back("the system was already booted");
+        return false;
+    }
+    // A mode other than the running one is a violation of the scheduler's
+    // rules (it is fixed at first use), reported there.
+    if (options_.clock && kvsim::GetClockMode() != *options_.clock) {
+        kvsim::SetClockMode(*options_.clock);
+    }
+    kvsim::SetDebugEcho(options_.echoDebug);
+    firstMessage_ = kvsim::DebugMessages().size();
+    if (!options_.systemRoot.empty()) {
+        kvsim::MapRoot("\\SystemRoot", options_.systemRoot);
+    }
+    if (!LoadRegistry()) {
+        return false;
+    }
+    InstallServiceKeys();
+
+    NTSTATUS status = STATUS_UNSUCCESSFUL;
+    driver_ = kvsim::pnp::LoadDriver(kServiceName, DriverEntry, &status);
+    if (driver_ == nullptr) {
+        char line[64];
+        std::snprintf(line, sizeof(line), "DriverEntry failed (Status 0x%08X)", static_cast<unsigned>(status));
+        errors_.push_back(line);
+        return false;
+    }
+    if (!PlugCamera()) {
+        return false;
+    }
+    booted_ = true;
+    StartDevice();
+    return true;
+}
+
+bool System::LoadRegistry()
+{
+    if (options_.registryFile.empty()) {
+        return true;
+    }
+    // A missing file is a first run: it is created at shutdown.
+    if (std::filesystem::exists(options_.registryFile)) {
+        kvsim::RegFileResult result = kvsim::RegLoadFile(options_.registryFile);
+        if (!result.ok()) {
+            for (const std::string& e : result.errors) {
+                errors_.push_back(options_.registryFile + ": " + e);
+            }
+            return false;  // never overwrite a file we could not read
+        }
+    }
+    registryLoaded_ = true;
+    return true;
+}
+
+void System::InstallServiceKeys()
+{
+    const std::string service = kServiceKey;
+    if (!kvsim::RegKeyExists(service)) {
+        for (const InstallDword& v : kServiceValues) {
+            kvsim::RegSetDword(service, v.name, v.value);
+        }
+        kvsim::RegSetString(service, "ImagePath", kServiceImagePath, REG_EXPAND_SZ);
+    }
+    for (const char* subkey : kInstalledSubkeys) {
+        kvsim::RegCreateKey(service + subkey);
+    }
+}
+
+bool System::PlugCamera()
+{
+    std::unique_ptr<kvsim::camera::UvcCamera> camera =
+        options_.camera ? kvsim::camera::UvcCamera::Create(*options_.camera) : kvsim::camera::UvcCamera::CreateDefault();
+    if (!camera) {
+        errors_.push_back("the camera's descriptors are unusable (no device or configuration header)");
+        return false;
+    }
+    camera_ = std::move(camera);
+    pdo_ = kvsim::usb::PlugCamera(camera_, camera_->HighSpeed() ? kvsim::usb::Speed::kHigh : kvsim::usb::Speed::kFull);
+    return pdo_ != nullptr;
+}
+
+void System::StartDevice()
+{
+    size_t before = kvsim::DebugMessages().size();
+    startStatus_ = kvsim::pnp::AddDevice(driver_, pdo_);
+    added_ = kvsim::pnp::HasFunctionDevice(pdo_);
+    if (NT_SUCCESS(startStatus_)) {
+        startStatus_ = kvsim::pnp::StartDevice(pdo_);
+    }
+    if (!NT_SUCCESS(startStatus_)) {
+        startMessage_ = FindStartMessage(before);
+    }
+}
+
+std::optional<std::string> System::FindStartMessage(size_t firstMessage) const
+{
+    std::vector<std::string> messages = kvsim::DebugMessages();
+    for (size_t i = firstMessage; i < messages.size(); ++i) {
+        for (std::string_view prefix : kStartStepPrefixes) {
+            if (std::string_view(messages[i]).starts_with(prefix)) {
+                return messages[i];
+            }
+        }
+    }
+    return std::nullopt;
+}
+
+NTSTATUS System::OpenFilter()
+{
+    if (!started()) {
+        return STATUS_DEVICE_NOT_READY;
+    }
+    if (filter_) {
+        return STATUS_SUCCESS;
+    }
+    std::vector<kvsim::DeviceInterface> capture = kvsim::EnabledDeviceInterfaces(KSCATEGORY_CAPTURE);
+    for (const kvsim::client::FilterInterface& video : kvsim::client::EnumerateFilters(KSCATEGORY_VIDEO)) {
+        if (video.pdo != pdo_) {
+            continue;
+        }
+        for (const kvsim::DeviceInterface& c : capture) {
+            if (c.pdo == pdo_ && c.referenceString == video.referenceString) {
+                return kvsim::client::Filter::Open(video, &filter_);
+            }
+        }
+    }
+    return STATUS_OBJECT_NAME_NOT_FOUND;
+}
+
+void System::CloseFilter()
+{
+    if (filter_) {
+        filter_->Close();
+        filter_.reset();
+    }
+}
+
+std::vector<std::string> System::DebugMessages() const
+{
+    std::vector<std::string> all = kvsim::DebugMessages();
+    if (firstMessage_ >= all.size()) {
+        return {};
+    }
+    return std::vector<std::string>(all.begin() + static_cast<std::ptrdiff_t>(firstMessage_), all.end());
+}
+
+bool System::Shutdown()
+{
+    if (shutDown_) {
+        return true;
+    }
+    shutDown_ = true;
+    CloseFilter();
+    if (added_ && kvsim::pnp::HasFunctionDevice(pdo_)) {
+        kvsim::pnp::RemoveDevice(pdo_);
+    }
+    if (pdo_ != nullptr) {
+        kvsim::usb::Unplug(pdo_);
+        pdo_ = nullptr;
+    }
+    if (driver_ != nullptr) {
+        kvsim::pnp::UnloadDriver(driver_);
+        driver_ = nullptr;
+    }
+    camera_.reset();
+    bool saved = true;
+    if (registryLoaded_ && !options_.registryFile.empty()) {
+        saved = kvsim::RegSaveFile(options_.registryFile);
+        if (!saved) {
+            errors_.push_back(options_.registryFile + ": cannot be written");
+        }
+    }
+    if (!options_.systemRoot.empty()) {
+        kvsim::UnmapAllRoots();
+    }
+    kvsim::SetDebugEcho(false);
+    return saved;
+}
+
+std::optional<kvsim::camera::DescriptorSet> LoadCameraFiles(const std::string& configPath, std::string devicePath,
+                                                            std::string* error)
+{
+    constexpr std::string_view kConfigSuffix = ".cfg_desc.bin";
+    if (devicePath.empty()) {
+        if (!std::string_view(configPath).ends_with(kConfigSuffix)) {
+            *error = configPath + ": name the device descriptor with --device (no .cfg_desc.bin suffix to replace)";
+            return std::nullopt;
+        }
+        devicePath = configPath.substr(0, configPath.size() - kConfigSuffix.size()) + ".dev_desc.bin";
+    }
+    kvsim::camera::DescriptorSet set;
+    std::optional<std::vector<uint8_t>> configuration = ReadBytes(configPath);
+    if (!configuration) {
+        *error = configPath + ": cannot be read";
+        return std::nullopt;
+    }
+    std::optional<std::vector<uint8_t>> device = ReadBytes(devicePath);
+    if (!device) {
+        *error = devicePath + ": cannot be read";
+        return std::nullopt;
+    }
+    set.configuration = std::move(*configuration);
+    set.device = std::move(*device);
+    return set;
+}
+
+std::string SharedCamerasDir(const std::string& fallbackSharedDir)
+{
+    const char* env = std::getenv("KV_SHARED_DIR");
+    std::string shared = (env != nullptr && *env != '\0') ? env : fallbackSharedDir;
+    return shared + "/cameras";
+}
+
+}  // namespace kvharness

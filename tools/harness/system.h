@@ -1,0 +1,128 @@
+// The system harness: assembles a simulated Windows machine with kvdrv.sys
+// and one camera the way Windows would bring it up, for kvcam and for the
+// driver's and tools' tests.
+//
+//   kvharness::SystemOptions options;          // default camera, no files
+//   options.registryFile = "settings.reg";     // loaded before, saved after
+//   kvharness::System system(options);
+//   if (system.Boot() && system.started()) { system.OpenFilter(); ... }
+//   system.Shutdown();                         // also done by the destructor
+//
+// Boot, in Windows' order: the clock mode; "\SystemRoot" mapped to a host
+// folder; the .reg file loaded into the simulated registry (as the hive a
+// machine boots with) and the keys an installation of the driver creates
+// added where missing; the driver loaded ("\Driver\USBKV", its DriverEntry);
+// the camera plugged into a port of the USB bus; AddDevice and
+// IRP_MN_START_DEVICE through the PnP manager. The start's NTSTATUS and the
+// first failing step's debug line (exactly as printed) are recorded.
+//
+// "\SystemRoot" stays mapped until Shutdown, which unmaps every root.
+//
+// Shutdown, in Windows' order: the client's handles closed; the device
+// removed (IRP_MN_QUERY_REMOVE_DEVICE, IRP_MN_REMOVE_DEVICE: ks.sys calls the
+// driver's Stop before its Remove for a started device, which is where Part
+// 1.1 writes "DeviceExist" = 2); the camera unplugged; the driver unloaded;
+// the registry saved back to the .reg file.
+// https://learn.microsoft.com/windows-hardware/drivers/kernel/removing-a-device-in-a-function-driver
+// https://learn.microsoft.com/windows-hardware/drivers/ddi/ks/ns-ks-_ksdevice_dispatch
+#pragma once
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "camera/descriptor_builder.h"
+#include "camera/uvc_camera.h"
+#include "client/ks_client.h"
+#include "kvsim/sched.h"
+#include "wdm.h"
+
+namespace kvharness {
+
+// The driver's service name: Part 3.1's registry root is fixed to
+// "...\Services\USBKV" in the driver, so the service is installed as USBKV.
+inline constexpr char16_t kServiceName[] = u"USBKV";
+inline constexpr char kServiceKey[] = "\\Registry\\Machine\\SYSTEM\\CurrentControlSet\\Services\\USBKV";
+
+struct SystemOptions {
+    // The scheduler's mode; nullopt: as chosen already (KVSIM_MODE, or
+    // Virtual). It can only be chosen before the simulation is first used.
+    std::optional<kvsim::ClockMode> clock;
+    std::string systemRoot;    // host folder for "\SystemRoot"; empty: not mapped
+    std::string registryFile;  // .reg file loaded before and saved after; empty: none
+    // The camera's descriptors; nullopt: the built-in default camera.
+    std::optional<kvsim::camera::DescriptorSet> camera;
+    bool echoDebug = false;    // every DbgPrint to stderr as it is printed
+};
+
+class System {
+public:
+    explicit System(SystemOptions options);
+    ~System();
+    System(const System&) = delete;
+    System& operator=(const System&) = delete;
+
+    // Brings the machine up to the device's start. False when the machine
+    // could not be assembled (unreadable registry file, unusable camera
+    // descriptors, DriverEntry failure): errors() says why. A failed device
+    // start is not a Boot failure: see started() and startStatus().
+    bool Boot();
+    const std::vector<std::string>& errors() const { return errors_; }
+
+    bool started() const { return booted_ && NT_SUCCESS(startStatus_); }
+    // The status of IRP_MN_START_DEVICE (or of AddDevice when that failed).
+    NTSTATUS startStatus() const { return startStatus_; }
+    // The first failing start step's debug line, exactly as printed; nullopt
+    // after a successful start or when the driver printed nothing.
+    const std::optional<std::string>& startMessage() const { return startMessage_; }
+
+    PDEVICE_OBJECT pdo() const { return pdo_; }
+    std::shared_ptr<kvsim::camera::UvcCamera> camera() const { return camera_; }
+
+    // Opens the capture filter as a video application finds it: an enabled
+    // interface of KSCATEGORY_VIDEO whose filter is also in
+    // KSCATEGORY_CAPTURE, on this system's device.
+    NTSTATUS OpenFilter();
+    kvsim::client::Filter* filter() const { return filter_.get(); }
+    void CloseFilter();
+
+    // The driver's debug output since Boot began, one DbgPrint each.
+    std::vector<std::string> DebugMessages() const;
+
+    // Everything Windows does on the way out (see the file comment). Safe to
+    // call twice. False when the registry file could not be written.
+    bool Shutdown();
+
+private:
+    bool LoadRegistry();
+    void InstallServiceKeys();
+    bool PlugCamera();
+    void StartDevice();
+    std::optional<std::string> FindStartMessage(size_t firstMessage) const;
+
+    SystemOptions options_;
+    std::vector<std::string> errors_;
+    size_t firstMessage_ = 0;
+    bool booted_ = false;
+    bool registryLoaded_ = false;  // the hive may be saved back
+    bool added_ = false;
+    bool shutDown_ = false;
+    NTSTATUS startStatus_ = STATUS_UNSUCCESSFUL;
+    std::optional<std::string> startMessage_;
+    PDRIVER_OBJECT driver_ = nullptr;
+    PDEVICE_OBJECT pdo_ = nullptr;
+    std::shared_ptr<kvsim::camera::UvcCamera> camera_;
+    std::unique_ptr<kvsim::client::Filter> filter_;
+};
+
+// Reads a camera's two descriptor files. `devicePath` empty: the file beside
+// `configPath` with ".cfg_desc.bin" replaced by ".dev_desc.bin". nullopt
+// with *error set when a file cannot be read.
+std::optional<kvsim::camera::DescriptorSet> LoadCameraFiles(const std::string& configPath, std::string devicePath,
+                                                            std::string* error);
+
+// The folder of the shared real cameras: $KV_SHARED_DIR/cameras when the
+// variable is set, else `fallbackSharedDir`/cameras.
+std::string SharedCamerasDir(const std::string& fallbackSharedDir);
+
+}  // namespace kvharness

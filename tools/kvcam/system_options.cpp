@@ -1,0 +1,128 @@
+// Parsing of the system options (system_options.h).
+#include "system_options.h"
+
+#include <cstdio>
+#include <optional>
+
+#include "commands.h"
+#include "kvsim/testing.h"
+
+#ifndef KVCAM_SHARED_DIR
+#define KVCAM_SHARED_DIR "../shared"
+#endif
+
+namespace kvcam {
+namespace {
+
+// `--name VALUE` or `--name=VALUE` at args[*i]; advances *i past a separate
+// value. nullopt when args[*i] is not this option; *missing when it is but
+// has no value.
+std::optional<std::string> OptionValue(std::span<const std::string_view> args, size_t* i, std::string_view name,
+                                       bool* missing)
+{
+    std::string_view a = args[*i];
+    if (a == name) {
+        if (*i + 1 >= args.size()) {
+            *missing = true;
+            return std::string();
+        }
+        return std::string(args[++*i]);
+    }
+    if (a.size() > name.size() && a.starts_with(name) && a[name.size()] == '=') {
+        return std::string(a.substr(name.size() + 1));
+    }
+    return std::nullopt;
+}
+
+// A bare name (no '/', no ".bin") is a camera of the shared folder.
+std::string CameraConfigPath(const std::string& camera)
+{
+    bool isPath = camera.find('/') != std::string::npos || camera.ends_with(".bin");
+    if (isPath) {
+        return camera;
+    }
+    return kvharness::SharedCamerasDir(KVCAM_SHARED_DIR) + "/" + camera + ".cfg_desc.bin";
+}
+
+}  // namespace
+
+const char* const kSystemOptionsHelp =
+    "  --camera CFG.bin     the camera's configuration descriptor file (default: the built-in camera)\n"
+    "  --device DEV.bin     its device descriptor file (default: CFG's NAME.dev_desc.bin)\n"
+    "  --camera NAME        the shared camera NAME ($KV_SHARED_DIR/cameras/NAME.*_desc.bin)\n"
+    "  --registry FILE.reg  load the simulated registry from FILE before the run and save it after\n"
+    "                       (created when missing)\n"
+    "  --system-root DIR    the host folder that stands for \\SystemRoot\n";
+
+ParsedSystemOptions ParseSystemOptions(std::span<const std::string_view> args)
+{
+    ParsedSystemOptions parsed;
+    std::string camera;
+    std::string device;
+    for (size_t i = 0; i < args.size() && parsed.error.empty(); ++i) {
+        bool missing = false;
+        struct {
+            std::string_view name;
+            std::string* target;
+        } const options[] = {{"--camera", &camera},
+                             {"--device", &device},
+                             {"--registry", &parsed.system.registryFile},
+                             {"--system-root", &parsed.system.systemRoot}};
+        bool matched = false;
+        for (const auto& o : options) {
+            if (std::optional<std::string> value = OptionValue(args, &i, o.name, &missing)) {
+                matched = true;
+                if (missing || value->empty()) {
+                    parsed.error = std::string(o.name) + " needs a value";
+                }
+                *o.target = *value;
+                break;
+            }
+        }
+        if (!matched) {
+            parsed.rest.push_back(args[i]);
+        }
+    }
+    if (!parsed.error.empty()) {
+        return parsed;
+    }
+    if (!device.empty() && camera.empty()) {
+        parsed.error = "--device needs --camera";
+        return parsed;
+    }
+    if (!camera.empty()) {
+        parsed.system.camera = kvharness::LoadCameraFiles(CameraConfigPath(camera), device, &parsed.inputError);
+    }
+    return parsed;
+}
+
+int RunOnSystem(const char* command, const ParsedSystemOptions& parsed,
+                const std::function<bool(kvharness::System&)>& body)
+{
+    if (!parsed.error.empty()) {
+        std::fprintf(stderr, "kvcam %s: %s (try kvcam %s --help)\n", command, parsed.error.c_str(), command);
+        return kExitUsage;
+    }
+    if (!parsed.inputError.empty()) {
+        std::fprintf(stderr, "kvcam %s: %s\n", command, parsed.inputError.c_str());
+        return kExitFailure;
+    }
+    bool ok = false;
+    {
+        kvharness::System system(parsed.system);
+        if (system.Boot()) {
+            ok = body(system);
+        }
+        ok = system.Shutdown() && ok;
+        for (const std::string& e : system.errors()) {
+            std::fprintf(stderr, "kvcam %s: %s\n", command, e.c_str());
+        }
+    }
+    for (const std::string& problem : kvsim::RunEndOfTestChecks()) {
+        std::fprintf(stderr, "kvcam %s: simulation: %s\n", command, problem.c_str());
+        ok = false;
+    }
+    return ok ? kExitOk : kExitFailure;
+}
+
+}  // namespace kvcam
