@@ -12,6 +12,10 @@
 //   4-byte exposure time as a 32-bit signed value, power-line frequency as
 //   its first byte. The receive buffer is zeroed, so a short answer (a
 //   1-byte control asked for 2 bytes) reads as its value.
+// - A deferred request (Part 3.2 step 1) works on copies kept with its
+//   record - the data after the 56-byte record, the length in the record -
+//   not on the caller's buffer and length: the callers here pass stack
+//   buffers, and the caller never learns the result anyway.
 // - Steps that send several requests (0x0C00, 0x0909, the extension register)
 //   end at the first failing request and return its status.
 #include "controls/requests.h"
@@ -231,8 +235,17 @@ NTSTATUS CCaptureDevice::SendClassRequest(USHORT wIndex, UCHAR Request, USHORT w
     const ULONG length = pLength != nullptr ? *pLength : 0;
 
     if (KeGetCurrentIrql() >= DISPATCH_LEVEL) {
+        // The record carries its own copy of the data: callers at raised
+        // IRQL (SetProcessingUnit, SetDeviceProperty) pass buffers on their
+        // stack, which are gone when the work item runs.
+        const ULONG cbData = pBuffer != nullptr ? length : 0;
+        if (cbData > 0xFFFF) {
+            // A control transfer's wLength is 16 bits: the bus would fail it
+            // as the synchronous path reports it.
+            return STATUS_UNSUCCESSFUL;
+        }
         auto pRecord = static_cast<DeferredClassRequest*>(
-            ExAllocatePoolWithTag(NonPagedPoolNx, sizeof(DeferredClassRequest), KV_TAG_REQUEST));
+            ExAllocatePoolWithTag(NonPagedPoolNx, sizeof(DeferredClassRequest) + cbData, KV_TAG_REQUEST));
         if (pRecord == nullptr) {
             DbgPrint("SendClassRequest: Failed to allocate the deferred request\n");
             return STATUS_INSUFFICIENT_RESOURCES;
@@ -248,10 +261,13 @@ NTSTATUS CCaptureDevice::SendClassRequest(USHORT wIndex, UCHAR Request, USHORT w
         pRecord->Request = Request;
         pRecord->Value = wValue;
         pRecord->Index = wIndex;
-        pRecord->pBuffer = pBuffer;
-        pRecord->pLength = pLength;
+        pRecord->pBuffer = cbData != 0 ? pRecord + 1 : nullptr;
+        if (cbData != 0) {
+            RtlCopyMemory(pRecord->pBuffer, pBuffer, cbData);
+        }
         pRecord->Direction = Request == UVC_SET_CUR ? USBD_TRANSFER_DIRECTION_OUT : USBD_TRANSFER_DIRECTION_IN;
         pRecord->Length = length;
+        pRecord->pLength = &pRecord->Length;  // the caller never learns the result
         pRecord->pDevice = this;
         IoQueueWorkItem(pRecord->pWorkItem, DeferredRequestWorker, DelayedWorkQueue, pRecord);
         return STATUS_PENDING;
@@ -310,8 +326,8 @@ NTSTATUS CCaptureDevice::GetDeviceProperty(USHORT Id, UCHAR Request, PLONG pValu
         UCHAR data[4] = {0, 0, 0, 0};
         ULONG length = pControl->Length;
         NTSTATUS status = SendClassRequest(pControl->Entity, Request, pControl->wValue, data, &length);
-        if (!NT_SUCCESS(status)) {
-            return status;
+        if (!NT_SUCCESS(status) || status == STATUS_PENDING) {
+            return status;  // deferred at DISPATCH_LEVEL: there is no answer to give
         }
         if (Id == PROPID_POWER_LINE) {
             *pValue = data[0];

@@ -7,6 +7,7 @@
 #pragma once
 
 #include "wdk.h"
+#include "pooltag.h"
 
 class CCaptureDevice;
 
@@ -37,9 +38,7 @@ constexpr USHORT UVC_XU_REGISTER_WINDOW = 0x0300;
 // The spec names no tag for the request blocks of this Part; Part 1.2's
 // request blocks (the same 136-byte URB size) carry "KVrb", and so do ours,
 // the deferred record and the control-request context.
-constexpr ULONG KV_TAG_REQUEST =
-    static_cast<ULONG>('K') | (static_cast<ULONG>('V') << 8) | (static_cast<ULONG>('r') << 16) |
-    (static_cast<ULONG>('b') << 24);
+constexpr ULONG KV_TAG_REQUEST = kv::PoolTag("KVrb");
 
 // The device's control-request context (Part 3.1 step 1 allocates it): what
 // SendClassRequest needs to reach the camera - the next lower device object
@@ -50,8 +49,9 @@ struct ControlRequestContext {
 };
 
 // A request deferred from DISPATCH_LEVEL to a work item (56 bytes on x64).
-// The caller's buffer and length must stay valid until the work item has
-// run: the record keeps pointers to them, as Part 3.2 describes.
+// The record is allocated with a copy of the caller's data after it;
+// pBuffer points at that copy and pLength at Length, so the caller's own
+// buffer and length may go away as soon as SendClassRequest returns.
 struct DeferredClassRequest {
     PIO_WORKITEM pWorkItem;
     USHORT Function;   // URB_FUNCTION_CLASS_INTERFACE
@@ -60,7 +60,7 @@ struct DeferredClassRequest {
     USHORT Value;      // wValue
     USHORT Index;      // wIndex
     PVOID pBuffer;
-    PULONG pLength;    // the caller's length (may be null)
+    PULONG pLength;    // &Length: the deferred request's own length
     ULONG Direction;   // USBD_TRANSFER_DIRECTION_IN or _OUT
     ULONG Length;      // the transfer length when the request was queued
     NTSTATUS Status;   // the final status, for a debugger only: the caller never learns it

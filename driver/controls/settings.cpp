@@ -404,9 +404,7 @@ void CCaptureDevice::ReleaseSettings()
 // Part 3.1 CheckReadDef: capture pin start. Pageable.
 NTSTATUS CCaptureDevice::CheckReadDef()
 {
-    const KIRQL irql = KeGetCurrentIrql();
-    if (irql > APC_LEVEL) {
-        DbgPrint("EX: Pageable code called at IRQL %d\n", irql);
+    if (kv::PageableCallTooHigh()) {
         return STATUS_SUCCESS;
     }
     RegistryKeyPath path;

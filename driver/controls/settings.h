@@ -8,17 +8,13 @@
 #pragma once
 
 #include "wdk.h"
+#include "pooltag.h"
 
 // ---- Pool tags (Overview "Conventions": the tag's bytes in memory read as
 // the four characters). The Parts give "KVaT" for registry buffers; the
 // settings record has no tag of its own in the spec, and as the in-memory
 // image of the registry store it takes the same tag.
-constexpr ULONG KvPoolTag(char c0, char c1, char c2, char c3)
-{
-    return static_cast<ULONG>(static_cast<UCHAR>(c0)) | (static_cast<ULONG>(static_cast<UCHAR>(c1)) << 8) |
-           (static_cast<ULONG>(static_cast<UCHAR>(c2)) << 16) | (static_cast<ULONG>(static_cast<UCHAR>(c3)) << 24);
-}
-constexpr ULONG KV_TAG_REGISTRY = KvPoolTag('K', 'V', 'a', 'T');
+constexpr ULONG KV_TAG_REGISTRY = kv::PoolTag("KVaT");
 
 // ---- PropertyId: a camera control's id is its UVC wValue (selector << 8);
 // the driver's own options use 0x0606-0x0660 and 0x0905-0x0918.

@@ -10,6 +10,7 @@
 #pragma once
 
 #include "wdk.h"
+#include "pooltag.h"
 
 namespace kv {
 
@@ -80,15 +81,6 @@ inline ULONG ConfigurationWalkLength(const UCHAR* pConfiguration, ULONG bufferLe
     }
     const ULONG total = ReadLe16(pConfiguration + 2);
     return total < bufferLength ? total : bufferLength;
-}
-
-// Pool tags: the tag's bytes in memory are the four characters in order, as
-// pool tools show them ("KVdd" is the ULONG 'ddVK').
-constexpr ULONG PoolTag(const char (&tag)[5])
-{
-    return static_cast<ULONG>(static_cast<UCHAR>(tag[0])) | (static_cast<ULONG>(static_cast<UCHAR>(tag[1])) << 8) |
-           (static_cast<ULONG>(static_cast<UCHAR>(tag[2])) << 16) |
-           (static_cast<ULONG>(static_cast<UCHAR>(tag[3])) << 24);
 }
 
 }  // namespace kv

@@ -18,6 +18,7 @@
 #include "device.h"
 #include "descriptor_reader.h"
 
+using kv::PageableCallTooHigh;
 using kv::PoolTag;
 
 namespace {
@@ -56,17 +57,6 @@ struct ConnectionEntry {
 
 extern const NodeEntry g_NodeTable[KV_NODE_COUNT];
 extern const ConnectionEntry g_ConnectionTable[KV_CONNECTION_COUNT];
-
-// Pageable routines print the IRQL line and go on (as device.cpp does).
-bool PageableCallTooHigh()
-{
-    const KIRQL irql = KeGetCurrentIrql();
-    if (irql > APC_LEVEL) {
-        DbgPrint("EX: Pageable code called at IRQL %d\n", irql);
-        return true;
-    }
-    return false;
-}
 
 }  // namespace
 

@@ -26,10 +26,21 @@
 #include "descriptors.h"
 #include "descriptor_reader.h"
 
+using kv::PageableCallTooHigh;
 using kv::PoolTag;
 
 // Part 1.1: set by the idle work item when it asks for D3.
 ULONG g_KvIdlePowerDownRequested = 0;
+
+bool kv::PageableCallTooHigh()
+{
+    const KIRQL irql = KeGetCurrentIrql();
+    if (irql > APC_LEVEL) {
+        DbgPrint("EX: Pageable code called at IRQL %d\n", irql);
+        return true;
+    }
+    return false;
+}
 
 // Part 1.1: driver entry registers the device dispatch table with ks.sys.
 extern "C" NTSTATUS DriverEntry(PDRIVER_OBJECT DriverObject, PUNICODE_STRING RegistryPath)
@@ -58,16 +69,6 @@ void FreeTagged(T*& p, ULONG tag)
         ExFreePoolWithTag(const_cast<void*>(static_cast<const void*>(p)), tag);
         p = nullptr;
     }
-}
-
-bool PageableCallTooHigh()
-{
-    const KIRQL irql = KeGetCurrentIrql();
-    if (irql > APC_LEVEL) {
-        DbgPrint("EX: Pageable code called at IRQL %d\n", irql);
-        return true;
-    }
-    return false;
 }
 
 CCaptureDevice* DeviceOf(PKSDEVICE pKsDevice)

@@ -14,6 +14,13 @@ class CCaptureFilter;
 extern const KSDEVICE_DESCRIPTOR g_KvDeviceDescriptor;
 extern ULONG g_KvIdlePowerDownRequested;
 
+namespace kv {
+// Overview "Conventions": a pageable routine calls this on entry; above
+// APC_LEVEL it prints "EX: Pageable code called at IRQL %d\n" and answers
+// true. Defined in device.cpp.
+bool PageableCallTooHigh();
+}  // namespace kv
+
 class CCaptureDevice {
 public:
     // Part 1.1: construction sets the initial values the Part lists; the

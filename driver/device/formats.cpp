@@ -198,6 +198,27 @@ NTSTATUS BuildFinalTable(const EntryList& a, const EntryList& b, ULONG tag, PKS_
     return STATUS_SUCCESS;
 }
 
+// The end of both walks: no entry made is STATUS_INVALID_PARAMETER, else the
+// final table is built; on any failure the count goes back to its value on
+// entry. The temporary lists are freed in every case.
+NTSTATUS FinishTable(NTSTATUS status, EntryList* pA, EntryList* pB, ULONG tag, PKS_DATARANGE_VIDEO* ppTable,
+                     USHORT* pnCount, USHORT nCountOnEntry, const char* pRoutine)
+{
+    if (NT_SUCCESS(status) && *pnCount == nCountOnEntry) {
+        status = STATUS_INVALID_PARAMETER;
+    }
+    if (NT_SUCCESS(status)) {
+        status = BuildFinalTable(*pA, *pB, tag, ppTable);
+    }
+    if (!NT_SUCCESS(status)) {
+        DbgPrint("%s failed (Status 0x%X)\n", pRoutine, static_cast<ULONG>(status));
+        *pnCount = nCountOnEntry;
+    }
+    FreeList(pA);
+    FreeList(pB);
+    return status;
+}
+
 }  // namespace
 }  // namespace kv
 
@@ -288,7 +309,8 @@ NTSTATUS CCaptureDevice::ExtractVSInfo(PUSB_CONFIGURATION_DESCRIPTOR pConfigurat
             PKS_DATARANGE_VIDEO pEntry = &list.pEntries[list.nUsed];
             if (fYuy2) {
                 FillCaptureEntry(pEntry, g_CaptureTemplateYuy2, f, 2, kYuy2BitRateNumerator);
-                if (f.width >= 640 && f.width < 1600 && (f.width == 640 || f.width == 1280)) {
+                // Part 1.3: of the widths from 640 up to 1599, exactly 640 and 1280 count.
+                if (f.width == 640 || f.width == 1280) {
                     WideFrameWidth = f.width;
                 }
             } else {
@@ -303,19 +325,8 @@ NTSTATUS CCaptureDevice::ExtractVSInfo(PUSB_CONFIGURATION_DESCRIPTOR pConfigurat
         }
     }
 
-    if (NT_SUCCESS(status) && *pnCount == nCountOnEntry) {
-        status = STATUS_INVALID_PARAMETER;
-    }
-    if (NT_SUCCESS(status)) {
-        status = BuildFinalTable(yuy2, mjpeg, PoolTag("KVVd"), pVSDataRage);
-    }
-    if (!NT_SUCCESS(status)) {
-        DbgPrint("CCaptureDevice::ExtractVSInfo() failed (Status 0x%X)\n", static_cast<ULONG>(status));
-        *pnCount = nCountOnEntry;
-    }
-    FreeList(&yuy2);
-    FreeList(&mjpeg);
-    return status;
+    return FinishTable(status, &yuy2, &mjpeg, PoolTag("KVVd"), pVSDataRage, pnCount, nCountOnEntry,
+                       "CCaptureDevice::ExtractVSInfo()");
 }
 
 // Part 1.3 ExtractStillInfo: the still table, YUY2 still sizes first.
@@ -366,19 +377,8 @@ NTSTATUS CCaptureDevice::ExtractStillInfo(PUSB_CONFIGURATION_DESCRIPTOR pConfigu
         }
     }
 
-    if (NT_SUCCESS(status) && *pnCount == nCountOnEntry) {
-        status = STATUS_INVALID_PARAMETER;
-    }
-    if (NT_SUCCESS(status)) {
-        status = BuildFinalTable(yuy2, mjpeg, PoolTag("KVVs"), pVSDataRage);
-    }
-    if (!NT_SUCCESS(status)) {
-        DbgPrint("CCaptureDevice::ExtractStillInfo() failed (Status 0x%X)\n", static_cast<ULONG>(status));
-        *pnCount = nCountOnEntry;
-    }
-    FreeList(&yuy2);
-    FreeList(&mjpeg);
-    return status;
+    return FinishTable(status, &yuy2, &mjpeg, PoolTag("KVVs"), pVSDataRage, pnCount, nCountOnEntry,
+                       "CCaptureDevice::ExtractStillInfo()");
 }
 
 // ---- Templates ---------------------------------------------------------------------------

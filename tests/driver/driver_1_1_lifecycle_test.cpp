@@ -471,17 +471,7 @@ TEST(Part11IdleEnabled, StopPowersTheDeviceUpAndEndsIdleManagement)
     EXPECT_EQ(kvsim::RegGetDword(kData, "DeviceExist"), 2u);
 }
 
-TEST(Part11IdleEnabled, StartArmsTheIdleTimerForFiveSecondsThenEvery5000ms)
-{
-    Rig rig(DefaultCamera(), /*idlePower=*/true);
-    ASSERT_EQ(rig.AddAndStart(), STATUS_SUCCESS);
-    CCaptureDevice& dev = rig.Dev();
-    EXPECT_EQ(dev.m_IdlePowerEnabled, 1u);
-    EXPECT_EQ(dev.m_IdleActive, 1u);
-    EXPECT_EQ(kvsim::GetSchedCounters().timersArmed, 1u);
-    EXPECT_EQ(dev.m_IdleTimer.Period, 5000);
-    EXPECT_EQ(static_cast<LONGLONG>(dev.m_IdleTimer.DueTime.QuadPart) - kvsim::Now(), 5 * kvsim::kSecond);
-}
+// StartArmsTheIdleTimerForFiveSecondsThenEvery5000ms: driver_1_1_idle_timing_test.cpp (virtual mode).
 
 // An idle device goes to D3 after the first idle pass.
 TEST(Part11IdleEnabled, AnIdleDeviceGoesToD3AfterTheFirstIdlePass)
@@ -516,41 +506,8 @@ TEST(Part11IdleEnabled, ABusyStreamKeepsTheDeviceInD0)
     EXPECT_EQ(rig.BusPower(), PowerDeviceD3);
 }
 
-// Edge case: a system sleep (query-power action 2 or more) stops the idle
-// timer; the set-power that follows restarts it once.
-TEST(Part11SystemSleep, QueryPowerStopsTheIdleTimerAndTheNextSetPowerRestartsItOnce)
-{
-    Rig rig(DefaultCamera(), /*idlePower=*/true);
-    ASSERT_EQ(rig.AddAndStart(), STATUS_SUCCESS);
-    CCaptureDevice& dev = rig.Dev();
-    ASSERT_EQ(kvsim::GetSchedCounters().timersArmed, 1u);
-    kvsim::ClearDebugLog();
-    ASSERT_EQ(g_KvDeviceDescriptor.Dispatch->QueryPower(rig.KsDevice(), nullptr, PowerDeviceD3, PowerDeviceD0,
-                                                         PowerSystemSleeping3, PowerSystemWorking,
-                                                         PowerActionSleep),
-              STATUS_SUCCESS);
-    EXPECT_TRUE(DebugSaid("CCaptureDevice::DispatchQueryPower \n"));
-    EXPECT_TRUE(DebugSaid("CCaptureDevice::DispatchQueryPower exit\n"));
-    EXPECT_EQ(dev.m_LastPowerAction, PowerActionSleep);
-    EXPECT_EQ(dev.m_SystemStateTo, PowerSystemSleeping3);
-    EXPECT_EQ(dev.m_SystemStateFrom, PowerSystemWorking);
-    EXPECT_EQ(dev.m_ResumePending, 1);
-    EXPECT_EQ(kvsim::GetSchedCounters().timersArmed, 0u);
-
-    kvsim::ResetSchedCounters();
-    ASSERT_EQ(pnp::SetDevicePower(rig.Pdo(), PowerDeviceD3), STATUS_SUCCESS);
-    kvsim::RunUntilIdle();
-    EXPECT_EQ(dev.m_ResumePending, 0);
-    EXPECT_EQ(kvsim::GetSchedCounters().workItemsRun, 1u);
-    EXPECT_EQ(kvsim::GetSchedCounters().timersArmed, 1u);
-    EXPECT_EQ(static_cast<LONGLONG>(dev.m_IdleTimer.DueTime.QuadPart) - kvsim::Now(), 5 * kvsim::kSecond);
-
-    // The next set-power does not restart it again.
-    ASSERT_EQ(pnp::SetDevicePower(rig.Pdo(), PowerDeviceD0), STATUS_SUCCESS);
-    kvsim::RunUntilIdle();
-    EXPECT_EQ(kvsim::GetSchedCounters().workItemsQueued, 1u);
-    EXPECT_EQ(kvsim::GetSchedCounters().timersArmed, 1u);
-}
+// QueryPowerStopsTheIdleTimerAndTheNextSetPowerRestartsItOnce: driver_1_1_idle_timing_test.cpp
+// (virtual mode).
 
 TEST(Part11SystemSleep, ASleepAndWakeRestartTheIdleTimerExactlyOnce)
 {

@@ -130,44 +130,9 @@ TEST_F(KsTest, StoppingThePinCancelsItsQueuedBuffers) {
     for (auto& f : frames) EXPECT_EQ(f.status, STATUS_CANCELLED);
 }
 
-TEST_F(KsTest, AttemptProcessingAsynchronouslyRunsProcessOnAWorker) {
-    OpenCapturePin();
-    Recorder().fillOnProcess = false;
-    ASSERT_EQ(pin_->SetState(KSSTATE_RUN), STATUS_SUCCESS);
-    ASSERT_EQ(pin_->QueueBuffers(1, TestFrameBytes(0)), STATUS_PENDING);
-    Recorder().fillOnProcess = true;
-    ULONG before = Recorder().processCalls;
-    KsPinAttemptProcessing(Recorder().capturePin, TRUE);
-    EXPECT_EQ(Recorder().processCalls, before);  // not yet: a worker runs it
-    ASSERT_TRUE(pin_->WaitForFrames(1, kvsim::kSecond));
-    EXPECT_EQ(pin_->CollectFrames().size(), 1u);
-}
-
-TEST_F(KsTest, ReferenceClockReadsTheSimulatedClockOnceTheClientAssignsOne) {
-    OpenCapturePin();
-    PKSPIN pin = Recorder().capturePin;
-    PIKSREFERENCECLOCK clock = nullptr;
-    EXPECT_EQ(KsPinGetReferenceClockInterface(pin, &clock), STATUS_UNSUCCESSFUL);
-    kvsim::client::MasterClock master;
-    ASSERT_EQ(pin_->SetMasterClock(master.handle()), STATUS_SUCCESS);
-    // The pin holds the clock's file object, not the client's handle.
-    master.CloseHandle();
-    ASSERT_EQ(KsPinGetReferenceClockInterface(pin, &clock), STATUS_SUCCESS);
-    kvsim::RunFor(5 * kvsim::kMillisecond);
-    EXPECT_EQ(clock->GetTime(), kvsim::Now());
-    clock->Release();
-    // Frames now carry a presentation time.
-    ASSERT_EQ(pin_->SetState(KSSTATE_RUN), STATUS_SUCCESS);
-    LONGLONG queuedAt = kvsim::Now();
-    ASSERT_EQ(pin_->QueueBuffers(1, TestFrameBytes(0)), STATUS_PENDING);
-    auto frames = pin_->CollectFrames();
-    ASSERT_EQ(frames.size(), 1u);
-    EXPECT_TRUE(frames[0].header.OptionsFlags & KSSTREAM_HEADER_OPTIONSF_TIMEVALID);
-    EXPECT_EQ(frames[0].header.PresentationTime.Time, queuedAt);
-    // A NULL handle takes the clock away again.
-    ASSERT_EQ(pin_->SetMasterClock(nullptr), STATUS_SUCCESS);
-    EXPECT_EQ(KsPinGetReferenceClockInterface(pin, &clock), STATUS_UNSUCCESSFUL);
-}
+// AttemptProcessingAsynchronouslyRunsProcessOnAWorker and
+// ReferenceClockReadsTheSimulatedClockOnceTheClientAssignsOne: ks_reference_clock_test.cpp (virtual
+// mode).
 
 TEST_F(KsTest, MasterClockGetAnswersANullHandle) {
     OpenCapturePin();

@@ -6,6 +6,7 @@
 #include <cstdio>
 
 #include "json.h"
+#include "kvsim/pool.h"
 #include "usb/usb_bus.h"
 
 namespace kvcam {
@@ -220,6 +221,28 @@ FormatsReport CollectFormats(kvharness::System& system)
     return report;
 }
 
+namespace {
+
+// The driver's pool use so far, per tag, as poolmon would show it: what
+// the start left allocated and the high-water mark.
+std::string PoolText()
+{
+    std::string out = "pool (non-paged, driver and simulation, since the boot):\n";
+    out += "  tag    blocks   bytes now   peak bytes\n";
+    uint64_t nowTotal = 0;
+    uint64_t peakTotal = 0;
+    for (const kvsim::PoolTagStats& t : kvsim::PoolStatsByTag()) {
+        out += Printf("  %-4s %8" PRIu64 " %11" PRIu64 " %12" PRIu64 "\n", kvsim::PoolTagText(t.tag).c_str(),
+                      t.currentCount, t.currentBytes, t.peakBytes);
+        nowTotal += t.currentBytes;
+        peakTotal += t.peakBytes;
+    }
+    out += Printf("  all           %11" PRIu64 " %12" PRIu64 " (sum of the per-tag peaks)\n", nowTotal, peakTotal);
+    return out;
+}
+
+}  // namespace
+
 std::string DataRangeJson(const KS_DATARANGE_VIDEO& r)
 {
     const KS_BITMAPINFOHEADER& bmi = r.VideoInfoHeader.bmiHeader;
@@ -276,6 +299,7 @@ std::string InfoText(kvharness::System& system, const FormatsReport& formats, bo
     if (formats.started) {
         out += FilterText(system);
     }
+    out += PoolText();
     if (verbose) {
         out += "debug log:\n";
         for (const std::string& message : system.DebugMessages()) {

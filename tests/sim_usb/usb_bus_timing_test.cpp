@@ -1,0 +1,70 @@
+// The bus's slot timing: isochronous transfers complete at the end of their
+// last (micro)frame, on the 125 us / 1 ms grid, back to back. Split from
+// usb_bus_streaming_test.cpp because these are exact simulated timestamps,
+// which only the virtual clock gives: in Parallel mode (the tsan preset) the
+// clock is the host's, and a completion routine reads it some time after the
+// slot's end. So this executable forces Virtual mode, as ke_dispatcher_test
+// does; usb_bus_streaming_test keeps its Parallel coverage.
+#include <gtest/gtest.h>
+
+#include "usb_streaming_session.h"
+
+using namespace usbtest;
+
+namespace {
+
+const bool g_virtual = [] {
+    kvsim::SetClockMode(kvsim::ClockMode::Virtual);
+    return true;
+}();
+
+}  // namespace
+
+TEST(UsbBusStreaming, TransfersRunBackToBackOnTheMicroframeClock) {
+    Session s;
+    Open(s);
+    if (HasFatalFailure()) return;
+    auto p = RunFormat(s, 1, 3, 333333, 5, 3);
+    ASSERT_TRUE(p);
+    const Streamer& r = *p;
+    ASSERT_GE(r.completionTimes.size(), 4u);
+    for (size_t i = 0; i < r.completionTimes.size(); ++i) {
+        EXPECT_EQ(r.completionTimes[i] % 1250, 0u) << "completion off the 125 us grid";
+        EXPECT_EQ(r.statuses[i], STATUS_SUCCESS);
+        // Completion at the end of the last slot: (StartFrame x 8 + 128) slots.
+        EXPECT_EQ(r.completionTimes[i], (uint64_t(r.startFrames[i]) * 8 + 128) * 1250) << i;
+        if (i > 0) {
+            EXPECT_EQ(r.completionTimes[i] - r.completionTimes[i - 1], 128u * 1250) << "gap between transfers " << i;
+        }
+    }
+    // A packet never carries more than the alternate setting's capacity.
+    EXPECT_LE(r.maxPacket, 3072u);
+    kvsim::usb::Unplug(s.dev.pdo);
+}
+
+TEST(UsbBusStreaming, FullSpeedTakesOnePacketAMillisecond) {
+    Session s;
+    Open(s, Speed::kFull);
+    if (HasFatalFailure()) return;
+    auto committed = ProbeCommit(s.dev.pdo, kVs, 1, 5, 333333);  // 160x120
+    ASSERT_TRUE(committed);
+    // At full speed only bits 0-10 count: 1024 a frame at most.
+    auto [alt, endpoints] = AlternateFor(s.config, kVs, 1);
+    Selected sel = SelectInterface(s.dev.pdo, s.cfg.handle, kVs, alt, endpoints);
+    ASSERT_EQ(sel.status, STATUS_SUCCESS);
+    ASSERT_EQ(sel.pipes.size(), 1u);
+    IsoTransfer t(s.dev.pdo, 32, sel.pipes[0].MaximumPacketSize);
+    LONGLONG before = kvsim::Now();
+    ASSERT_EQ(t.Submit(sel.pipes[0].PipeHandle), STATUS_PENDING);
+    ASSERT_TRUE(t.irp.Wait());
+    EXPECT_EQ(t.irp.Status(), STATUS_SUCCESS);
+    // 32 packets, one a millisecond, from the next frame on.
+    EXPECT_GE(t.irp.CompletedAt() - before, 32u * 10000);
+    EXPECT_LE(t.irp.CompletedAt() - before, 33u * 10000);
+    EXPECT_EQ(t.irp.CompletedAt() % 10000, 0u);
+    // Full speed rejects more than 255 packets; high speed needs multiples of 8.
+    IsoTransfer big(s.dev.pdo, 256, 64);
+    EXPECT_EQ(big.Submit(sel.pipes[0].PipeHandle), STATUS_INVALID_PARAMETER);
+    EXPECT_EQ(big.Iso().Hdr.Status, USBD_STATUS_INVALID_PARAMETER);
+    kvsim::usb::Unplug(s.dev.pdo);
+}
