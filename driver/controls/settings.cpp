@@ -22,6 +22,16 @@
 
 namespace {
 
+// Reads a "\Data" value into a zeroed word: the driver takes a value's data
+// bytes whatever their type (Part 3.1), so a value shorter than four bytes
+// must not keep the upper bytes of the value read before it (our choice for
+// what the Part leaves open).
+bool ReadDwordFresh(RegistryKeyPath& path, PCWSTR pName, PULONG pValue)
+{
+    *pValue = 0;
+    return NT_SUCCESS(path.ReadDword(pName, pValue));
+}
+
 // Sign-extends a registry value's low 16 bits (the camera path's width).
 LONG Low16(ULONG value)
 {
@@ -319,18 +329,18 @@ NTSTATUS CCaptureDevice::InitDeviceSettings()
     // Step 2: "\Data". Each value is stored only when read.
     path.OpenSubkey(KV_REGISTRY_DATA);
     ULONG value = 0;
-    if (NT_SUCCESS(path.ReadDword(L"BW", &value))) {
+    if (ReadDwordFresh(path, L"BW", &value)) {
         m_BW = value;
     }
     ULONG length = SWSETTING_BYTES;
     path.ReadRaw(L"SWSetting", m_SWSetting, &length);
-    if (NT_SUCCESS(path.ReadDword(L"SaveFileMJPEG", &value))) {
+    if (ReadDwordFresh(path, L"SaveFileMJPEG", &value)) {
         m_SaveFileMJPEG = value;
     }
-    if (NT_SUCCESS(path.ReadDword(L"SaveFileDroppedMJPEG", &value))) {
+    if (ReadDwordFresh(path, L"SaveFileDroppedMJPEG", &value)) {
         m_SaveFileDroppedMJPEG = value;
     }
-    if (NT_SUCCESS(path.ReadDword(L"DropFrameCntVGA", &value))) {
+    if (ReadDwordFresh(path, L"DropFrameCntVGA", &value)) {
         m_DropFrameCntVGA = value;
     }
     m_Key1Function = 0;

@@ -175,6 +175,20 @@ TEST(InitDeviceSettings, PresentDataValuesAreReadAndNotRewritten)
     EXPECT_EQ(rig.Dev().m_Key2Function, 2u);
 }
 
+// A short value is taken as its data bytes in a zeroed word, never mixed
+// with the upper bytes of the value read before it.
+TEST(InitDeviceSettings, AValueShorterThanFourBytesIsReadIntoAZeroedWord)
+{
+    Rig rig;
+    kvsim::RegSetDword(kData, "BW", 0x12345678);
+    kvsim::RegSetValue(kData, "SaveFileMJPEG", REG_BINARY, {0x01});
+    kvsim::RegSetValue(kData, "DropFrameCntVGA", REG_DWORD, {0x0C, 0x00});
+    rig.Start();
+    EXPECT_EQ(rig.Dev().m_BW, 0x12345678u);
+    EXPECT_EQ(rig.Dev().m_SaveFileMJPEG, 1u);
+    EXPECT_EQ(rig.Dev().m_DropFrameCntVGA, 12u);
+}
+
 TEST(InitDeviceSettings, TheRecordStartsWithTheTablesInitialValues)
 {
     Rig rig;
