@@ -5,47 +5,13 @@
 // removal, the USBDI bus interface, capabilities and power.
 #include <gtest/gtest.h>
 
-#include "usb_test_util.h"
+#include "usb_request_fixture.h"
 
 using namespace usbtest;
 
 namespace {
 
-constexpr UCHAR kVs = 1;
-
-struct Fixture {
-    Plugged dev;
-    std::vector<uint8_t> config;
-    Configured cfg;
-    explicit Fixture(Speed speed = Speed::kHigh) {
-        dev = Plug("default", speed);
-        config = ReadConfiguration(dev.pdo);
-        cfg = SelectConfiguration(dev.pdo, config);
-    }
-    ~Fixture() {
-        if (dev.pdo) kvsim::usb::Unplug(dev.pdo);
-    }
-    // Commits YUY2 320x240 and selects the alternate setting whose
-    // wMaxPacketSize is `wMaxPacketSize` (or the largest).
-    USBD_PIPE_INFORMATION Stream(uint16_t wMaxPacketSize = 0x1400) {
-        EXPECT_TRUE(ProbeCommit(dev.pdo, kVs, 1, 3, 333333));
-        auto* cd = reinterpret_cast<PUSB_CONFIGURATION_DESCRIPTOR>(config.data());
-        for (LONG alt = 1; alt < 32; ++alt) {
-            auto* d = USBD_ParseConfigurationDescriptorEx(cd, cd, kVs, alt, -1, -1, -1);
-            if (!d) continue;
-            auto* e = reinterpret_cast<PUSB_ENDPOINT_DESCRIPTOR>(
-                USBD_ParseDescriptors(cd, cd->wTotalLength, d, USB_ENDPOINT_DESCRIPTOR_TYPE));
-            if (e && e->wMaxPacketSize == wMaxPacketSize) {
-                Selected s = SelectInterface(dev.pdo, cfg.handle, kVs, (UCHAR)alt, 1);
-                EXPECT_EQ(s.status, STATUS_SUCCESS);
-                if (!s.pipes.empty()) return s.pipes[0];
-            }
-        }
-        ADD_FAILURE() << "no alternate setting with wMaxPacketSize " << wMaxPacketSize;
-        return {};
-    }
-    USBD_PIPE_INFORMATION InterruptPipe() const { return cfg.Interface(0)->Pipes[0]; }
-};
+constexpr UCHAR kVs = kRequestsVs;
 
 NTSTATUS PipeRequest(PDEVICE_OBJECT pdo, USHORT function, USBD_PIPE_HANDLE pipe, USBD_STATUS* usbd = nullptr) {
     UrbBuffer urb(sizeof(struct _URB_PIPE_REQUEST));
@@ -399,26 +365,4 @@ TEST(UsbBusRequests, EndOfTestCheckReportsAndUnplugsForgottenDevices) {
     EXPECT_TRUE(kvsim::usb::UsbEndOfTestCheck().empty());
 }
 
-TEST(UsbBusRequests, TransferWithAStartFrameInThePastGetsLatePackets) {
-    Fixture f;
-    USBD_PIPE_INFORMATION pipe = f.Stream();
-    kvsim::RunFor(20 * kvsim::kMillisecond);
-    IsoTransfer t(f.dev.pdo, 24, pipe.MaximumPacketSize);
-    t.Build(pipe.PipeHandle, USBD_TRANSFER_DIRECTION_IN | USBD_SHORT_TRANSFER_OK);
-    ULONG now = (ULONG)(kvsim::Now() / kvsim::kMillisecond);
-    // Its first frame is over and the current one has begun (high speed
-    // schedules whole frames): only the third frame's 8 packets are on time.
-    t.Iso().StartFrame = now - 1;
-    ASSERT_EQ(t.irp.Send(t.urb.get()), STATUS_PENDING);
-    ASSERT_TRUE(t.irp.Wait());
-    EXPECT_EQ(t.irp.Status(), STATUS_SUCCESS);
-    EXPECT_EQ(t.Iso().IsoPacket[0].Status, USBD_STATUS_ISO_NA_LATE_USBPORT);
-    EXPECT_EQ(t.Iso().IsoPacket[15].Status, USBD_STATUS_ISO_NA_LATE_USBPORT);
-    EXPECT_EQ(t.Iso().IsoPacket[16].Status, USBD_STATUS_SUCCESS);
-    EXPECT_EQ(t.Iso().ErrorCount, 16u);
-    // Far outside USBD_ISO_START_FRAME_RANGE: refused.
-    t.Build(pipe.PipeHandle, USBD_TRANSFER_DIRECTION_IN);
-    t.Iso().StartFrame = now + 5000;
-    EXPECT_EQ(t.irp.Send(t.urb.get()), STATUS_UNSUCCESSFUL);
-    EXPECT_EQ(t.Iso().Hdr.Status, USBD_STATUS_BAD_START_FRAME);
-}
+// TransferWithAStartFrameInThePastGetsLatePackets: see usb_bus_timing_test.cpp.

@@ -1,5 +1,6 @@
 // The bus's slot timing: isochronous transfers complete at the end of their
-// last (micro)frame, on the 125 us / 1 ms grid, back to back. Split from
+// last (micro)frame, on the 125 us / 1 ms grid, back to back; a transfer
+// whose start frame has passed gets its late packets marked. Split from
 // usb_bus_streaming_test.cpp because these are exact simulated timestamps,
 // which only the virtual clock gives: in Parallel mode (the tsan preset) the
 // clock is the host's, and a completion routine reads it some time after the
@@ -7,6 +8,7 @@
 // does; usb_bus_streaming_test keeps its Parallel coverage.
 #include <gtest/gtest.h>
 
+#include "usb_request_fixture.h"
 #include "usb_streaming_session.h"
 
 using namespace usbtest;
@@ -67,4 +69,28 @@ TEST(UsbBusStreaming, FullSpeedTakesOnePacketAMillisecond) {
     EXPECT_EQ(big.Submit(sel.pipes[0].PipeHandle), STATUS_INVALID_PARAMETER);
     EXPECT_EQ(big.Iso().Hdr.Status, USBD_STATUS_INVALID_PARAMETER);
     kvsim::usb::Unplug(s.dev.pdo);
+}
+
+TEST(UsbBusRequests, TransferWithAStartFrameInThePastGetsLatePackets) {
+    Fixture f;
+    USBD_PIPE_INFORMATION pipe = f.Stream();
+    kvsim::RunFor(20 * kvsim::kMillisecond);
+    IsoTransfer t(f.dev.pdo, 24, pipe.MaximumPacketSize);
+    t.Build(pipe.PipeHandle, USBD_TRANSFER_DIRECTION_IN | USBD_SHORT_TRANSFER_OK);
+    ULONG now = (ULONG)(kvsim::Now() / kvsim::kMillisecond);
+    // Its first frame is over and the current one has begun (high speed
+    // schedules whole frames): only the third frame's 8 packets are on time.
+    t.Iso().StartFrame = now - 1;
+    ASSERT_EQ(t.irp.Send(t.urb.get()), STATUS_PENDING);
+    ASSERT_TRUE(t.irp.Wait());
+    EXPECT_EQ(t.irp.Status(), STATUS_SUCCESS);
+    EXPECT_EQ(t.Iso().IsoPacket[0].Status, USBD_STATUS_ISO_NA_LATE_USBPORT);
+    EXPECT_EQ(t.Iso().IsoPacket[15].Status, USBD_STATUS_ISO_NA_LATE_USBPORT);
+    EXPECT_EQ(t.Iso().IsoPacket[16].Status, USBD_STATUS_SUCCESS);
+    EXPECT_EQ(t.Iso().ErrorCount, 16u);
+    // Far outside USBD_ISO_START_FRAME_RANGE: refused.
+    t.Build(pipe.PipeHandle, USBD_TRANSFER_DIRECTION_IN);
+    t.Iso().StartFrame = now + 5000;
+    EXPECT_EQ(t.irp.Send(t.urb.get()), STATUS_UNSUCCESSFUL);
+    EXPECT_EQ(t.Iso().Hdr.Status, USBD_STATUS_BAD_START_FRAME);
 }
