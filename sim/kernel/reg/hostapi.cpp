@@ -20,16 +20,6 @@ std::shared_ptr<Node> FindOrCreate(std::string_view path) {  // lock held
     return parts ? reg::Walk(*parts, true) : nullptr;
 }
 
-std::vector<uint8_t> Utf16Bytes(std::u16string_view s, bool terminate) {
-    std::vector<uint8_t> out;
-    for (char16_t c : s) {
-        out.push_back(static_cast<uint8_t>(c & 0xFF));
-        out.push_back(static_cast<uint8_t>(c >> 8));
-    }
-    if (terminate) out.insert(out.end(), {0, 0});
-    return out;
-}
-
 }  // namespace
 
 void RegReset() {
@@ -92,13 +82,13 @@ bool RegSetQword(std::string_view path, std::string_view name, uint64_t value) {
 }
 
 bool RegSetString(std::string_view path, std::string_view name, std::string_view utf8, uint32_t type) {
-    return RegSetValue(path, name, type, Utf16Bytes(text::FromUtf8(utf8), true));
+    return RegSetValue(path, name, type, text::Utf16Bytes(text::FromUtf8(utf8), true));
 }
 
 bool RegSetMultiString(std::string_view path, std::string_view name, const std::vector<std::string>& strings) {
     std::vector<uint8_t> data;
     for (const auto& s : strings) {
-        auto bytes = Utf16Bytes(text::FromUtf8(s), true);
+        auto bytes = text::Utf16Bytes(text::FromUtf8(s), true);
         data.insert(data.end(), bytes.begin(), bytes.end());
     }
     data.insert(data.end(), {0, 0});

@@ -107,16 +107,6 @@ bool ReadQuoted(std::u16string_view s, size_t& pos, std::u16string& out) {
     return false;
 }
 
-std::vector<uint8_t> Utf16Bytes(std::u16string_view s, bool terminate) {
-    std::vector<uint8_t> out;
-    for (char16_t c : s) {
-        out.push_back(static_cast<uint8_t>(c & 0xFF));
-        out.push_back(static_cast<uint8_t>(c >> 8));
-    }
-    if (terminate) out.insert(out.end(), {0, 0});
-    return out;
-}
-
 // "xx,xx , xx" (possibly empty) into bytes; false on anything else.
 bool ParseHexList(std::u16string_view s, std::vector<uint8_t>& out) {
     std::u16string body = Trim(s);
@@ -165,7 +155,7 @@ std::string ParseValueLine(std::u16string_view line, bool ansi, ParsedValue& v) 
         if (!ReadQuoted(data, p, s)) return "string without closing quote";
         if (!Trim(std::u16string_view(data).substr(p)).empty()) return "text after the closing quote";
         v.type = REG_SZ;
-        v.data = Utf16Bytes(s, true);
+        v.data = text::Utf16Bytes(s, true);
         return {};
     }
     if (StartsWithNoCase(data, u"dword:")) {

@@ -106,4 +106,15 @@ std::u16string FromCounted(const UNICODE_STRING* s) {
     return out;
 }
 
+std::vector<uint8_t> Utf16Bytes(std::u16string_view s, bool terminate) {
+    std::vector<uint8_t> out;
+    out.reserve((s.size() + (terminate ? 1 : 0)) * 2);
+    for (char16_t c : s) {
+        out.push_back(static_cast<uint8_t>(c & 0xFF));
+        out.push_back(static_cast<uint8_t>(c >> 8));
+    }
+    if (terminate) out.insert(out.end(), {0, 0});
+    return out;
+}
+
 }  // namespace kvsim::text

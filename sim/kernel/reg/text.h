@@ -4,6 +4,7 @@
 #pragma once
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "kv/ntbase.h"
 
@@ -22,5 +23,9 @@ bool EqualNoCase(std::u16string_view a, std::u16string_view b);
 // The characters of a counted string (Length is in bytes); an odd Length
 // drops its last byte.
 std::u16string FromCounted(const UNICODE_STRING* s);
+
+// The little-endian bytes of a UTF-16 string, as REG_SZ data stores them,
+// with a terminating NUL unit when `terminate` is set.
+std::vector<uint8_t> Utf16Bytes(std::u16string_view s, bool terminate);
 
 }  // namespace kvsim::text
