@@ -15,7 +15,8 @@ void PrintInfoHelp()
     std::printf("usage: kvcam info [--camera CFG.bin [--device DEV.bin] | --camera NAME] [--registry FILE.reg]\n"
                 "                  [--system-root DIR] [--verbose]\n\n"
                 "Starts the camera as `kvcam formats` does and describes it: USB speed, interfaces and\n"
-                "pipes, the start's result, the formats, the filter's pins and topology.\n\n"
+                "pipes, the start's result, the formats, the filter's pins and topology, and the pool's\n"
+                "use by tag.\n\n"
                 "%s"
                 "  --verbose            also print the driver's debug log (DbgPrint output)\n\n"
                 "exit codes: 0 started, 1 the start failed or the input is unreadable, 2 bad command line\n",
