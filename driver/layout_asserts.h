@@ -3,7 +3,7 @@
 // with ks.sys and the USB stack. With KV_TARGET_WINDOWS they check the
 // mingw-w64 DDK headers, with KV_TARGET_HOST the simulation's headers, so a
 // record that differs between the worlds fails one of the two builds.
-// The numbers are the Windows x64 ones: those the spec states (KSPIN_DESCRIPTOR_EX
+// The numbers are the Windows x64 ones the driver relies on (KSPIN_DESCRIPTOR_EX
 // 136, KSPROPERTY_ITEM 72, KSEVENT_ITEM 40, KSNODE_DESCRIPTOR 24,
 // KSTOPOLOGY_CONNECTION 16, KS_DATARANGE_VIDEO 296, KS_VIDEOINFOHEADER 88,
 // the 152-byte video-info format, the 128-byte stream header of the capture
@@ -230,12 +230,12 @@ static_assert((IOCTL_KS_ENABLE_EVENT) == 0x2f0007, "IOCTL_KS_ENABLE_EVENT");
 static_assert((IOCTL_KS_READ_STREAM) == 0x2f4017, "IOCTL_KS_READ_STREAM");
 static_assert((IOCTL_KS_WRITE_STREAM) == 0x2f8013, "IOCTL_KS_WRITE_STREAM");
 
-// The capture pin's stream header (Part 2.1): the header and its frame
+// The capture pin's stream header: the header and its frame
 // information extension.
 static_assert(sizeof(KSSTREAM_HEADER) + sizeof(KS_FRAME_INFO) == 128, "capture pin stream header size");
-// The smallest video-info format the pins examine (Parts 2.1 and 2.4).
+// The smallest video-info format the capture and still pins examine.
 static_assert(sizeof(KSDATAFORMAT) + sizeof(KS_VIDEOINFOHEADER) == 152, "video-info format size");
-// Part 1.2: a select-interface request for e endpoints is (e - 1) * 24 + 80.
+// A select-interface request for e endpoints is (e - 1) * 24 + 80.
 static_assert(GET_SELECT_INTERFACE_REQUEST_SIZE(4) == 3 * 24 + 80, "select-interface request size");
 
 #undef KV_LAYOUT_SIZE

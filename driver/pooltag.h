@@ -1,7 +1,9 @@
-// Pool tags (Overview, "Conventions"): every lasting allocation carries a
-// four-character tag beginning with "KV". The tag's bytes in memory are the
-// four characters in order, as pool tools (poolmon, !poolused) show them:
-// PoolTag("KVdd") is the ULONG a WDK driver writes as 'ddVK'.
+// Pool tags: every lasting allocation of the driver carries a four-character
+// tag beginning with "KV", and is freed with the same tag, so that poolmon
+// and Driver Verifier's pool tracking attribute every block to its owner.
+// The tag's bytes in memory are the four characters in order, as pool tools
+// show them: PoolTag("KVdd") is the ULONG a WDK driver writes as 'ddVK'.
+// https://learn.microsoft.com/windows-hardware/drivers/devtest/poolmon
 #pragma once
 #include "wdk.h"
 
@@ -12,6 +14,40 @@ constexpr ULONG PoolTag(const char (&tag)[5])
     return static_cast<ULONG>(static_cast<UCHAR>(tag[0])) | (static_cast<ULONG>(static_cast<UCHAR>(tag[1])) << 8) |
            (static_cast<ULONG>(static_cast<UCHAR>(tag[2])) << 16) |
            (static_cast<ULONG>(static_cast<UCHAR>(tag[3])) << 24);
+}
+
+// The device object.
+constexpr ULONG kTagDevice = PoolTag("KVaC");
+// USB configuration: descriptors, the first interface, the pipe array, the
+// USBDI bus interface, and the request blocks sent to the bus.
+constexpr ULONG kTagDeviceDescriptor = PoolTag("KVdd");
+constexpr ULONG kTagConfigurationDescriptor = PoolTag("KVcd");
+constexpr ULONG kTagInterfaceList = PoolTag("KVle");
+constexpr ULONG kTagPipes = PoolTag("KVtx");
+constexpr ULONG kTagBusInterface = PoolTag("KVB1");
+constexpr ULONG kTagRequest = PoolTag("KVrb");
+constexpr ULONG kTagSelectConfiguration = PoolTag("KVsc");
+// Format tables and the pins' pointer arrays into them.
+constexpr ULONG kTagCaptureTable = PoolTag("KVVd");
+constexpr ULONG kTagStillTable = PoolTag("KVVs");
+constexpr ULONG kTagCaptureRanges = PoolTag("KVVp");
+constexpr ULONG kTagStillRanges = PoolTag("KVVr");
+// Filter topology and the filter object.
+constexpr ULONG kTagNodes = PoolTag("KVNd");
+constexpr ULONG kTagConnections = PoolTag("KVCn");
+constexpr ULONG kTagFilter = PoolTag("KVFl");
+// Registry buffers and the settings record, its in-memory image.
+constexpr ULONG kTagRegistry = PoolTag("KVaT");
+
+// Frees a pool block with its tag and clears the pointer, so that a second
+// release is harmless.
+template <typename T>
+void FreeTagged(T*& p, ULONG tag)
+{
+    if (p != nullptr) {
+        ExFreePoolWithTag(const_cast<void*>(static_cast<const void*>(p)), tag);
+        p = nullptr;
+    }
 }
 
 }  // namespace kv

@@ -1,36 +1,58 @@
-// Part 3.2: video-class control requests. SendClassRequest builds one
-// class-interface URB per request and sends it down the default control pipe
-// (synchronously at PASSIVE_LEVEL, from a work item when called at
-// DISPATCH_LEVEL); GetDeviceProperty / SetDeviceProperty translate a
-// PropertyId into requests and keep DeviceProperty (Part 3.1) in step with
-// the camera; AccessExtensionRegister toggles one bit of a camera register
-// through extension unit 4.
+// Video-class control requests. SendClassRequest builds one class-interface
+// URB per request and sends it down the default control pipe
+// GetDeviceProperty / SetDeviceProperty translate a PropertyId into requests
+// and keep DeviceProperty in step with the camera; AccessExtensionRegister
+// toggles one bit of a camera register through the extension unit.
 //
-// Decisions the spec leaves to us:
+// Choices worth knowing:
 // - Camera answers are read little-endian: 2-byte controls sign-extended
-//   from 16 bits (values travel as 16-bit signed numbers, Part 3.1), the
-//   4-byte exposure time as a 32-bit signed value, power-line frequency as
-//   its first byte. The receive buffer is zeroed, so a short answer (a
-//   1-byte control asked for 2 bytes) reads as its value.
-// - A deferred request (Part 3.2 step 1) works on copies kept with its
-//   record - the data after the 56-byte record, the length in the record -
-//   not on the caller's buffer and length: the callers here pass stack
-//   buffers, and the caller never learns the result anyway.
+//   from 16 bits (values travel as 16-bit signed numbers), the 4-byte
+//   exposure time as a 32-bit signed value, power-line frequency as its
+//   first byte. The receive buffer is zeroed, so a short answer (a 1-byte
+//   control asked for 2 bytes) reads as its value.
+// - A deferred request works on copies kept with its record - the data after
+//   the 56-byte record, the length in the record - not on the caller's
+//   buffer and length: the callers here pass stack buffers, and the caller
+//   never learns the result anyway.
 // - Steps that send several requests (0x0C00, 0x0909, the extension register)
 //   end at the first failing request and return its status.
 #include "controls/requests.h"
 
-#include "controls/settings.h"
-#include "device/device.h"
+#include "device/formats.h"
+#include "device/usb.h"
+#include "pooltag.h"
+#include "uvc.h"
+
+using namespace kv;
 
 namespace {
 
-// Request block size (Part 3.2's table: header length 136).
 constexpr USHORT kClassRequestUrbSize = sizeof(struct _URB_CONTROL_VENDOR_OR_CLASS_REQUEST);
-static_assert(kClassRequestUrbSize == 136, "Part 3.2: the class request URB is 136 bytes");
+static_assert(kClassRequestUrbSize == 136, "the class request URB is 136 bytes on x64");
 
-// 10 ms relative, in 100 ns units: AccessExtensionRegister's pause.
+// 10 ms relative, in 100 ns units: the camera needs this long between two
+// accesses to its register window.
 constexpr LONGLONG kRegisterPause = -100000;
+
+// The camera registers id 0x0909 writes: the first arms the option, the
+// second holds its value.
+constexpr UCHAR kRegisterOptionArm = 0x18;
+constexpr UCHAR kRegisterOptionValue = 0x17;
+
+// The register window's commands: byte 0 of the request.
+constexpr UCHAR kWindowRead = 0x80;
+constexpr UCHAR kWindowWrite = 0x00;
+
+// The bit of those registers, by product id: each camera firmware puts it
+// elsewhere; other cameras are only read.
+struct RegisterBit {
+    USHORT ProductId;
+    UCHAR Bit;
+};
+const RegisterBit kRegisterBits[] = {
+    {0x0100, 0x40},
+    {0x8034, 0x20},
+};
 
 LONG ReadLe16Signed(const UCHAR* p)
 {
@@ -62,18 +84,18 @@ struct CameraControl {
     ULONG Slot;
 };
 const CameraControl kCameraControls[] = {
-    {PROPID_BACKLIGHT, UVC_ENTITY_PROCESSING_UNIT, 0x0100, 2, SLOT_BACKLIGHT},
-    {PROPID_BRIGHTNESS, UVC_ENTITY_PROCESSING_UNIT, 0x0200, 2, SLOT_BRIGHTNESS},
-    {PROPID_CONTRAST, UVC_ENTITY_PROCESSING_UNIT, 0x0300, 2, SLOT_CONTRAST},
-    {PROPID_EXPOSURE_TIME, UVC_ENTITY_CAMERA_TERMINAL, 0x0400, 4, SLOT_EXPOSURE_TIME},
-    {PROPID_POWER_LINE, UVC_ENTITY_PROCESSING_UNIT, 0x0500, 2, SLOT_POWER_LINE},
-    {PROPID_HUE, UVC_ENTITY_PROCESSING_UNIT, 0x0600, 2, SLOT_HUE},
-    {PROPID_SATURATION, UVC_ENTITY_PROCESSING_UNIT, 0x0700, 2, SLOT_SATURATION},
-    {PROPID_SHARPNESS, UVC_ENTITY_PROCESSING_UNIT, 0x0800, 2, SLOT_SHARPNESS},
-    {PROPID_GAMMA, UVC_ENTITY_PROCESSING_UNIT, 0x0900, 2, SLOT_GAMMA},
-    {PROPID_WB_TEMPERATURE, UVC_ENTITY_PROCESSING_UNIT, 0x0A00, 2, SLOT_WB_TEMPERATURE},
-    {PROPID_WB_AUTO, UVC_ENTITY_PROCESSING_UNIT, 0x0B00, 2, SLOT_WB_AUTO},
-    {PROPID_AUTO_EXPOSURE, UVC_ENTITY_CAMERA_TERMINAL, UVC_CT_AE_MODE, 2, SLOT_AUTO_EXPOSURE},
+    {PROPID_BACKLIGHT, UVC_ENTITY_PROCESSING_UNIT, UVC_PU_BACKLIGHT_COMPENSATION_CONTROL, 2, SLOT_BACKLIGHT},
+    {PROPID_BRIGHTNESS, UVC_ENTITY_PROCESSING_UNIT, UVC_PU_BRIGHTNESS_CONTROL, 2, SLOT_BRIGHTNESS},
+    {PROPID_CONTRAST, UVC_ENTITY_PROCESSING_UNIT, UVC_PU_CONTRAST_CONTROL, 2, SLOT_CONTRAST},
+    {PROPID_EXPOSURE_TIME, UVC_ENTITY_CAMERA_TERMINAL, UVC_CT_EXPOSURE_TIME_ABSOLUTE_CONTROL, 4, SLOT_EXPOSURE_TIME},
+    {PROPID_POWER_LINE, UVC_ENTITY_PROCESSING_UNIT, UVC_PU_POWER_LINE_FREQUENCY_CONTROL, 2, SLOT_POWER_LINE},
+    {PROPID_HUE, UVC_ENTITY_PROCESSING_UNIT, UVC_PU_HUE_CONTROL, 2, SLOT_HUE},
+    {PROPID_SATURATION, UVC_ENTITY_PROCESSING_UNIT, UVC_PU_SATURATION_CONTROL, 2, SLOT_SATURATION},
+    {PROPID_SHARPNESS, UVC_ENTITY_PROCESSING_UNIT, UVC_PU_SHARPNESS_CONTROL, 2, SLOT_SHARPNESS},
+    {PROPID_GAMMA, UVC_ENTITY_PROCESSING_UNIT, UVC_PU_GAMMA_CONTROL, 2, SLOT_GAMMA},
+    {PROPID_WB_TEMPERATURE, UVC_ENTITY_PROCESSING_UNIT, UVC_PU_WHITE_BALANCE_TEMPERATURE_CONTROL, 2, SLOT_WB_TEMPERATURE},
+    {PROPID_WB_AUTO, UVC_ENTITY_PROCESSING_UNIT, UVC_PU_WHITE_BALANCE_TEMPERATURE_AUTO_CONTROL, 2, SLOT_WB_AUTO},
+    {PROPID_AUTO_EXPOSURE, UVC_ENTITY_CAMERA_TERMINAL, UVC_CT_AE_MODE_CONTROL, 2, SLOT_AUTO_EXPOSURE},
 };
 
 // The driver's own ids answered from the record whatever the request.
@@ -90,13 +112,13 @@ const RecordId kRecordIds[] = {
     {PROPID_TRACKING_METHOD, SLOT_TRACKING_METHOD},
     {PROPID_TRACKING_0636, SLOT_TRACKING_0636},
     {PROPID_TRACKING_0637, SLOT_TRACKING_0637},
-    {PROPID_TRACKING_0638, SLOT_TRACKING_0638},
-    {0x063A, 22},
-    {0x063B, 23},
-    {0x063C, 24},
-    {0x063D, 25},
-    {0x063E, 26},
-    {0x063F, 27},
+    {PROPID_ZOOM_LEVEL, SLOT_ZOOM_LEVEL},
+    {PROPID_ZOOM_SWITCH, SLOT_ZOOM_SWITCH},
+    {PROPID_PAN_UP, SLOT_PAN_UP},
+    {PROPID_PAN_DOWN, SLOT_PAN_DOWN},
+    {PROPID_PAN_LEFT, SLOT_PAN_LEFT},
+    {PROPID_PAN_RIGHT, SLOT_PAN_RIGHT},
+    {PROPID_PAN_RESET, SLOT_PAN_RESET},
     {PROPID_OPTION_0640, SLOT_OPTION_0640},
     {PROPID_DEAD_PIXEL, SLOT_DEAD_PIXEL},
     {PROPID_SWSETTING_OPTION, SLOT_SWSETTING_OPTION},
@@ -116,13 +138,13 @@ const RangedId kRangedIds[] = {
     {PROPID_TRACKING_METHOD, SLOT_TRACKING_METHOD, 0, 3},
     {PROPID_TRACKING_0636, SLOT_TRACKING_0636, 0, 2},
     {PROPID_TRACKING_0637, SLOT_TRACKING_0637, 0, 2},
-    {PROPID_TRACKING_0638, SLOT_TRACKING_0638, 1, 62},
-    {0x063A, 22, 0, 1},
-    {0x063B, 23, -1, 1},
-    {0x063C, 24, -1, 1},
-    {0x063D, 25, -1, 1},
-    {0x063E, 26, -1, 1},
-    {0x063F, 27, -1, 1},
+    {PROPID_ZOOM_LEVEL, SLOT_ZOOM_LEVEL, 1, 62},
+    {PROPID_ZOOM_SWITCH, SLOT_ZOOM_SWITCH, 0, 1},
+    {PROPID_PAN_UP, SLOT_PAN_UP, -1, 1},
+    {PROPID_PAN_DOWN, SLOT_PAN_DOWN, -1, 1},
+    {PROPID_PAN_LEFT, SLOT_PAN_LEFT, -1, 1},
+    {PROPID_PAN_RIGHT, SLOT_PAN_RIGHT, -1, 1},
+    {PROPID_PAN_RESET, SLOT_PAN_RESET, -1, 1},
     {PROPID_SWSETTING_OPTION, SLOT_SWSETTING_OPTION, 0, 1},
 };
 
@@ -174,11 +196,11 @@ void PauseTenMilliseconds()
     KeDelayExecutionThread(KernelMode, FALSE, &interval);
 }
 
-// Steps 2-5 of SendClassRequest at PASSIVE_LEVEL: one URB, one IRP, wait.
+// SendClassRequest at PASSIVE_LEVEL: one URB, one IRP, wait.
 NTSTATUS SubmitClassRequest(const ControlRequestContext* pContext, USHORT wIndex, UCHAR request, USHORT wValue,
                             PVOID pBuffer, ULONG length, PULONG pLength)
 {
-    auto pUrb = static_cast<PURB>(ExAllocatePoolWithTag(NonPagedPoolNx, kClassRequestUrbSize, KV_TAG_REQUEST));
+    auto pUrb = static_cast<PURB>(ExAllocatePoolWithTag(NonPagedPoolNx, kClassRequestUrbSize, kTagRequest));
     if (pUrb == nullptr) {
         DbgPrint("SendClassRequest: Failed to allocate memory for urb\n");
         return STATUS_INSUFFICIENT_RESOURCES;
@@ -195,7 +217,7 @@ NTSTATUS SubmitClassRequest(const ControlRequestContext* pContext, USHORT wIndex
                                               0, nullptr, 0, TRUE, &event, &ioStatus);
     if (pIrp == nullptr) {
         DbgPrint("USBSubmitUrb: IoBuildDeviceIoControlRequest failed\n");
-        ExFreePoolWithTag(pUrb, KV_TAG_REQUEST);
+        ExFreePoolWithTag(pUrb, kTagRequest);
         return STATUS_INSUFFICIENT_RESOURCES;
     }
     PIO_STACK_LOCATION pNextStack = IoGetNextIrpStackLocation(pIrp);
@@ -205,8 +227,8 @@ NTSTATUS SubmitClassRequest(const ControlRequestContext* pContext, USHORT wIndex
 
     NTSTATUS status = IoCallDriver(pContext->pNextDeviceObject, pIrp);
     if (status == STATUS_PENDING) {
-        // The wait's own result replaces the status (Part 3.2 step 4); the
-        // URB's status below tells whether the request itself succeeded.
+        // The wait's own result replaces the status; the URB's status below
+        // tells whether the request itself succeeded.
         status = KeWaitForSingleObject(&event, Executive, KernelMode, FALSE, nullptr);
     }
     if (NT_SUCCESS(status) && USBD_SUCCESS(pUrb->UrbHeader.Status)) {
@@ -218,14 +240,49 @@ NTSTATUS SubmitClassRequest(const ControlRequestContext* pContext, USHORT wIndex
                  wValue, wIndex, status, pUrb->UrbHeader.Status);
         status = STATUS_UNSUCCESSFUL;
     }
-    ExFreePoolWithTag(pUrb, KV_TAG_REQUEST);
+    ExFreePoolWithTag(pUrb, kTagRequest);
     return status;
 }
 
 }  // namespace
 
-// Part 3.2 SendClassRequest.
-NTSTATUS CCaptureDevice::SendClassRequest(USHORT wIndex, UCHAR Request, USHORT wValue, PVOID pBuffer,
+ControlRequests::ControlRequests(DeviceSettings* pSettings, const FormatTables* pFormats,
+                                 const UsbConfiguration* pUsb)
+    : m_CapturePinRunning(0),
+      m_ControlReady(0),
+      m_SpecialFrameReload(0),
+      m_pControlContext(nullptr),
+      m_pSettings(pSettings),
+      m_pFormats(pFormats),
+      m_pUsb(pUsb)
+{
+}
+
+ControlRequests::~ControlRequests()
+{
+    Release();
+}
+
+NTSTATUS ControlRequests::Initialize(PDEVICE_OBJECT pFunctionalDeviceObject, PDEVICE_OBJECT pNextDeviceObject)
+{
+    if (m_pControlContext == nullptr) {
+        m_pControlContext = static_cast<ControlRequestContext*>(
+            ExAllocatePoolWithTag(NonPagedPoolNx, sizeof(ControlRequestContext), kTagRequest));
+        if (m_pControlContext == nullptr) {
+            return STATUS_INSUFFICIENT_RESOURCES;
+        }
+    }
+    m_pControlContext->pFunctionalDeviceObject = pFunctionalDeviceObject;
+    m_pControlContext->pNextDeviceObject = pNextDeviceObject;
+    return STATUS_SUCCESS;
+}
+
+void ControlRequests::Release()
+{
+    FreeTagged(m_pControlContext, kTagRequest);
+}
+
+NTSTATUS ControlRequests::SendClassRequest(USHORT wIndex, UCHAR Request, USHORT wValue, PVOID pBuffer,
                                           PULONG pLength)
 {
     if (m_pControlContext == nullptr) {
@@ -245,7 +302,7 @@ NTSTATUS CCaptureDevice::SendClassRequest(USHORT wIndex, UCHAR Request, USHORT w
             return STATUS_UNSUCCESSFUL;
         }
         auto pRecord = static_cast<DeferredClassRequest*>(
-            ExAllocatePoolWithTag(NonPagedPoolNx, sizeof(DeferredClassRequest) + cbData, KV_TAG_REQUEST));
+            ExAllocatePoolWithTag(NonPagedPoolNx, sizeof(DeferredClassRequest) + cbData, kTagRequest));
         if (pRecord == nullptr) {
             DbgPrint("SendClassRequest: Failed to allocate the deferred request\n");
             return STATUS_INSUFFICIENT_RESOURCES;
@@ -254,7 +311,7 @@ NTSTATUS CCaptureDevice::SendClassRequest(USHORT wIndex, UCHAR Request, USHORT w
         pRecord->pWorkItem = IoAllocateWorkItem(m_pControlContext->pFunctionalDeviceObject);
         if (pRecord->pWorkItem == nullptr) {
             DbgPrint("SendClassRequest: Failed to allocate a work item\n");
-            ExFreePoolWithTag(pRecord, KV_TAG_REQUEST);
+            ExFreePoolWithTag(pRecord, kTagRequest);
             return STATUS_INSUFFICIENT_RESOURCES;
         }
         pRecord->Function = URB_FUNCTION_CLASS_INTERFACE;
@@ -268,32 +325,32 @@ NTSTATUS CCaptureDevice::SendClassRequest(USHORT wIndex, UCHAR Request, USHORT w
         pRecord->Direction = Request == UVC_SET_CUR ? USBD_TRANSFER_DIRECTION_OUT : USBD_TRANSFER_DIRECTION_IN;
         pRecord->Length = length;
         pRecord->pLength = &pRecord->Length;  // the caller never learns the result
-        pRecord->pDevice = this;
+        pRecord->pRequests = this;
         IoQueueWorkItem(pRecord->pWorkItem, DeferredRequestWorker, DelayedWorkQueue, pRecord);
         return STATUS_PENDING;
     }
     return SubmitClassRequest(m_pControlContext, wIndex, Request, wValue, pBuffer, length, pLength);
 }
 
-// The deferred request's work routine: steps 2-5 with the saved arguments,
-// then the work item and the record are freed. Nobody learns the result.
-VOID CCaptureDevice::DeferredRequestWorker(PDEVICE_OBJECT pDeviceObject, PVOID pContext)
+// The deferred request's work routine: the request with the saved
+// arguments, then the work item and the record are freed. Nobody learns the
+// result.
+VOID ControlRequests::DeferredRequestWorker(PDEVICE_OBJECT pDeviceObject, PVOID pContext)
 {
     UNREFERENCED_PARAMETER(pDeviceObject);
     auto pRecord = static_cast<DeferredClassRequest*>(pContext);
-    CCaptureDevice* pDevice = pRecord->pDevice;
-    if (pDevice->m_pControlContext != nullptr) {
-        pRecord->Status = SubmitClassRequest(pDevice->m_pControlContext, pRecord->Index, pRecord->Request, pRecord->Value,
+    ControlRequests* pRequests = pRecord->pRequests;
+    if (pRequests->m_pControlContext != nullptr) {
+        pRecord->Status = SubmitClassRequest(pRequests->m_pControlContext, pRecord->Index, pRecord->Request, pRecord->Value,
                            pRecord->pBuffer, pRecord->Length, pRecord->pLength);
     }
     IoFreeWorkItem(pRecord->pWorkItem);
     pRecord->pWorkItem = nullptr;
-    ExFreePoolWithTag(pRecord, KV_TAG_REQUEST);
+    ExFreePoolWithTag(pRecord, kTagRequest);
 }
 
-// Part 3.2 SetProcessingUnit: SET_CUR of the low 16 bits, little-endian.
-// The request's status is ignored: always 0.
-NTSTATUS CCaptureDevice::SetProcessingUnit(USHORT wValue, LONG Value)
+// Little-endian; the request's status is ignored.
+NTSTATUS ControlRequests::SetProcessingUnit(USHORT wValue, LONG Value)
 {
     UCHAR data[2] = {static_cast<UCHAR>(Value & 0xFF), static_cast<UCHAR>((Value >> 8) & 0xFF)};
     ULONG length = sizeof(data);
@@ -301,26 +358,26 @@ NTSTATUS CCaptureDevice::SetProcessingUnit(USHORT wValue, LONG Value)
     return STATUS_SUCCESS;
 }
 
-NTSTATUS CCaptureDevice::GetCur(USHORT wIndex, USHORT wValue, PVOID pBuffer, PULONG pLength)
+NTSTATUS ControlRequests::GetCur(USHORT wIndex, USHORT wValue, PVOID pBuffer, PULONG pLength)
 {
     return SendClassRequest(wIndex, UVC_GET_CUR, wValue, pBuffer, pLength);
 }
 
-NTSTATUS CCaptureDevice::SetCur(USHORT wIndex, USHORT wValue, PVOID pBuffer, PULONG pLength)
+NTSTATUS ControlRequests::SetCur(USHORT wIndex, USHORT wValue, PVOID pBuffer, PULONG pLength)
 {
     return SendClassRequest(wIndex, UVC_SET_CUR, wValue, pBuffer, pLength);
 }
 
-// Part 3.2 GetDeviceProperty.
-NTSTATUS CCaptureDevice::GetDeviceProperty(USHORT Id, UCHAR Request, PLONG pValue)
+NTSTATUS ControlRequests::GetDeviceProperty(USHORT Id, UCHAR Request, PLONG pValue)
 {
-    if (m_Property == nullptr) {
+    const DeviceProperty* pProperty = m_pSettings->m_Property;
+    if (pProperty == nullptr) {
         DbgPrint("GetDeviceProperty: no settings record\n");
         return STATUS_UNSUCCESSFUL;
     }
     if (const CameraControl* pControl = FindCameraControl(Id)) {
         if (Request == UVC_GET_CUR) {
-            *pValue = m_Property->Slot[pControl->Slot];
+            *pValue = pProperty->Slot[pControl->Slot];
             return STATUS_SUCCESS;
         }
         UCHAR data[4] = {0, 0, 0, 0};
@@ -339,15 +396,15 @@ NTSTATUS CCaptureDevice::GetDeviceProperty(USHORT Id, UCHAR Request, PLONG pValu
         return status;
     }
     if (const RecordId* pRecord = FindId(kRecordIds, Id)) {
-        *pValue = m_Property->Slot[pRecord->Slot];
+        *pValue = pProperty->Slot[pRecord->Slot];
         return STATUS_SUCCESS;
     }
     switch (Id) {
     case PROPID_PU_BITMAP:
-        *pValue = ProcessingUnitControls;
+        *pValue = m_pFormats->ProcessingUnitControls;
         break;
     case PROPID_CT_BITMAP:
-        *pValue = static_cast<LONG>(CameraTerminalControls);
+        *pValue = static_cast<LONG>(m_pFormats->CameraTerminalControls);
         break;
     case PROPID_PIN_RUNNING:
         *pValue = static_cast<LONG>(m_CapturePinRunning & 0xFF);
@@ -356,8 +413,8 @@ NTSTATUS CCaptureDevice::GetDeviceProperty(USHORT Id, UCHAR Request, PLONG pValu
         *pValue = m_ControlReady != 0 ? 1 : 0;
         break;
     case PROPID_ONE_SHOT:
-        *pValue = m_OneShotValue;
-        m_OneShotValue = 0;
+        *pValue = m_pSettings->m_OneShotValue;
+        m_pSettings->m_OneShotValue = 0;
         break;
     default:
         break;  // any other id: success, the result is not written
@@ -365,14 +422,14 @@ NTSTATUS CCaptureDevice::GetDeviceProperty(USHORT Id, UCHAR Request, PLONG pValu
     return STATUS_SUCCESS;
 }
 
-// Part 3.2 SetDeviceProperty.
-NTSTATUS CCaptureDevice::SetDeviceProperty(USHORT Id, LONG Value)
+NTSTATUS ControlRequests::SetDeviceProperty(USHORT Id, LONG Value)
 {
-    if (m_Property == nullptr) {
+    DeviceSettings& settings = *m_pSettings;
+    if (settings.m_Property == nullptr) {
         DbgPrint("SetDeviceProperty: no settings record\n");
         return STATUS_UNSUCCESSFUL;
     }
-    LONG* pSlot = m_Property->Slot;
+    LONG* pSlot = settings.m_Property->Slot;
     if (IsPlainProcessingUnitId(Id)) {
         const CameraControl* pControl = FindCameraControl(Id);
         SetProcessingUnit(Id, Value);
@@ -389,11 +446,11 @@ NTSTATUS CCaptureDevice::SetDeviceProperty(USHORT Id, LONG Value)
     NTSTATUS status = STATUS_SUCCESS;
     switch (Id) {
     case PROPID_WB_AUTO:
-        SetProcessingUnit(PROPID_WB_AUTO, Value);
+        SetProcessingUnit(UVC_PU_WHITE_BALANCE_TEMPERATURE_AUTO_CONTROL, Value);
         // Leaving automatic white balance: the camera gets the stored
         // temperature back.
         if (pSlot[SLOT_WB_AUTO] != 0 && Value == 0) {
-            SetProcessingUnit(PROPID_WB_TEMPERATURE, pSlot[SLOT_WB_TEMPERATURE]);
+            SetProcessingUnit(UVC_PU_WHITE_BALANCE_TEMPERATURE_CONTROL, pSlot[SLOT_WB_TEMPERATURE]);
         }
         pSlot[SLOT_WB_AUTO] = Value;
         break;
@@ -407,7 +464,7 @@ NTSTATUS CCaptureDevice::SetDeviceProperty(USHORT Id, LONG Value)
         UCHAR data[4];
         WriteLe32(data, Value);
         ULONG length = sizeof(data);
-        status = SetCur(UVC_ENTITY_CAMERA_TERMINAL, PROPID_EXPOSURE_TIME, data, &length);
+        status = SetCur(UVC_ENTITY_CAMERA_TERMINAL, UVC_CT_EXPOSURE_TIME_ABSOLUTE_CONTROL, data, &length);
         if (NT_SUCCESS(status)) {
             pSlot[SLOT_EXPOSURE_TIME] = Value;
         }
@@ -415,15 +472,14 @@ NTSTATUS CCaptureDevice::SetDeviceProperty(USHORT Id, LONG Value)
     }
 
     case PROPID_AUTO_EXPOSURE: {
-        // Auto-exposure mode bits: 8 aperture priority, 1 manual.
-        UCHAR mode = Value != 0 ? 8 : 1;
+        UCHAR mode = Value != 0 ? UVC_AE_MODE_APERTURE_PRIORITY : UVC_AE_MODE_MANUAL;
         ULONG length = 1;
-        status = SetCur(UVC_ENTITY_CAMERA_TERMINAL, UVC_CT_AE_MODE, &mode, &length);
+        status = SetCur(UVC_ENTITY_CAMERA_TERMINAL, UVC_CT_AE_MODE_CONTROL, &mode, &length);
         if (NT_SUCCESS(status) && Value == 0) {
             UCHAR data[4];
             WriteLe32(data, pSlot[SLOT_EXPOSURE_TIME]);
             length = sizeof(data);
-            status = SetCur(UVC_ENTITY_CAMERA_TERMINAL, PROPID_EXPOSURE_TIME, data, &length);
+            status = SetCur(UVC_ENTITY_CAMERA_TERMINAL, UVC_CT_EXPOSURE_TIME_ABSOLUTE_CONTROL, data, &length);
         }
         if (NT_SUCCESS(status)) {
             pSlot[SLOT_AUTO_EXPOSURE] = Value;
@@ -433,15 +489,15 @@ NTSTATUS CCaptureDevice::SetDeviceProperty(USHORT Id, LONG Value)
 
     case PROPID_VFLIP:
         pSlot[SLOT_VFLIP] = Value;
-        m_EffectiveVflip = SwSettingBit(m_SWSetting, SWBIT_VFLIP) ? Value : 0;
+        settings.m_EffectiveVflip = settings.SwBit(SWBIT_VFLIP) ? Value : 0;
         break;
     case PROPID_MIRROR:
         pSlot[SLOT_MIRROR] = Value;
-        m_EffectiveMirror = SwSettingBit(m_SWSetting, SWBIT_MIRROR) ? Value : 0;
+        settings.m_EffectiveMirror = settings.SwBit(SWBIT_MIRROR) ? Value : 0;
         break;
     case PROPID_DEAD_PIXEL:
         pSlot[SLOT_DEAD_PIXEL] = Value;
-        m_EffectiveDeadPixel = SwSettingBit(m_SWSetting, SWBIT_DEAD_PIXEL) ? Value : 0;
+        settings.m_EffectiveDeadPixel = settings.SwBit(SWBIT_DEAD_PIXEL) ? Value : 0;
         break;
 
     case PROPID_ROTATE:
@@ -458,10 +514,10 @@ NTSTATUS CCaptureDevice::SetDeviceProperty(USHORT Id, LONG Value)
         break;
 
     case PROPID_SAVE_CUSTOMER:
-        SavePropertySet(PropertySetCustomer);  // registry failures are ignored
+        settings.SavePropertySet(PropertySetCustomer);  // registry failures are ignored
         break;
     case PROPID_LOAD_CUSTOMER:
-        LoadPropertySet(PropertySetCustomer);
+        settings.LoadPropertySet(PropertySetCustomer);
         break;
 
     case PROPID_EXTENSION_OPTION:
@@ -469,9 +525,9 @@ NTSTATUS CCaptureDevice::SetDeviceProperty(USHORT Id, LONG Value)
             break;
         }
         pSlot[SLOT_EXTENSION_OPTION] = Value;
-        status = AccessExtensionRegister(0x18, 1);
+        status = AccessExtensionRegister(kRegisterOptionArm, 1);
         if (NT_SUCCESS(status)) {
-            status = AccessExtensionRegister(0x17, static_cast<ULONG>(Value));
+            status = AccessExtensionRegister(kRegisterOptionValue, static_cast<ULONG>(Value));
         }
         break;
 
@@ -486,17 +542,17 @@ NTSTATUS CCaptureDevice::SetDeviceProperty(USHORT Id, LONG Value)
         break;
 
     case PROPID_DEFAULT_ORIENTATION:
-        LoadDefaultOrientation();
+        settings.LoadDefaultOrientation();
         break;
     case PROPID_DEFAULT_EFFECTS:
-        LoadDefaultEffects();
+        settings.LoadDefaultEffects();
         break;
     case PROPID_RESET_TRACKING:
-        ResetTrackingAndTimer();
+        settings.ResetTrackingAndTimer();
         break;
 
     case PROPID_ONE_SHOT:
-        m_OneShotValue = Value;
+        settings.m_OneShotValue = Value;
         break;
 
     default:
@@ -505,11 +561,9 @@ NTSTATUS CCaptureDevice::SetDeviceProperty(USHORT Id, LONG Value)
     return status;
 }
 
-// Part 3.2 AccessExtensionRegister: read-modify-write of one bit of a camera
-// register through extension unit 4, selector 3.
-NTSTATUS CCaptureDevice::AccessExtensionRegister(UCHAR Register, ULONG Set)
+NTSTATUS ControlRequests::AccessExtensionRegister(UCHAR Register, ULONG Set)
 {
-    UCHAR data[3] = {0x80, Register, 0};
+    UCHAR data[3] = {kWindowRead, Register, 0};
     ULONG length = 2;
     NTSTATUS status = SetCur(UVC_ENTITY_EXTENSION_UNIT, UVC_XU_REGISTER_WINDOW, data, &length);
     if (!NT_SUCCESS(status)) {
@@ -524,18 +578,17 @@ NTSTATUS CCaptureDevice::AccessExtensionRegister(UCHAR Register, ULONG Set)
     PauseTenMilliseconds();
     const UCHAR oldValue = data[1];
 
-    // The bit is the camera firmware's, by product id; other cameras are
-    // only read.
-    const USHORT productId = m_pDeviceDescriptor != nullptr ? m_pDeviceDescriptor->idProduct : 0;
+    const USHORT productId = m_pUsb->m_pDeviceDescriptor != nullptr ? m_pUsb->m_pDeviceDescriptor->idProduct : 0;
     UCHAR bit = 0;
-    if (productId == 0x0100) {
-        bit = 0x40;
-    } else if (productId == 0x8034) {
-        bit = 0x20;
-    } else {
+    for (const RegisterBit& entry : kRegisterBits) {
+        if (entry.ProductId == productId) {
+            bit = entry.Bit;
+        }
+    }
+    if (bit == 0) {
         return status;
     }
-    data[0] = 0x00;
+    data[0] = kWindowWrite;
     data[1] = Register;
     data[2] = Set != 0 ? static_cast<UCHAR>(oldValue | bit) : static_cast<UCHAR>(oldValue & ~bit);
     length = 3;

@@ -1,51 +1,59 @@
-// Part 3.2: video-class control requests - the request codes and entities,
-// the device's control-request context and the deferred request record. The
-// routines (SendClassRequest, SetProcessingUnit, GetCur, SetCur,
-// GetDeviceProperty, SetDeviceProperty, AccessExtensionRegister) are
-// CCaptureDevice members, declared in device/device.h inside the Part 3.2
-// block and defined in requests.cpp.
+// Video-class control requests: one class-interface request on the default
+// control pipe per call (synchronous at PASSIVE_LEVEL, from a work item when
+// called at DISPATCH_LEVEL), and the translation of a PropertyId into
+// requests that keeps the settings record in step with the camera.
 #pragma once
 
 #include "wdk.h"
-#include "pooltag.h"
+#include "controls/settings.h"
 
-class CCaptureDevice;
+class FormatTables;
+class UsbConfiguration;
 
-// UVC request codes (bRequest).
-enum : UCHAR {
-    UVC_SET_CUR = 0x01,
-    UVC_GET_CUR = 0x81,
-    UVC_GET_MIN = 0x82,
-    UVC_GET_MAX = 0x83,
-    UVC_GET_RES = 0x84,
-    UVC_GET_INFO = 0x86,
-    UVC_GET_DEF = 0x87,
-};
-
-// wIndex: entity id << 8, interface 0.
-enum : USHORT {
-    UVC_ENTITY_CAMERA_TERMINAL = 0x0100,
-    UVC_ENTITY_PROCESSING_UNIT = 0x0300,
-    UVC_ENTITY_EXTENSION_UNIT = 0x0400,
-};
-
-// wValue of the camera-terminal auto-exposure mode control; the property id
-// 0x0C00 travels as this selector.
-constexpr USHORT UVC_CT_AE_MODE = 0x0200;
-// Extension unit selector 3: the register window of AccessExtensionRegister.
-constexpr USHORT UVC_XU_REGISTER_WINDOW = 0x0300;
-
-// The spec names no tag for the request blocks of this Part; Part 1.2's
-// request blocks (the same 136-byte URB size) carry "KVrb", and so do ours,
-// the deferred record and the control-request context.
-constexpr ULONG KV_TAG_REQUEST = kv::PoolTag("KVrb");
-
-// The device's control-request context (Part 3.1 step 1 allocates it): what
-// SendClassRequest needs to reach the camera - the next lower device object
-// for the URB IRPs and the functional device object for the work items.
+// What a request needs to reach the camera: the next lower device object for
+// the URB IRPs and our functional device object for the work items.
 struct ControlRequestContext {
     PDEVICE_OBJECT pFunctionalDeviceObject;
     PDEVICE_OBJECT pNextDeviceObject;
+};
+
+class ControlRequests final : public PropertyAccess {
+public:
+    ControlRequests(DeviceSettings* pSettings, const FormatTables* pFormats, const UsbConfiguration* pUsb);
+    ~ControlRequests();
+    ControlRequests(const ControlRequests&) = delete;
+    ControlRequests& operator=(const ControlRequests&) = delete;
+
+    // Allocates the control-request context ("KVrb") at device start.
+    NTSTATUS Initialize(PDEVICE_OBJECT pFunctionalDeviceObject, PDEVICE_OBJECT pNextDeviceObject);
+    void Release();
+
+    // Synchronous at PASSIVE_LEVEL; at DISPATCH_LEVEL it queues a work item
+    // with a copy of the data and returns STATUS_PENDING (the caller never
+    // learns the result).
+    NTSTATUS SendClassRequest(USHORT wIndex, UCHAR Request, USHORT wValue, PVOID pBuffer, PULONG pLength);
+    // SET_CUR of the low 16 bits to the processing unit; always succeeds.
+    NTSTATUS SetProcessingUnit(USHORT wValue, LONG Value);
+    NTSTATUS GetCur(USHORT wIndex, USHORT wValue, PVOID pBuffer, PULONG pLength);
+    NTSTATUS SetCur(USHORT wIndex, USHORT wValue, PVOID pBuffer, PULONG pLength);
+    NTSTATUS GetDeviceProperty(USHORT Id, UCHAR Request, PLONG pValue) override;
+    NTSTATUS SetDeviceProperty(USHORT Id, LONG Value) override;
+    // Read-modify-write of one bit of a camera register through the
+    // extension unit's register window.
+    NTSTATUS AccessExtensionRegister(UCHAR Register, ULONG Set);
+
+    // Device values that ids 0x0639, 0x0660 and 0x0610 read or set.
+    ULONG m_CapturePinRunning;   // 1 from the capture pin's run transition until it stops
+    ULONG m_ControlReady;        // set at device start
+    ULONG m_SpecialFrameReload;  // photo frame 11 asks the frame loop to reload its picture
+
+private:
+    static IO_WORKITEM_ROUTINE DeferredRequestWorker;
+
+    ControlRequestContext* m_pControlContext;  // "KVrb"
+    DeviceSettings* m_pSettings;
+    const FormatTables* m_pFormats;
+    const UsbConfiguration* m_pUsb;
 };
 
 // A request deferred from DISPATCH_LEVEL to a work item (56 bytes on x64).
@@ -64,8 +72,8 @@ struct DeferredClassRequest {
     ULONG Direction;   // USBD_TRANSFER_DIRECTION_IN or _OUT
     ULONG Length;      // the transfer length when the request was queued
     NTSTATUS Status;   // the final status, for a debugger only: the caller never learns it
-    CCaptureDevice* pDevice;
+    ControlRequests* pRequests;
 };
 #if defined(_WIN64) || defined(__x86_64__) || defined(_M_X64)
-static_assert(sizeof(DeferredClassRequest) == 56, "Part 3.2: the deferred record is 56 bytes");
+static_assert(sizeof(DeferredClassRequest) == 56, "the deferred request record is 56 bytes on x64");
 #endif

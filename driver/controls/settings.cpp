@@ -1,9 +1,8 @@
-// Part 3.1: the persistent settings store. The registry layer
-// (RegistryKeyPath) and the CCaptureDevice routines that read "\Data", keep
-// the settings record `DeviceProperty`, and load and save the "\Property\..."
-// sets. Values reach the camera through SetDeviceProperty (Part 3.2).
+// The persistent settings store: the registry layer (RegistryKeyPath) and
+// the routines that read "\Data", keep the settings record `DeviceProperty`,
+// and load and save the "\Property\..." sets.
 //
-// Decisions the spec leaves to us (issue 6):
+// Choices worth knowing:
 // - LoadPropertySet initialises its read buffer with the slot's current value
 //   before each read, so a missing value re-applies what the record holds.
 // - Values reach the camera as 16-bit signed numbers (low 16 bits,
@@ -11,21 +10,24 @@
 // - The raw read copies only when the data fits; a longer value is reported
 //   as STATUS_BUFFER_OVERFLOW (as ZwQueryValueKey reports a value that does
 //   not fit) and leaves the caller's buffer and length untouched.
-// - WriteString takes its "local buffer" from pool ("KVaT"): the text comes
-//   from a caller (Part 3.3's custom property) and may be long.
+// - WriteString takes its buffer from pool ("KVaT"): the text comes from an
+//   application (the driver-control property) and may be long.
 // - CheckReadDef above APC_LEVEL prints the pageable-code line and returns
 //   without touching the registry (registry calls need PASSIVE_LEVEL).
 #include "controls/settings.h"
 
-#include "controls/requests.h"
-#include "device/device.h"
+#include "device/formats.h"
+#include "pageable.h"
+#include "pooltag.h"
+#include "uvc.h"
+
+using namespace kv;
 
 namespace {
 
 // Reads a "\Data" value into a zeroed word: the driver takes a value's data
-// bytes whatever their type (Part 3.1), so a value shorter than four bytes
-// must not keep the upper bytes of the value read before it (our choice for
-// what the Part leaves open).
+// bytes whatever their type, so a value shorter than four bytes must not
+// keep the upper bytes of the value read before it.
 bool ReadDwordFresh(RegistryKeyPath& path, PCWSTR pName, PULONG pValue)
 {
     *pValue = 0;
@@ -57,8 +59,8 @@ struct ControlWalkEntry {
     bool ReadDefault;     // InitLastValue reads GET_DEF for it
 };
 
-// Processing-unit walk (masks in the spec's order; the three zero masks
-// match nothing and are left out).
+// Processing-unit walk, in bmControls bit order; an entry counts only when
+// the camera's bitmap has its bit.
 const ControlWalkEntry kPuWalk[] = {
     {0x0001, g_ControlNames[0], PROPID_BRIGHTNESS, SLOT_BRIGHTNESS, false, true},
     {0x0002, g_ControlNames[1], PROPID_CONTRAST, SLOT_CONTRAST, false, true},
@@ -68,8 +70,9 @@ const ControlWalkEntry kPuWalk[] = {
     {0x0020, g_ControlNames[5], PROPID_GAMMA, SLOT_GAMMA, false, true},
     {0x0040, g_ControlNames[6], PROPID_WB_TEMPERATURE, SLOT_WB_TEMPERATURE, false, true},
     {0x0100, L"fBacklight", PROPID_BACKLIGHT, SLOT_BACKLIGHT, false, true},
-    // Gain: persisted from and applied to slot 10 as exposure time; no
-    // camera default is read for it (Part 3.1's deliberate oddity).
+    // Gain: persisted from and applied to slot 10 as exposure time, and no
+    // camera default is read for it: registries written by earlier installs
+    // keep the exposure time under this name.
     {0x0200, L"Gain", PROPID_EXPOSURE_TIME, SLOT_EXPOSURE_TIME, false, false},
     {0x0400, L"f60Hz", PROPID_POWER_LINE, SLOT_POWER_LINE, true, true},
     {0x1000, L"fAutoAWB", PROPID_WB_AUTO, SLOT_WB_AUTO, true, true},
@@ -124,14 +127,14 @@ const OptionEntry kDefaultEffects[] = {
     {L"SpecialFrameNo", PROPID_SPECIAL_FRAME, SLOT_SPECIAL_FRAME},
 };
 
-// Initial slot values other than 0 (Part 3.1's table).
+// Initial slot values other than 0.
 struct SlotInit {
     ULONG Slot;
     LONG Value;
 };
 const SlotInit kInitialSlots[] = {
-    {SLOT_TRACKING_0636, 1}, {23, -1}, {24, -1}, {25, -1}, {26, -1}, {27, -1},
-    {SLOT_TRACKING_0638, 1}, {SLOT_SELF_TIMER, -1},
+    {SLOT_TRACKING_0636, 1}, {SLOT_PAN_UP, -1},    {SLOT_PAN_DOWN, -1},   {SLOT_PAN_LEFT, -1},
+    {SLOT_PAN_RIGHT, -1},    {SLOT_PAN_RESET, -1}, {SLOT_ZOOM_LEVEL, 1}, {SLOT_SELF_TIMER, -1},
 };
 
 PCWSTR SetKeyName(ULONG which)
@@ -164,7 +167,7 @@ NTSTATUS RegistryKeyPath::OpenPath()
     return status;
 }
 
-// Part 3.1 "open root": the root path, then the subkey (L"\\USBKV").
+// The root path, then the subkey (L"\\USBKV").
 NTSTATUS RegistryKeyPath::OpenRoot(PCWSTR pSubkey)
 {
     Close();
@@ -213,7 +216,8 @@ NTSTATUS RegistryKeyPath::OpenSubkey(PCWSTR pName)
 }
 
 // Removes only the last component: after "\Property\Last" the path names the
-// key Property below "\USBKV" (Part 3.1; the name is deliberately unused).
+// key Property below "\USBKV". The name is not used: callers pass the name
+// they opened, and a path always loses exactly one component.
 NTSTATUS RegistryKeyPath::CloseSubkey(PCWSTR pName)
 {
     UNREFERENCED_PARAMETER(pName);
@@ -255,7 +259,7 @@ NTSTATUS RegistryKeyPath::ReadRaw(PCWSTR pName, PVOID pBuffer, PULONG pLength)
     const ULONG capacity = *pLength;
     const ULONG infoSize = capacity + 16;
     auto pInfo = static_cast<PKEY_VALUE_PARTIAL_INFORMATION>(
-        ExAllocatePoolWithTag(NonPagedPoolNx, infoSize, KV_TAG_REGISTRY));
+        ExAllocatePoolWithTag(NonPagedPoolNx, infoSize, kTagRegistry));
     if (pInfo == nullptr) {
         DbgPrint("RegistryKeyPath::ReadRaw: Failed to allocate memory\n");
         return STATUS_INSUFFICIENT_RESOURCES;
@@ -272,7 +276,7 @@ NTSTATUS RegistryKeyPath::ReadRaw(PCWSTR pName, PVOID pBuffer, PULONG pLength)
             status = STATUS_BUFFER_OVERFLOW;
         }
     }
-    ExFreePoolWithTag(pInfo, KV_TAG_REGISTRY);
+    ExFreePoolWithTag(pInfo, kTagRegistry);
     return status;
 }
 
@@ -285,7 +289,7 @@ NTSTATUS RegistryKeyPath::WriteString(PCWSTR pName, PCWSTR pText, ULONG Count)
         return STATUS_INVALID_PARAMETER;
     }
     const ULONG bytes = (Count + 1) * sizeof(WCHAR);
-    auto pCopy = static_cast<PWCHAR>(ExAllocatePoolWithTag(NonPagedPoolNx, bytes, KV_TAG_REGISTRY));
+    auto pCopy = static_cast<PWCHAR>(ExAllocatePoolWithTag(NonPagedPoolNx, bytes, kTagRegistry));
     if (pCopy == nullptr) {
         DbgPrint("RegistryKeyPath::WriteString: Failed to allocate memory\n");
         return STATUS_INSUFFICIENT_RESOURCES;
@@ -295,29 +299,47 @@ NTSTATUS RegistryKeyPath::WriteString(PCWSTR pName, PCWSTR pText, ULONG Count)
     UNICODE_STRING name;
     RtlInitUnicodeString(&name, pName);
     NTSTATUS status = ZwSetValueKey(m_hKey, &name, 0, REG_SZ, pCopy, bytes);
-    ExFreePoolWithTag(pCopy, KV_TAG_REGISTRY);
+    ExFreePoolWithTag(pCopy, kTagRegistry);
     return status;
 }
 
 // ---- Device routines --------------------------------------------------------
 
-// Part 3.1 InitDeviceSettings: device start, PASSIVE_LEVEL.
-NTSTATUS CCaptureDevice::InitDeviceSettings()
+DeviceSettings::DeviceSettings()
+    : m_Property(nullptr),
+      m_BW(0),
+      m_SWSetting{0x00, 0xC0, 0x01},
+      m_SaveFileMJPEG(0),
+      m_SaveFileDroppedMJPEG(0),
+      m_DropFrameCntVGA(0),
+      m_Key1Function(0),
+      m_Key2Function(0),
+      m_TrackingWindowSize(0),
+      m_TrackingFocus(0),
+      m_EffectiveVflip(0),
+      m_EffectiveMirror(0),
+      m_EffectiveDeadPixel(0),
+      m_OneShotValue(0),
+      m_pAccess(nullptr),
+      m_pFormats(nullptr)
+{
+}
+
+DeviceSettings::~DeviceSettings()
+{
+    Release();
+}
+
+void DeviceSettings::Bind(PropertyAccess* pAccess, const FormatTables* pFormats)
+{
+    m_pAccess = pAccess;
+    m_pFormats = pFormats;
+}
+
+NTSTATUS DeviceSettings::LoadDataKey()
 {
     RegistryKeyPath path;
     path.OpenRoot(KV_REGISTRY_SERVICE);
-
-    // Step 1: the control-request context, before anything is read.
-    if (m_pControlContext == nullptr) {
-        m_pControlContext = static_cast<ControlRequestContext*>(
-            ExAllocatePoolWithTag(NonPagedPoolNx, sizeof(ControlRequestContext), KV_TAG_REQUEST));
-        if (m_pControlContext == nullptr) {
-            DbgPrint("InitDeviceSettings: Failed to allocate the control-request context\n");
-            return STATUS_INSUFFICIENT_RESOURCES;
-        }
-    }
-    m_pControlContext->pFunctionalDeviceObject = m_pFunctionalDeviceObject;
-    m_pControlContext->pNextDeviceObject = m_pNextDeviceObject;
     m_EffectiveVflip = 0;
     m_EffectiveMirror = 0;
     m_EffectiveDeadPixel = 0;
@@ -326,7 +348,7 @@ NTSTATUS CCaptureDevice::InitDeviceSettings()
     m_SWSetting[2] = 0x01;
     m_OneShotValue = 0;
 
-    // Step 2: "\Data". Each value is stored only when read.
+    // Each value is stored only when read.
     path.OpenSubkey(KV_REGISTRY_DATA);
     ULONG value = 0;
     if (ReadDwordFresh(path, L"BW", &value)) {
@@ -348,7 +370,7 @@ NTSTATUS CCaptureDevice::InitDeviceSettings()
     path.ReadDword(L"Key1Function", &m_Key1Function);
     path.ReadDword(L"Key2Function", &m_Key2Function);
 
-    // Step 3: the two values the driver creates when missing.
+    // The two values the driver creates when missing.
     if (!NT_SUCCESS(path.ReadDword(L"TrackingWindowSize", &m_TrackingWindowSize))) {
         m_TrackingWindowSize = 4;
         path.WriteDword(L"TrackingWindowSize", 4);
@@ -360,10 +382,9 @@ NTSTATUS CCaptureDevice::InitDeviceSettings()
     path.WriteDword(L"DeviceExist", 1);
     path.CloseSubkey(KV_REGISTRY_DATA);
 
-    // Step 4: the settings record.
     if (m_Property == nullptr) {
         m_Property = static_cast<DeviceProperty*>(
-            ExAllocatePoolWithTag(NonPagedPoolNx, sizeof(DeviceProperty), KV_TAG_REGISTRY));
+            ExAllocatePoolWithTag(NonPagedPoolNx, sizeof(DeviceProperty), kTagRegistry));
         if (m_Property == nullptr) {
             DbgPrint("failed to alloc mem for m_Property\n");
             path.Close();
@@ -374,22 +395,12 @@ NTSTATUS CCaptureDevice::InitDeviceSettings()
     for (const SlotInit& init : kInitialSlots) {
         m_Property->Slot[init.Slot] = init.Value;
     }
-    m_IdlePowerEnabled = SwSettingBit(m_SWSetting, SWBIT_IDLE_POWER) ? 1 : 0;
     m_Property->Slot[SLOT_SWSETTING_OPTION] = SwSettingBit(m_SWSetting, SWBIT_OPTION_0905) ? 1 : 0;
-
-    // Step 5.
     path.Close();
-
-    // Part 1.1 step 2: the start also learns the bus interface and speed
-    // here. Without the interface InitDeviceSpeed falls back to full speed,
-    // so neither status fails the start.
-    GetBusInterface();
-    InitDeviceSpeed();
     return STATUS_SUCCESS;
 }
 
-// Part 1.1 stop step 6 (the store is this Part's).
-NTSTATUS CCaptureDevice::WriteDeviceExist(ULONG Value)
+NTSTATUS DeviceSettings::WriteDeviceExist(ULONG Value)
 {
     RegistryKeyPath path;
     path.OpenRoot(KV_REGISTRY_SERVICE);
@@ -399,22 +410,14 @@ NTSTATUS CCaptureDevice::WriteDeviceExist(ULONG Value)
     return status;
 }
 
-void CCaptureDevice::ReleaseSettings()
+void DeviceSettings::Release()
 {
-    if (m_Property != nullptr) {
-        ExFreePoolWithTag(m_Property, KV_TAG_REGISTRY);
-        m_Property = nullptr;
-    }
-    if (m_pControlContext != nullptr) {
-        ExFreePoolWithTag(m_pControlContext, KV_TAG_REQUEST);
-        m_pControlContext = nullptr;
-    }
+    FreeTagged(m_Property, kTagRegistry);
 }
 
-// Part 3.1 CheckReadDef: capture pin start. Pageable.
-NTSTATUS CCaptureDevice::CheckReadDef()
+NTSTATUS DeviceSettings::CheckReadDef()
 {
-    if (kv::PageableCallTooHigh()) {
+    if (PageableCallTooHigh()) {
         return STATUS_SUCCESS;
     }
     RegistryKeyPath path;
@@ -425,19 +428,19 @@ NTSTATUS CCaptureDevice::CheckReadDef()
     path.CloseSubkey(KV_REGISTRY_DATA);
 
     // A missing "ReadDef" is never created: the defaults are then never read.
-    if (NT_SUCCESS(status) && readDef != ProcessingUnitControls) {
+    if (NT_SUCCESS(status) && readDef != m_pFormats->ProcessingUnitControls) {
         InitLastValue();
         path.OpenSubkey(KV_REGISTRY_DATA);
-        path.WriteDword(L"ReadDef", ProcessingUnitControls);
+        path.WriteDword(L"ReadDef", m_pFormats->ProcessingUnitControls);
         path.CloseSubkey(KV_REGISTRY_DATA);
     }
     path.Close();
     return STATUS_SUCCESS;
 }
 
-// Part 3.1 InitLastValue: the camera defaults into the record, the default
-// orientation, then "\Property\Last". Returns 1 in every case.
-BOOLEAN CCaptureDevice::InitLastValue()
+// The camera defaults into the record, the default orientation, then
+// "\Property\Last".
+BOOLEAN DeviceSettings::InitLastValue()
 {
     bool failed = false;
     auto readDefaults = [this, &failed](const ControlWalkEntry* pWalk, ULONG nWalk, ULONG bitmap) {
@@ -447,15 +450,15 @@ BOOLEAN CCaptureDevice::InitLastValue()
                 continue;
             }
             LONG value = 0;
-            if (!NT_SUCCESS(GetDeviceProperty(entry.Id, UVC_GET_DEF, &value))) {
+            if (!NT_SUCCESS(m_pAccess->GetDeviceProperty(entry.Id, UVC_GET_DEF, &value))) {
                 value = 0;
                 failed = true;
             }
             m_Property->Slot[entry.Slot] = entry.DefaultLowByte ? (value & 0xFF) : value;
         }
     };
-    readDefaults(kPuWalk, ARRAYSIZE(kPuWalk), ProcessingUnitControls);
-    readDefaults(kCtWalk, ARRAYSIZE(kCtWalk), CameraTerminalControls);
+    readDefaults(kPuWalk, ARRAYSIZE(kPuWalk), m_pFormats->ProcessingUnitControls);
+    readDefaults(kCtWalk, ARRAYSIZE(kCtWalk), m_pFormats->CameraTerminalControls);
 
     LoadDefaultOrientation();
     SavePropertySet(PropertySetLast);
@@ -465,16 +468,16 @@ BOOLEAN CCaptureDevice::InitLastValue()
     return 1;
 }
 
-// Part 3.1 LoadPropertySet: applies "\Property\Last" or "\Property\Customer"
-// to the camera and the record.
-NTSTATUS CCaptureDevice::LoadPropertySet(ULONG Which)
+// Applies "\Property\Last" or "\Property\Customer" to the camera and the
+// record.
+NTSTATUS DeviceSettings::LoadPropertySet(ULONG Which)
 {
     RegistryKeyPath path;
     path.OpenRoot(KV_REGISTRY_SERVICE);
     NTSTATUS status = path.OpenSubkey(SetKeyName(Which));
 
-    // Steps 2-4: the read's status is not checked; the buffer starts as the
-    // slot's current value, so a missing value re-applies the record.
+    // The read's status is not checked: the buffer starts as the slot's
+    // current value, so a missing value re-applies the record.
     auto applyControls = [this, &path](const ControlWalkEntry* pWalk, ULONG nWalk, ULONG bitmap) {
         for (ULONG i = 0; i < nWalk; ++i) {
             const ControlWalkEntry& entry = pWalk[i];
@@ -483,18 +486,18 @@ NTSTATUS CCaptureDevice::LoadPropertySet(ULONG Which)
             }
             ULONG value = static_cast<ULONG>(m_Property->Slot[entry.Slot]);
             path.ReadDword(entry.pName, &value);
-            SetDeviceProperty(entry.Id, Low16(value));
+            m_pAccess->SetDeviceProperty(entry.Id, Low16(value));
             m_Property->Slot[entry.Slot] = static_cast<LONG>(value);
         }
     };
-    applyControls(kPuWalk, ARRAYSIZE(kPuWalk), ProcessingUnitControls);
-    applyControls(kCtWalk, ARRAYSIZE(kCtWalk), CameraTerminalControls);
+    applyControls(kPuWalk, ARRAYSIZE(kPuWalk), m_pFormats->ProcessingUnitControls);
+    applyControls(kCtWalk, ARRAYSIZE(kCtWalk), m_pFormats->CameraTerminalControls);
 
-    // Step 5: the driver's options, each only when read.
+    // The driver's options, each only when read.
     for (const OptionEntry& option : kLoadOptions) {
         ULONG value = 0;
         if (NT_SUCCESS(path.ReadDword(option.pName, &value))) {
-            SetDeviceProperty(option.Id, Low16(value));
+            m_pAccess->SetDeviceProperty(option.Id, Low16(value));
         }
     }
     path.CloseSubkey(SetKeyName(Which));
@@ -502,9 +505,9 @@ NTSTATUS CCaptureDevice::LoadPropertySet(ULONG Which)
     return status;
 }
 
-// Part 3.1 SavePropertySet: the record into "\Property\Last" or
-// "\Property\Customer". Write failures are ignored.
-NTSTATUS CCaptureDevice::SavePropertySet(ULONG Which)
+// The record into "\Property\Last" or "\Property\Customer". Write failures
+// are ignored.
+NTSTATUS DeviceSettings::SavePropertySet(ULONG Which)
 {
     RegistryKeyPath path;
     path.OpenRoot(KV_REGISTRY_SERVICE);
@@ -518,8 +521,8 @@ NTSTATUS CCaptureDevice::SavePropertySet(ULONG Which)
             }
         }
     };
-    saveControls(kPuWalk, ARRAYSIZE(kPuWalk), ProcessingUnitControls);
-    saveControls(kCtWalk, ARRAYSIZE(kCtWalk), CameraTerminalControls);
+    saveControls(kPuWalk, ARRAYSIZE(kPuWalk), m_pFormats->ProcessingUnitControls);
+    saveControls(kCtWalk, ARRAYSIZE(kCtWalk), m_pFormats->CameraTerminalControls);
     for (const OptionEntry& option : kSaveOptions) {
         path.WriteDword(option.pName, static_cast<ULONG>(m_Property->Slot[option.Slot]));
     }
@@ -532,7 +535,7 @@ namespace {
 
 // Applies each value of "\Property\Default" that reads successfully.
 template <ULONG N>
-void ApplyDefaults(CCaptureDevice* pDevice, const OptionEntry (&options)[N])
+void ApplyDefaults(PropertyAccess* pAccess, const OptionEntry (&options)[N])
 {
     RegistryKeyPath path;
     path.OpenRoot(KV_REGISTRY_SERVICE);
@@ -540,7 +543,7 @@ void ApplyDefaults(CCaptureDevice* pDevice, const OptionEntry (&options)[N])
     for (const OptionEntry& option : options) {
         ULONG value = 0;
         if (NT_SUCCESS(path.ReadDword(option.pName, &value))) {
-            pDevice->SetDeviceProperty(option.Id, Low16(value));
+            pAccess->SetDeviceProperty(option.Id, Low16(value));
         }
     }
     path.CloseSubkey(KV_REGISTRY_DEFAULT);
@@ -549,32 +552,29 @@ void ApplyDefaults(CCaptureDevice* pDevice, const OptionEntry (&options)[N])
 
 }  // namespace
 
-// Part 3.1 LoadDefaultOrientation (id 0x0915 and the end of InitLastValue).
-NTSTATUS CCaptureDevice::LoadDefaultOrientation()
+NTSTATUS DeviceSettings::LoadDefaultOrientation()
 {
-    ApplyDefaults(this, kDefaultOrientation);
+    ApplyDefaults(m_pAccess, kDefaultOrientation);
     return STATUS_SUCCESS;
 }
 
-// Part 3.1 LoadDefaultEffects (id 0x0916).
-NTSTATUS CCaptureDevice::LoadDefaultEffects()
+NTSTATUS DeviceSettings::LoadDefaultEffects()
 {
-    ApplyDefaults(this, kDefaultEffects);
+    ApplyDefaults(m_pAccess, kDefaultEffects);
     return STATUS_SUCCESS;
 }
 
-// Part 3.1 ResetTrackingAndTimer (id 0x0917): tracking off, self-timer off.
-NTSTATUS CCaptureDevice::ResetTrackingAndTimer()
+// Tracking off, self-timer off.
+NTSTATUS DeviceSettings::ResetTrackingAndTimer()
 {
-    SetDeviceProperty(PROPID_TRACKING_METHOD, 0);
-    SetDeviceProperty(PROPID_SELF_TIMER, -1);
+    m_pAccess->SetDeviceProperty(PROPID_TRACKING_METHOD, 0);
+    m_pAccess->SetDeviceProperty(PROPID_SELF_TIMER, -1);
     return STATUS_SUCCESS;
 }
 
-// Part 3.1 SaveSpecialFrameString: "CustomerFrame" + decimal (Index - 7)
-// under "\Property\Last"; indexes 7-11 give the digits 0-4 (intended: the
-// photo-frame reader uses 1-4).
-NTSTATUS CCaptureDevice::SaveSpecialFrameString(ULONG Index, PCWSTR pText, ULONG Count)
+// "CustomerFrame" + decimal (Index - 7) under "\Property\Last"; indexes 7-11
+// give the digits 0-4, of which the photo-frame reader uses 1-4.
+NTSTATUS DeviceSettings::SaveSpecialFrameString(ULONG Index, PCWSTR pText, ULONG Count)
 {
     if (Index < 7 || Index > 11 || pText == nullptr || Count == 0) {
         DbgPrint("SaveSpecialFrameString: invalid index %u or text\n", Index);
@@ -587,7 +587,7 @@ NTSTATUS CCaptureDevice::SaveSpecialFrameString(ULONG Index, PCWSTR pText, ULONG
     WCHAR digitBuffer[4];
     UNICODE_STRING digit;
     RtlInitEmptyUnicodeString(&digit, digitBuffer, sizeof(digitBuffer));
-    RtlIntegerToUnicodeString(Index - 7, 10, &digit);  // the spec's "%d"
+    RtlIntegerToUnicodeString(Index - 7, 10, &digit);
     RtlAppendUnicodeStringToString(&name, &digit);
     nameBuffer[name.Length / sizeof(WCHAR)] = 0;
 

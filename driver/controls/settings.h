@@ -1,20 +1,17 @@
-// Part 3.1: the persistent settings store - the settings record
-// `DeviceProperty` (35 slots addressed by 16-bit `PropertyId`s), the
-// "SWSetting" bit array, and `RegistryKeyPath`, the small registry layer over
-// the service key "\Registry\MACHINE\SYSTEM\CurrentControlSet\Services\USBKV".
-// The device-level routines (InitDeviceSettings, CheckReadDef, InitLastValue,
-// Load/SavePropertySet ...) are CCaptureDevice members, declared in
-// device/device.h inside the Part 3.1 block and defined in settings.cpp.
+// The persistent settings store: the settings record `DeviceProperty` (35
+// slots addressed by 16-bit `PropertyId`s), the "SWSetting" bit array, the
+// "\Data" values, and `RegistryKeyPath`, the small registry layer over the
+// service key "\Registry\MACHINE\SYSTEM\CurrentControlSet\Services\USBKV".
+// Settings persist there so that the last values return at the next start.
+// Values reach the camera through a `PropertyAccess` (the control requests),
+// which this store knows only as that interface.
 #pragma once
 
 #include "wdk.h"
-#include "pooltag.h"
 
-// ---- Pool tags (Overview "Conventions": the tag's bytes in memory read as
-// the four characters). The Parts give "KVaT" for registry buffers; the
-// settings record has no tag of its own in the spec, and as the in-memory
-// image of the registry store it takes the same tag.
-constexpr ULONG KV_TAG_REGISTRY = kv::PoolTag("KVaT");
+class FormatTables;
+
+typedef USHORT PropertyId;
 
 // ---- PropertyId: a camera control's id is its UVC wValue (selector << 8);
 // the driver's own options use 0x0606-0x0660 and 0x0905-0x0918.
@@ -45,11 +42,14 @@ enum : USHORT {
     PROPID_TRACKING_METHOD = 0x0635,
     PROPID_TRACKING_0636 = 0x0636,
     PROPID_TRACKING_0637 = 0x0637,
-    PROPID_TRACKING_0638 = 0x0638,
+    PROPID_ZOOM_LEVEL = 0x0638,         // 1 (whole picture) .. 62
     PROPID_PIN_RUNNING = 0x0639,        // read only: capture pin running flag
-    PROPID_TRACKING_063A = 0x063A,
-    PROPID_TRACKING_063B = 0x063B,
-    PROPID_TRACKING_063F = 0x063F,
+    PROPID_ZOOM_SWITCH = 0x063A,
+    PROPID_PAN_UP = 0x063B,             // up, down, left, right: one step when 1
+    PROPID_PAN_DOWN = 0x063C,
+    PROPID_PAN_LEFT = 0x063D,
+    PROPID_PAN_RIGHT = 0x063E,
+    PROPID_PAN_RESET = 0x063F,          // 1 asks for the whole picture
     PROPID_OPTION_0640 = 0x0640,
     PROPID_DEAD_PIXEL = 0x0655,
     PROPID_CONTROL_READY = 0x0660,      // read only
@@ -64,8 +64,9 @@ enum : USHORT {
     PROPID_ONE_SHOT = 0x0918,
 };
 
-// ---- DeviceProperty: 35 signed 32-bit slots (140 bytes). Slot numbers as
-// Part 3.1's table; slots 30-32 are not addressed by any id.
+// ---- DeviceProperty: 35 signed 32-bit slots (140 bytes). Slots 30-32 are
+// not addressed by any id. Each slot is one aligned 32-bit word, written by
+// property handlers and read by the frame thread without a lock.
 enum : ULONG {
     SLOT_BRIGHTNESS = 0,
     SLOT_CONTRAST = 1,
@@ -77,7 +78,7 @@ enum : ULONG {
     SLOT_AUTO_EXPOSURE = 7,
     SLOT_WB_TEMPERATURE = 8,
     SLOT_WB_AUTO = 9,
-    SLOT_EXPOSURE_TIME = 10,  // also persisted as "Gain" (Part 3.1's deliberate oddity)
+    SLOT_EXPOSURE_TIME = 10,  // also persisted as "Gain": registries written by earlier installs keep it there
     SLOT_BACKLIGHT = 11,
     SLOT_ROTATE = 12,
     SLOT_VFLIP = 13,
@@ -89,9 +90,13 @@ enum : ULONG {
     SLOT_TRACKING_METHOD = 19,
     SLOT_TRACKING_0637 = 20,
     SLOT_TRACKING_0636 = 21,
-    SLOT_TRACKING_063A = 22,
-    SLOT_TRACKING_063B = 23,  // 23-27: ids 0x063B-0x063F
-    SLOT_TRACKING_0638 = 28,
+    SLOT_ZOOM_SWITCH = 22,
+    SLOT_PAN_UP = 23,
+    SLOT_PAN_DOWN = 24,
+    SLOT_PAN_LEFT = 25,
+    SLOT_PAN_RIGHT = 26,
+    SLOT_PAN_RESET = 27,
+    SLOT_ZOOM_LEVEL = 28,
     SLOT_OPTION_0640 = 29,
     SLOT_EXTENSION_OPTION = 33,
     SLOT_SELF_TIMER = 34,
@@ -101,7 +106,7 @@ enum : ULONG {
 struct DeviceProperty {
     LONG Slot[DEVICE_PROPERTY_SLOTS];
 };
-static_assert(sizeof(DeviceProperty) == 140, "Part 3.1: DeviceProperty is 140 bytes");
+static_assert(sizeof(DeviceProperty) == 140, "DeviceProperty is 35 words");
 
 // The self-timer slot's "not supported" marker (SetDeviceProperty 0x090B).
 constexpr LONG SELF_TIMER_NOT_SUPPORTED = -2;
@@ -123,8 +128,8 @@ enum : ULONG {
     SWBIT_DEAD_PIXEL = 16,
 };
 
-// ---- RegistryKeyPath (Part 3.1 "Registry layer"): an open key handle, a
-// 256-byte path buffer and a counted string over it. Created on the stack of
+// ---- RegistryKeyPath: an open key handle, a 256-byte path buffer and a
+// counted string over it. Created on the stack of
 // each routine that touches the registry and closed before that routine
 // returns (the destructor closes too, so no path leaves a handle open).
 // Every operation except OpenRoot returns STATUS_INVALID_HANDLE without
@@ -165,10 +170,75 @@ private:
     UNICODE_STRING m_Path;
 };
 
-// Registry names (UTF-16), as Part 3.1 spells them.
+// Registry key names (UTF-16) under the service key.
 #define KV_REGISTRY_ROOT L"\\Registry\\MACHINE\\SYSTEM\\CurrentControlSet\\Services"
 #define KV_REGISTRY_SERVICE L"\\USBKV"
 #define KV_REGISTRY_DATA L"\\Data"
 #define KV_REGISTRY_DEFAULT L"\\Property\\Default"
 #define KV_REGISTRY_LAST L"\\Property\\Last"
 #define KV_REGISTRY_CUSTOMER L"\\Property\\Customer"
+
+// What loaded values go through: GetDeviceProperty reads camera defaults,
+// SetDeviceProperty sends a value to the camera and keeps the record in step.
+class PropertyAccess {
+public:
+    virtual NTSTATUS GetDeviceProperty(USHORT Id, UCHAR Request, PLONG pValue) = 0;
+    virtual NTSTATUS SetDeviceProperty(USHORT Id, LONG Value) = 0;
+
+protected:
+    ~PropertyAccess() = default;
+};
+
+// The device's settings: the record and the "\Data" values read at start.
+// PASSIVE_LEVEL routines; registry failures are ignored and leave defaults.
+class DeviceSettings {
+public:
+    DeviceSettings();
+    ~DeviceSettings();
+    DeviceSettings(const DeviceSettings&) = delete;
+    DeviceSettings& operator=(const DeviceSettings&) = delete;
+
+    // Where values go, and the control bitmaps that say which camera
+    // controls exist.
+    void Bind(PropertyAccess* pAccess, const FormatTables* pFormats);
+
+    // Device start: reads "\Data", creates the two values the driver owns
+    // there when missing, writes "DeviceExist" = 1 and creates the record.
+    NTSTATUS LoadDataKey();
+    // Device stop writes "DeviceExist" = 2.
+    NTSTATUS WriteDeviceExist(ULONG Value);
+    // Capture pin start: when "ReadDef" differs from the processing unit's
+    // bitmap, the camera's defaults are read again (InitLastValue).
+    NTSTATUS CheckReadDef();
+    BOOLEAN InitLastValue();  // 1 in every case
+    NTSTATUS LoadPropertySet(ULONG Which);
+    NTSTATUS SavePropertySet(ULONG Which);
+    NTSTATUS LoadDefaultOrientation();
+    NTSTATUS LoadDefaultEffects();
+    NTSTATUS ResetTrackingAndTimer();
+    NTSTATUS SaveSpecialFrameString(ULONG Index, PCWSTR pText, ULONG Count);
+    bool SwBit(ULONG n) const { return SwSettingBit(m_SWSetting, n); }
+    // Frees the record (a second call is harmless).
+    void Release();
+
+    DeviceProperty* m_Property;  // 140 bytes, "KVaT"
+    ULONG m_BW;                  // "BW"
+    UCHAR m_SWSetting[SWSETTING_BYTES];
+    ULONG m_SaveFileMJPEG;
+    ULONG m_SaveFileDroppedMJPEG;
+    ULONG m_DropFrameCntVGA;
+    ULONG m_Key1Function;
+    ULONG m_Key2Function;
+    ULONG m_TrackingWindowSize;  // 4 when absent
+    ULONG m_TrackingFocus;       // 2 when absent
+    // Flip, mirror and dead-pixel correction as the frame loop applies them:
+    // the slot's value where "SWSetting" enables the feature, else 0.
+    LONG m_EffectiveVflip;
+    LONG m_EffectiveMirror;
+    LONG m_EffectiveDeadPixel;
+    LONG m_OneShotValue;  // id 0x0918, cleared by its read
+
+private:
+    PropertyAccess* m_pAccess;
+    const FormatTables* m_pFormats;
+};

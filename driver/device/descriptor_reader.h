@@ -1,16 +1,16 @@
-// Bounds-checked reading of USB descriptors (used by every descriptor parser
-// of Parts 1.2 and 1.3). Multi-byte fields are little-endian on the wire and
+// Bounds-checked reading of USB descriptors, used by every descriptor parser
+// of the driver: descriptors come from the camera and are not trusted. Multi-byte fields are little-endian on the wire and
 // are read byte by byte, so no read depends on alignment or host order.
 //
 // DescriptorWalker steps through a configuration descriptor one descriptor
 // at a time. A descriptor is handed out only when its bLength is at least 2
 // and lies wholly inside the bytes we hold; the walk stops at a bLength of 0
-// (Part 1.3's rule) and at a descriptor that would run past the end. Each
+// (nothing after it can be found) and at a descriptor that would run past
+// the end. Each
 // parser then asks Has(n) before reading a field that ends at byte n.
 #pragma once
 
 #include "wdk.h"
-#include "pooltag.h"
 
 namespace kv {
 

@@ -1,47 +1,39 @@
-// Part 1.4: Filter, pin and topology descriptors.
-// The node and connection tables (built at start), the filter object with
-// its Create dispatch and destructor, and - as const data at the end of the
-// file - the filter descriptor template, the three-pin table and the
-// framing of the capture and still pins.
+// The filter's descriptors: the node and connection tables (built at
+// start), the device's copy of the filter and pin templates, the filter
+// factory, and - as const data at the end of the file - the filter
+// descriptor template, the three-pin table and the framing of the capture
+// and still pins.
 //
-// Decisions (the spec leaves them open):
-//  - Pool tags: "KVNd" node table, "KVCn" connection table, "KVFl" filter
-//    object (the Overview asks for tags beginning with "KV").
-//  - The filter's automation table (Part 3.3) and the pins' dispatch tables
-//    and intersect handlers (Parts 2.1, 2.4) arrive with their Parts; until
-//    then those slots are null.
-//  - The framing item: 2 frames, byte alignment, frame size 0; the pins set
-//    count and size when a format is chosen (Part 1.4 "Left to the
-//    implementer").
-#include "wdk.h"
-#include "descriptors.h"
-#include "device.h"
-#include "descriptor_reader.h"
+// The framing item asks for 2 frames, byte alignment and frame size 0: the
+// pins set count and size when a format is chosen, since only then is the
+// frame size known.
+#include "device/descriptors.h"
 
-using kv::PageableCallTooHigh;
-using kv::PoolTag;
+#include "controls/filter.h"
+#include "pageable.h"
+#include "pooltag.h"
+
+using namespace kv;
 
 namespace {
-
-constexpr ULONG kNodeTag = PoolTag("KVNd");
-constexpr ULONG kConnectionTag = PoolTag("KVCn");
-constexpr ULONG kFilterTag = PoolTag("KVFl");
 
 // GUIDs used by the tables, defined here from the headers' STATIC_ forms so
 // that the driver needs no INITGUID translation unit (Windows build).
 const GUID g_KsNameFilter = {STATICGUIDOF(KSNAME_Filter)};
 const GUID g_PinNameVideoCapture = {STATICGUIDOF(PINNAME_VIDEO_CAPTURE)};
 const GUID g_PinNameVideoStill = {STATICGUIDOF(PINNAME_VIDEO_STILL)};
-// The bridge pin's category and name (Part 1.4): 1B6C4281-0353-11D1-905F-0000C0CC16B0.
+// The bridge pin's category and name, a GUID of this driver's own:
+// 1B6C4281-0353-11D1-905F-0000C0CC16B0.
 const GUID g_PinNameVideoBridge = {0x1B6C4281, 0x0353, 0x11D1, {0x90, 0x5F, 0x00, 0x00, 0xC0, 0xCC, 0x16, 0xB0}};
 const GUID g_NodeCameraTerminal = {STATICGUIDOF(KSNODETYPE_VIDEO_CAMERA_TERMINAL)};
 const GUID g_NodeVideoStreaming = {STATICGUIDOF(KSNODETYPE_VIDEO_STREAMING)};
 const GUID g_NodeVideoProcessing = {STATICGUIDOF(KSNODETYPE_VIDEO_PROCESSING)};
 const GUID g_NodeDevSpecific = {STATICGUIDOF(KSNODETYPE_DEV_SPECIFIC)};
-// The device-specific node's name (Part 1.4): DFF229F0-F70F-11D0-B917-00A0C9223196.
+// The device-specific node's name, a GUID of this driver's own:
+// DFF229F0-F70F-11D0-B917-00A0C9223196.
 const GUID g_NodeDevSpecificName = {0xDFF229F0, 0xF70F, 0x11D0, {0xB9, 0x17, 0x00, 0xA0, 0xC9, 0x22, 0x31, 0x96}};
 
-// A node's type and name (Part 1.4 node table, in node order).
+// A node's type and name, in node order.
 struct NodeEntry {
     const GUID* pType;
     const GUID* pName;
@@ -62,30 +54,46 @@ extern const ConnectionEntry g_ConnectionTable[KV_CONNECTION_COUNT];
 
 // ---- Node and connection tables ------------------------------------------------
 
-// Part 1.4 InitNodeDescriptorSize: counts first, then both tables; the
-// first is given back when the second cannot be had.
-NTSTATUS CCaptureDevice::InitNodeDescriptorSize()
+FilterTables::FilterTables()
+    : m_FilterDescriptor(),
+      m_PinDescriptors(),
+      m_pNodeDescriptors(nullptr),
+      m_ucNbrNodeDescriptor(0),
+      m_pTopologyConnections(nullptr),
+      m_ucNbrTopologyConnection(0),
+      m_pFilterFactory(nullptr),
+      m_FilterFactoryCreated(FALSE)
+{
+}
+
+FilterTables::~FilterTables()
+{
+    Release();
+}
+
+// Counts first, then both tables; the first is given back when the second
+// cannot be had.
+NTSTATUS FilterTables::InitNodeDescriptorSize()
 {
     m_ucNbrNodeDescriptor = KV_NODE_COUNT;
     m_ucNbrTopologyConnection = KV_CONNECTION_COUNT;
     m_pNodeDescriptors = static_cast<PKSNODE_DESCRIPTOR>(
-        ExAllocatePoolWithTag(NonPagedPoolNx, m_ucNbrNodeDescriptor * sizeof(KSNODE_DESCRIPTOR), kNodeTag));
+        ExAllocatePoolWithTag(NonPagedPoolNx, m_ucNbrNodeDescriptor * sizeof(KSNODE_DESCRIPTOR), kTagNodes));
     if (m_pNodeDescriptors == nullptr) {
         return STATUS_INSUFFICIENT_RESOURCES;
     }
     m_pTopologyConnections = static_cast<PKSTOPOLOGY_CONNECTION>(ExAllocatePoolWithTag(
-        NonPagedPoolNx, m_ucNbrTopologyConnection * sizeof(KSTOPOLOGY_CONNECTION), kConnectionTag));
+        NonPagedPoolNx, m_ucNbrTopologyConnection * sizeof(KSTOPOLOGY_CONNECTION), kTagConnections));
     if (m_pTopologyConnections == nullptr) {
-        ExFreePoolWithTag(m_pNodeDescriptors, kNodeTag);
-        m_pNodeDescriptors = nullptr;
+        FreeTagged(m_pNodeDescriptors, kTagNodes);
         return STATUS_INSUFFICIENT_RESOURCES;
     }
     return STATUS_SUCCESS;
 }
 
-// Part 1.4 InitNodeAndTopologyDescriptor: fills both tables from the const
-// data below; Part 1.1 then hangs them on the filter descriptor.
-NTSTATUS CCaptureDevice::InitNodeAndTopologyDescriptor()
+// Fills both tables from the const data below and hangs them on the filter
+// descriptor.
+NTSTATUS FilterTables::InitNodeAndTopologyDescriptor()
 {
     PageableCallTooHigh();
     NTSTATUS status = InitNodeDescriptorSize();
@@ -113,13 +121,16 @@ NTSTATUS CCaptureDevice::InitNodeAndTopologyDescriptor()
         d.ToNodePin = c.ToNodePin;
     }
     ASSERT(nConnection == m_ucNbrTopologyConnection);
+
+    m_FilterDescriptor.NodeDescriptorsCount = m_ucNbrNodeDescriptor;
+    m_FilterDescriptor.NodeDescriptorSize = sizeof(KSNODE_DESCRIPTOR);  // 24
+    m_FilterDescriptor.NodeDescriptors = m_pNodeDescriptors;
+    m_FilterDescriptor.ConnectionsCount = m_ucNbrTopologyConnection;
+    m_FilterDescriptor.Connections = m_pTopologyConnections;
     return STATUS_SUCCESS;
 }
 
-// Part 1.1 start step 4 (Part 1.4's templates): the device's own filter
-// descriptor pointing at its own copy of the pin table, data ranges cleared
-// until the format tables are attached.
-void CCaptureDevice::CopyFilterTemplates()
+void FilterTables::CopyFilterTemplates()
 {
     m_FilterDescriptor = g_CaptureFilterDescriptor;
     for (ULONG i = 0; i < KV_PIN_COUNT; ++i) {
@@ -132,87 +143,55 @@ void CCaptureDevice::CopyFilterTemplates()
     m_FilterDescriptor.PinDescriptors = m_PinDescriptors;
 }
 
-// Release share of Part 1.4 (Part 1.1 "Release of device allocations").
-void CCaptureDevice::ReleaseTopology()
+NTSTATUS FilterTables::AttachDataRanges(ULONG PinId, PKS_DATARANGE_VIDEO pTable, USHORT nCount,
+                                        PKSDATARANGE** ppRanges, ULONG Tag)
 {
+    auto ppArray =
+        static_cast<PKSDATARANGE*>(ExAllocatePoolWithTag(NonPagedPoolNx, nCount * sizeof(PKSDATARANGE), Tag));
+    if (ppArray == nullptr) {
+        return STATUS_INSUFFICIENT_RESOURCES;
+    }
+    for (USHORT i = 0; i < nCount; ++i) {
+        ppArray[i] = reinterpret_cast<PKSDATARANGE>(&pTable[i]);
+    }
+    *ppRanges = ppArray;
+    m_PinDescriptors[PinId].PinDescriptor.DataRangesCount = nCount;
+    m_PinDescriptors[PinId].PinDescriptor.DataRanges = ppArray;
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS FilterTables::CreateFilterFactory(PKSDEVICE pKsDevice)
+{
+    // The reference string names the factory's device interface.
+    static WCHAR s_FilterReferenceString[] = L"GLOBAL";
+    KsAcquireDevice(pKsDevice);
+    NTSTATUS status = KsCreateFilterFactory(pKsDevice->FunctionalDeviceObject, &m_FilterDescriptor,
+                                            s_FilterReferenceString, nullptr, KSCREATE_ITEM_FREEONSTOP, nullptr,
+                                            nullptr, &m_pFilterFactory);
+    KsReleaseDevice(pKsDevice);
+    if (NT_SUCCESS(status)) {
+        m_FilterFactoryCreated = TRUE;
+    }
+    return status;
+}
+
+void FilterTables::Release()
+{
+    // The pins' copies must not keep pointers into the freed format tables.
+    for (KSPIN_DESCRIPTOR_EX& pin : m_PinDescriptors) {
+        pin.PinDescriptor.DataRangesCount = 0;
+        pin.PinDescriptor.DataRanges = nullptr;
+    }
     m_FilterDescriptor.NodeDescriptorsCount = 0;
     m_FilterDescriptor.NodeDescriptors = nullptr;
     m_FilterDescriptor.ConnectionsCount = 0;
     m_FilterDescriptor.Connections = nullptr;
-    if (m_pNodeDescriptors != nullptr) {
-        ExFreePoolWithTag(m_pNodeDescriptors, kNodeTag);
-        m_pNodeDescriptors = nullptr;
-    }
-    if (m_pTopologyConnections != nullptr) {
-        ExFreePoolWithTag(m_pTopologyConnections, kConnectionTag);
-        m_pTopologyConnections = nullptr;
-    }
-}
-
-// ---- The filter object ---------------------------------------------------------
-
-void* CCaptureFilter::operator new(decltype(sizeof(0)) cb) noexcept
-{
-    return ExAllocatePoolWithTag(NonPagedPoolNx, cb, kFilterTag);
-}
-
-void CCaptureFilter::operator delete(void* p) noexcept
-{
-    if (p != nullptr) {
-        ExFreePoolWithTag(p, kFilterTag);
-    }
-}
-
-// Part 1.4 filter object construction: an open filter counts against idle
-// power-down only while the idle scheme is enabled, and asks for D0 so that
-// the camera is powered before the first pin is created.
-CCaptureFilter::CCaptureFilter(PKSFILTER pKsFilter, CCaptureDevice* pDevice)
-    : m_pDevice(pDevice), m_pKsFilter(pKsFilter), m_DefaultValue(15), m_TunnelPending(0), m_CurrentFormatIndex(0)
-{
-    m_pDevice->m_pCaptureFilter = this;
-    if (m_pDevice->m_IdlePowerEnabled != 0) {
-        InterlockedIncrement(reinterpret_cast<volatile LONG*>(&m_pDevice->m_OpenFilterCount));
-        m_pDevice->RequestPowerUp();
-    }
-}
-
-// Part 1.4: the count goes down on every close, whatever the idle setting
-// (as the Part states; with idle power disabled the count is never read).
-CCaptureFilter::~CCaptureFilter()
-{
-    InterlockedDecrement(reinterpret_cast<volatile LONG*>(&m_pDevice->m_OpenFilterCount));
-    // The back pointer names the most recent filter; it must not outlive it.
-    if (m_pDevice->m_pCaptureFilter == this) {
-        m_pDevice->m_pCaptureFilter = nullptr;
-    }
-}
-
-void CCaptureFilter::Cleanup(PVOID pContext)
-{
-    delete static_cast<CCaptureFilter*>(pContext);
-}
-
-// Part 1.4 filter Create.
-NTSTATUS CCaptureFilter::DispatchCreate(PKSFILTER pKsFilter, PIRP pIrp)
-{
-    UNREFERENCED_PARAMETER(pIrp);
-    PageableCallTooHigh();
-    PKSDEVICE pKsDevice = KsFilterGetDevice(pKsFilter);
-    ASSERT(pKsDevice != NULL);
-    auto* pDevice = static_cast<CCaptureDevice*>(pKsDevice->Context);
-    ASSERT(pDevice != NULL);
-
-    CCaptureFilter* pFilter = new CCaptureFilter(pKsFilter, pDevice);
-    if (pFilter == nullptr) {
-        return STATUS_INSUFFICIENT_RESOURCES;
-    }
-    NTSTATUS status = KsAddItemToObjectBag(pKsFilter->Bag, pFilter, CCaptureFilter::Cleanup);
-    if (!NT_SUCCESS(status)) {
-        delete pFilter;
-        return status;
-    }
-    pKsFilter->Context = pFilter;
-    return STATUS_SUCCESS;
+    FreeTagged(m_pNodeDescriptors, kTagNodes);
+    FreeTagged(m_pTopologyConnections, kTagConnections);
+    // ks.sys frees the factory itself (KSCREATE_ITEM_FREEONSTOP, or with the
+    // device).
+    m_pFilterFactory = nullptr;
+    m_FilterFactoryCreated = FALSE;
 }
 
 // ---- Const tables -------------------------------------------------------------------
@@ -237,8 +216,9 @@ const ConnectionEntry g_ConnectionTable[KV_CONNECTION_COUNT] = {
     {1, 1, KSFILTER_NODE, KV_PIN_STILL},    // 5: streaming to still pin
 };
 
-// Filter categories, in order; the still pin's name as third category on
-// purpose (Part 1.4).
+// Filter categories, in order. The still pin's name stands as the third
+// category on purpose: still-capture applications look for it among the
+// filter's categories.
 const GUID g_FilterCategories[] = {
     {STATICGUIDOF(KSCATEGORY_VIDEO)},    // video
     {STATICGUIDOF(KSCATEGORY_CAPTURE)},  // capture
@@ -265,7 +245,7 @@ DECLARE_SIMPLE_FRAMING_EX(g_StillPinFraming, STATICGUIDOF(KSMEMORY_TYPE_KERNEL_N
 const KSPIN_DESCRIPTOR_EX g_PinDescriptorTemplate[KV_PIN_COUNT] = {
     // Pin 0: capture.
     {
-        nullptr,  // Dispatch: Create, Process, SetDataFormat, SetDeviceState (Part 2.1)
+        nullptr,  // Dispatch: the capture pin's
         nullptr,  // AutomationTable
         {
             0,                            // InterfacesCount
@@ -284,7 +264,7 @@ const KSPIN_DESCRIPTOR_EX g_PinDescriptorTemplate[KV_PIN_COUNT] = {
         1,                    // InstancesPossible
         1,                    // InstancesNecessary
         &g_CapturePinFraming, // AllocatorFraming
-        nullptr,              // IntersectHandler (Part 2.1)
+        nullptr,              // IntersectHandler: the capture pin's
     },
     // Pin 1: video input bridge.
     {
@@ -311,7 +291,7 @@ const KSPIN_DESCRIPTOR_EX g_PinDescriptorTemplate[KV_PIN_COUNT] = {
     },
     // Pin 2: still.
     {
-        nullptr,  // Dispatch: Create, Close, Process, SetDataFormat, SetDeviceState (Part 2.4)
+        nullptr,  // Dispatch: the still pin's
         nullptr,  // AutomationTable
         {
             0,                            // InterfacesCount
@@ -330,13 +310,13 @@ const KSPIN_DESCRIPTOR_EX g_PinDescriptorTemplate[KV_PIN_COUNT] = {
         1,                   // InstancesPossible
         0,                   // InstancesNecessary
         &g_StillPinFraming,  // AllocatorFraming
-        nullptr,             // IntersectHandler (Part 2.4)
+        nullptr,             // IntersectHandler: the still pin's
     },
 };
 
 const KSFILTER_DESCRIPTOR g_CaptureFilterDescriptor = {
     &g_FilterDispatch,            // Dispatch
-    nullptr,                      // AutomationTable (Part 3.3)
+    nullptr,                      // AutomationTable: the filter's property handlers
     KSFILTER_DESCRIPTOR_VERSION,  // Version
     0,                            // Flags
     &g_KsNameFilter,              // ReferenceGuid

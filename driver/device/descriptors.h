@@ -1,15 +1,13 @@
-// Part 1.4: the filter, pin and topology descriptors - the static filter
-// descriptor and three-pin table that the start sequence (Part 1.1) copies
-// into each device, the node and connection tables built at run time
-// (CCaptureDevice::InitNodeDescriptorSize / InitNodeAndTopologyDescriptor,
-// defined in descriptors.cpp), and the filter object created per open filter.
+// The filter the driver offers: the static filter descriptor and three-pin
+// table that every device copies, the node and connection tables built at
+// start, and the filter factory made from the device's copy. Each device
+// keeps its own copy because the pins' data ranges are the camera's own
+// format tables.
 #pragma once
 
 #include "wdk.h"
 
-class CCaptureDevice;
-
-// Pin ids: the order of the pin table (Part 1.4).
+// Pin ids: the order of the pin table.
 enum : ULONG {
     KV_PIN_CAPTURE = 0,
     KV_PIN_BRIDGE = 1,
@@ -17,39 +15,48 @@ enum : ULONG {
     KV_PIN_COUNT = 3,
 };
 
-// Sizes of the run-time tables (Part 1.4 InitNodeDescriptorSize).
+// Sizes of the run-time tables.
 enum : UCHAR {
     KV_NODE_COUNT = 4,
     KV_CONNECTION_COUNT = 6,
 };
 
-// The static templates (descriptors.cpp). The filter template has no pins,
-// nodes or connections: the start sequence fills them in on its copy.
+// The static templates. The filter template has no pins, nodes or
+// connections: each device fills them in on its copy.
 extern const KSFILTER_DESCRIPTOR g_CaptureFilterDescriptor;
 extern const KSPIN_DESCRIPTOR_EX g_PinDescriptorTemplate[KV_PIN_COUNT];
 
-// Part 1.4 filter object: one per open filter, owned by the filter's object
-// bag. The three values are the filter context of Part 3.3's property
-// handlers.
-class CCaptureFilter {
+class FilterTables {
 public:
-    // Lasting objects carry their own pool tag ("KVFl", a decision: the spec
-    // names none for the filter object). A null return is checked by the
-    // new-expression (noexcept allocation function).
-    static void* operator new(decltype(sizeof(0)) cb) noexcept;
-    static void operator delete(void* p) noexcept;
+    FilterTables();
+    ~FilterTables();
+    FilterTables(const FilterTables&) = delete;
+    FilterTables& operator=(const FilterTables&) = delete;
 
-    CCaptureFilter(PKSFILTER pKsFilter, CCaptureDevice* pDevice);
-    ~CCaptureFilter();
+    // The device's own filter descriptor pointing at its own copy of the pin
+    // table, data ranges cleared until the format tables are attached.
+    void CopyFilterTemplates();
+    // An array of nCount pointers into pTable (pool, Tag) set as the pin's
+    // data ranges; *ppRanges receives the array, which its owner frees.
+    NTSTATUS AttachDataRanges(ULONG PinId, PKS_DATARANGE_VIDEO pTable, USHORT nCount, PKSDATARANGE** ppRanges,
+                              ULONG Tag);
+    // The node and connection tables, hung on the filter descriptor.
+    NTSTATUS InitNodeAndTopologyDescriptor();
+    // The one filter factory of the device, freed by ks.sys at stop.
+    NTSTATUS CreateFilterFactory(PKSDEVICE pKsDevice);
+    // Frees the run-time tables and unhooks everything the descriptor
+    // pointed at, so that no pointer into a freed table remains.
+    void Release();
 
-    // KSFILTER_DISPATCH.Create (Part 1.4).
-    static NTSTATUS DispatchCreate(PKSFILTER pKsFilter, PIRP pIrp);
-    // The object bag's free routine: runs the destructor.
-    static void Cleanup(PVOID pContext);
+    KSFILTER_DESCRIPTOR m_FilterDescriptor;
+    KSPIN_DESCRIPTOR_EX m_PinDescriptors[KV_PIN_COUNT];
+    PKSNODE_DESCRIPTOR m_pNodeDescriptors;          // "KVNd"
+    UCHAR m_ucNbrNodeDescriptor;
+    PKSTOPOLOGY_CONNECTION m_pTopologyConnections;  // "KVCn"
+    UCHAR m_ucNbrTopologyConnection;
+    PKSFILTERFACTORY m_pFilterFactory;
+    BOOLEAN m_FilterFactoryCreated;
 
-    CCaptureDevice* m_pDevice;
-    PKSFILTER m_pKsFilter;
-    ULONG m_DefaultValue;       // 15 (Part 1.4)
-    ULONG m_TunnelPending;      // 0: Part 3.3's pending flag
-    ULONG m_CurrentFormatIndex; // 0: Part 3.3's current format index
+private:
+    NTSTATUS InitNodeDescriptorSize();
 };

@@ -1,12 +1,12 @@
-// Part 1.3: video-streaming descriptor parsing and format tables.
-// ExtractVSInfo turns the camera's uncompressed (YUY2) and motion-JPEG frame
+// The format tables from the camera's video-streaming descriptors.
+// ExtractVSInfo turns the uncompressed (YUY2) and motion-JPEG frame
 // descriptors into the capture table, and records the camera terminal's and
 // processing unit's control bitmaps; ExtractStillInfo turns the still-image
 // frame descriptors into the still table. Entries are complete
 // KS_DATARANGE_VIDEO records copied from the templates at the end of this
 // file and filled from the descriptor.
 //
-// Decisions the spec leaves to us (issue 5):
+// Descriptors come from the camera and are not trusted:
 //  - Every read is bounded by the descriptor's bLength, by wTotalLength and
 //    by the bytes held (descriptor_reader.h); a descriptor too short for the
 //    fields read is skipped.
@@ -18,20 +18,19 @@
 //  - A list abandoned because a second format (or still) descriptor of the
 //    same kind starts a new one is freed, and its entries are taken off the
 //    caller's count, so that the count always equals the table's entries.
-//  - The bound n is shared by both kinds as the Part says, but no entry is
-//    ever written past the list it belongs to (each list keeps its own size).
+//  - The frame bound n (bNumFrameDescriptors of the latest format
+//    descriptor) is shared by both kinds, but no entry is ever written past
+//    the list it belongs to (each list keeps its own size).
 //  - Any allocation failure (a temporary list or the final table) returns
 //    STATUS_INSUFFICIENT_RESOURCES, frees everything, hands back no table and
 //    leaves the count as it was on entry.
-#include "device.h"
-#include "descriptor_reader.h"
-#include "formats.h"
+#include "device/formats.h"
+
+#include "device/descriptor_reader.h"
+#include "pooltag.h"
+#include "uvc.h"
 
 namespace kv {
-
-const GUID g_SubtypeYuy2 = {0x32595559, 0x0000, 0x0010, {0x80, 0x00, 0x00, 0xaa, 0x00, 0x38, 0x9b, 0x71}};
-const GUID g_SubtypeRgb24 = {0xe436eb7d, 0x524f, 0x11ce, {0x9f, 0x53, 0x00, 0x20, 0xaf, 0x0b, 0xa7, 0x70}};
-const GUID g_SubtypeMjpg = {0x47504a4d, 0x0000, 0x0010, {0x80, 0x00, 0x00, 0xaa, 0x00, 0x38, 0x9b, 0x71}};
 
 namespace {
 
@@ -51,12 +50,14 @@ constexpr ULONG kContinuousMaxIntervalOffset = 30;
 constexpr ULONG kStillNumSizesOffset = 4;
 constexpr ULONG kStillSizesOffset = 5;
 
-// Bit-rate numerators of the Part, kept as they stand (see the Part's note:
-// the RGB figure is 3 bytes, not 24 bits, a pixel).
+// Bit-rate numerators: dwBitRate = width x height x (numerator / interval).
+// The RGB figure counts 3 bytes, not 24 bits, a pixel; applications read the
+// advertised rate as it has always been, so it stays.
 constexpr ULONG kYuy2BitRateNumerator = 160000000;
 constexpr ULONG kRgb24BitRateNumerator = 30000000;
 
-// One temporary list of entries (untagged non-paged pool, as the Part says).
+// One temporary list of entries, in untagged non-paged pool: it lives only
+// for the walk.
 struct EntryList {
     PKS_DATARANGE_VIDEO pEntries = nullptr;
     ULONG nCapacity = 0;
@@ -82,7 +83,7 @@ NTSTATUS RestartList(EntryList* pList, ULONG n, USHORT* pnCount)
     if (n == 0) {
         return STATUS_SUCCESS;
     }
-    pList->pEntries = static_cast<PKS_DATARANGE_VIDEO>(ExAllocatePool(NonPagedPoolNx, n * kDataRangeVideoSize));
+    pList->pEntries = static_cast<PKS_DATARANGE_VIDEO>(ExAllocatePool(NonPagedPoolNx, n * sizeof(KS_DATARANGE_VIDEO)));
     if (pList->pEntries == nullptr) {
         return STATUS_INSUFFICIENT_RESOURCES;
     }
@@ -143,7 +144,7 @@ bool ReadFrame(const DescriptorView& d, FrameFields* pFields)
     return true;
 }
 
-// Fills a capture entry from its template and the frame (Part 1.3's tables).
+// Fills a capture entry from its template and the frame.
 void FillCaptureEntry(PKS_DATARANGE_VIDEO pEntry, const KS_DATARANGE_VIDEO& rTemplate, const FrameFields& f,
                       ULONG bytesPerPixel, ULONG bitRateNumerator)
 {
@@ -162,12 +163,12 @@ void FillCaptureEntry(PKS_DATARANGE_VIDEO pEntry, const KS_DATARANGE_VIDEO& rTem
         static_cast<ULONG>(f.width) * f.height * (bitRateNumerator / f.firstInterval);
 }
 
-// Fills a still entry (Part 1.3's still table).
+// Fills a still entry.
 void FillStillEntry(PKS_DATARANGE_VIDEO pEntry, bool fMjpeg, USHORT width, USHORT height)
 {
     *pEntry = fMjpeg ? g_StillTemplateMjpeg : g_CaptureTemplateYuy2;
     if (fMjpeg) {
-        pEntry->DataRange.SubFormat = g_SubtypeRgb24;  // the driver delivers decoded pictures
+        pEntry->DataRange.SubFormat = KSDATAFORMAT_SUBTYPE_RGB24;  // the driver delivers decoded pictures
     }
     pEntry->DataRange.SampleSize = 0;
     pEntry->StreamDescriptionFlags = 0;
@@ -184,7 +185,7 @@ void FillStillEntry(PKS_DATARANGE_VIDEO pEntry, bool fMjpeg, USHORT width, USHOR
 NTSTATUS BuildFinalTable(const EntryList& a, const EntryList& b, ULONG tag, PKS_DATARANGE_VIDEO* ppTable)
 {
     const ULONG n = a.nUsed + b.nUsed;
-    auto pTable = static_cast<PKS_DATARANGE_VIDEO>(ExAllocatePoolWithTag(NonPagedPoolNx, n * kDataRangeVideoSize, tag));
+    auto pTable = static_cast<PKS_DATARANGE_VIDEO>(ExAllocatePoolWithTag(NonPagedPoolNx, n * sizeof(KS_DATARANGE_VIDEO), tag));
     if (pTable == nullptr) {
         return STATUS_INSUFFICIENT_RESOURCES;
     }
@@ -224,23 +225,50 @@ NTSTATUS FinishTable(NTSTATUS status, EntryList* pA, EntryList* pB, ULONG tag, P
 
 using namespace kv;
 
-NTSTATUS CCaptureDevice::ExtractVSInfo(PUSB_CONFIGURATION_DESCRIPTOR pConfigurationDescriptor,
+FormatTables::FormatTables()
+    : CameraTerminalControls(0),
+      ProcessingUnitControls(0),
+      WideFrameWidth(0),
+      m_pCaptureTable(nullptr),
+      m_nCaptureTable(0),
+      m_pCaptureRanges(nullptr),
+      m_pStillTable(nullptr),
+      m_nStillTable(0),
+      m_pStillRanges(nullptr)
+{
+}
+
+FormatTables::~FormatTables()
+{
+    Release();
+}
+
+void FormatTables::Release()
+{
+    FreeTagged(m_pCaptureRanges, kTagCaptureRanges);
+    FreeTagged(m_pCaptureTable, kTagCaptureTable);
+    m_nCaptureTable = 0;
+    FreeTagged(m_pStillRanges, kTagStillRanges);
+    FreeTagged(m_pStillTable, kTagStillTable);
+    m_nStillTable = 0;
+}
+
+NTSTATUS FormatTables::ExtractVSInfo(PUSB_CONFIGURATION_DESCRIPTOR pConfigurationDescriptor,
                                        PKS_DATARANGE_VIDEO* pVSDataRage, USHORT* pnCount)
 {
     const ULONG cb = pConfigurationDescriptor != nullptr ? pConfigurationDescriptor->wTotalLength : 0;
     return ExtractVSInfo(pConfigurationDescriptor, cb, pVSDataRage, pnCount);
 }
 
-NTSTATUS CCaptureDevice::ExtractStillInfo(PUSB_CONFIGURATION_DESCRIPTOR pConfigurationDescriptor,
+NTSTATUS FormatTables::ExtractStillInfo(PUSB_CONFIGURATION_DESCRIPTOR pConfigurationDescriptor,
                                           PKS_DATARANGE_VIDEO* pVSDataRage, USHORT* pnCount)
 {
     const ULONG cb = pConfigurationDescriptor != nullptr ? pConfigurationDescriptor->wTotalLength : 0;
     return ExtractStillInfo(pConfigurationDescriptor, cb, pVSDataRage, pnCount);
 }
 
-// Part 1.3 ExtractVSInfo: the capture table and the control bitmaps. cb is
-// the number of bytes of the configuration descriptor held in memory.
-NTSTATUS CCaptureDevice::ExtractVSInfo(PUSB_CONFIGURATION_DESCRIPTOR pConfigurationDescriptor, ULONG cb,
+// cb is the number of bytes of the configuration descriptor held in memory.
+NTSTATUS FormatTables::ExtractVSInfo(PUSB_CONFIGURATION_DESCRIPTOR pConfigurationDescriptor, ULONG cb,
                                        PKS_DATARANGE_VIDEO* pVSDataRage, USHORT* pnCount)
 {
     ASSERT(pVSDataRage);
@@ -262,32 +290,32 @@ NTSTATUS CCaptureDevice::ExtractVSInfo(PUSB_CONFIGURATION_DESCRIPTOR pConfigurat
             subClass = d.Has(kInterfaceSubClassOffset + 1) ? d.U8(kInterfaceSubClassOffset) : 0;
             continue;
         }
-        if (d.Type() != kCsInterface) {
+        if (d.Type() != UVC_CS_INTERFACE) {
             continue;
         }
-        if (subClass == kSubclassVideoControl) {
-            if (d.Subtype() == kVcInputTerminal && d.Has(kCameraTerminalControlsOffset + 2)) {
+        if (subClass == UVC_SC_VIDEOCONTROL) {
+            if (d.Subtype() == UVC_VC_INPUT_TERMINAL && d.Has(kCameraTerminalControlsOffset + 2)) {
                 CameraTerminalControls = d.U16(kCameraTerminalControlsOffset);
-            } else if (d.Subtype() == kVcProcessingUnit && d.Has(kProcessingUnitControlsOffset + 2)) {
+            } else if (d.Subtype() == UVC_VC_PROCESSING_UNIT && d.Has(kProcessingUnitControlsOffset + 2)) {
                 ProcessingUnitControls = d.U16(kProcessingUnitControlsOffset);
             }
             continue;
         }
-        if (subClass != kSubclassVideoStreaming) {
+        if (subClass != UVC_SC_VIDEOSTREAMING) {
             continue;
         }
         switch (d.Subtype()) {
-        case kVsFormatUncompressed:
-        case kVsFormatMjpeg:
+        case UVC_VS_FORMAT_UNCOMPRESSED:
+        case UVC_VS_FORMAT_MJPEG:
             if (!d.Has(kNumFrameDescriptorsOffset + 1)) {
                 break;
             }
             nBound = d.U8(kNumFrameDescriptorsOffset);
-            status = RestartList(d.Subtype() == kVsFormatUncompressed ? &yuy2 : &mjpeg, nBound, pnCount);
+            status = RestartList(d.Subtype() == UVC_VS_FORMAT_UNCOMPRESSED ? &yuy2 : &mjpeg, nBound, pnCount);
             break;
-        case kVsFrameUncompressed:
-        case kVsFrameMjpeg: {
-            const bool fYuy2 = d.Subtype() == kVsFrameUncompressed;
+        case UVC_VS_FRAME_UNCOMPRESSED:
+        case UVC_VS_FRAME_MJPEG: {
+            const bool fYuy2 = d.Subtype() == UVC_VS_FRAME_UNCOMPRESSED;
             EntryList& list = fYuy2 ? yuy2 : mjpeg;
             if (list.pEntries == nullptr || list.nUsed >= nBound || list.nUsed >= list.nCapacity) {
                 if (fYuy2) {
@@ -309,7 +337,8 @@ NTSTATUS CCaptureDevice::ExtractVSInfo(PUSB_CONFIGURATION_DESCRIPTOR pConfigurat
             PKS_DATARANGE_VIDEO pEntry = &list.pEntries[list.nUsed];
             if (fYuy2) {
                 FillCaptureEntry(pEntry, g_CaptureTemplateYuy2, f, 2, kYuy2BitRateNumerator);
-                // Part 1.3: of the widths from 640 up to 1599, exactly 640 and 1280 count.
+                // The wide-frame width the frame loop works with: of the widths
+                // from 640 up to 1599, exactly 640 and 1280 count.
                 if (f.width == 640 || f.width == 1280) {
                     WideFrameWidth = f.width;
                 }
@@ -325,12 +354,11 @@ NTSTATUS CCaptureDevice::ExtractVSInfo(PUSB_CONFIGURATION_DESCRIPTOR pConfigurat
         }
     }
 
-    return FinishTable(status, &yuy2, &mjpeg, PoolTag("KVVd"), pVSDataRage, pnCount, nCountOnEntry,
+    return FinishTable(status, &yuy2, &mjpeg, kTagCaptureTable, pVSDataRage, pnCount, nCountOnEntry,
                        "CCaptureDevice::ExtractVSInfo()");
 }
 
-// Part 1.3 ExtractStillInfo: the still table, YUY2 still sizes first.
-NTSTATUS CCaptureDevice::ExtractStillInfo(PUSB_CONFIGURATION_DESCRIPTOR pConfigurationDescriptor, ULONG cb,
+NTSTATUS FormatTables::ExtractStillInfo(PUSB_CONFIGURATION_DESCRIPTOR pConfigurationDescriptor, ULONG cb,
                                           PKS_DATARANGE_VIDEO* pVSDataRage, USHORT* pnCount)
 {
     ASSERT(pVSDataRage);
@@ -353,14 +381,14 @@ NTSTATUS CCaptureDevice::ExtractStillInfo(PUSB_CONFIGURATION_DESCRIPTOR pConfigu
             subClass = d.Has(kInterfaceSubClassOffset + 1) ? d.U8(kInterfaceSubClassOffset) : 0;
             continue;
         }
-        if (d.Type() != kCsInterface || subClass != kSubclassVideoStreaming) {
+        if (d.Type() != UVC_CS_INTERFACE || subClass != UVC_SC_VIDEOSTREAMING) {
             continue;
         }
-        if (d.Subtype() == kVsFormatUncompressed) {
+        if (d.Subtype() == UVC_VS_FORMAT_UNCOMPRESSED) {
             kind = Kind::kYuy2;
-        } else if (d.Subtype() == kVsFormatMjpeg) {
+        } else if (d.Subtype() == UVC_VS_FORMAT_MJPEG) {
             kind = Kind::kMjpeg;
-        } else if (d.Subtype() == kVsStillImageFrame && kind != Kind::kNone && d.Has(kStillNumSizesOffset + 1)) {
+        } else if (d.Subtype() == UVC_VS_STILL_IMAGE_FRAME && kind != Kind::kNone && d.Has(kStillNumSizesOffset + 1)) {
             // The sizes the descriptor really holds, at most bNumImageSizePatterns.
             const ULONG nListed = d.U8(kStillNumSizesOffset);
             const ULONG nPresent = (d.length - kStillSizesOffset) / 4;
@@ -377,7 +405,7 @@ NTSTATUS CCaptureDevice::ExtractStillInfo(PUSB_CONFIGURATION_DESCRIPTOR pConfigu
         }
     }
 
-    return FinishTable(status, &yuy2, &mjpeg, PoolTag("KVVs"), pVSDataRage, pnCount, nCountOnEntry,
+    return FinishTable(status, &yuy2, &mjpeg, kTagStillTable, pVSDataRage, pnCount, nCountOnEntry,
                        "CCaptureDevice::ExtractStillInfo()");
 }
 
@@ -386,21 +414,15 @@ NTSTATUS CCaptureDevice::ExtractStillInfo(PUSB_CONFIGURATION_DESCRIPTOR pConfigu
 // rates are filled per entry.
 namespace kv {
 
-#define KV_GUID_VIDEO {0x73646976, 0x0000, 0x0010, {0x80, 0x00, 0x00, 0xaa, 0x00, 0x38, 0x9b, 0x71}}
-#define KV_GUID_VIDEOINFO {0x05589f80, 0xc356, 0x11ce, {0xbf, 0x01, 0x00, 0xaa, 0x00, 0x55, 0x59, 0x5a}}
-#define KV_GUID_YUY2 {0x32595559, 0x0000, 0x0010, {0x80, 0x00, 0x00, 0xaa, 0x00, 0x38, 0x9b, 0x71}}
-#define KV_GUID_RGB24 {0xe436eb7d, 0x524f, 0x11ce, {0x9f, 0x53, 0x00, 0x20, 0xaf, 0x0b, 0xa7, 0x70}}
-#define KV_GUID_MJPG {0x47504a4d, 0x0000, 0x0010, {0x80, 0x00, 0x00, 0xaa, 0x00, 0x38, 0x9b, 0x71}}
-
 #define KV_DATARANGE_TEMPLATE(subFormat, sampleSize, fixedSize, temporal, streamFlags, bitCount, compression) \
     {                                                                                                        \
-        {{sizeof(KS_DATARANGE_VIDEO), 0, (sampleSize), 0, KV_GUID_VIDEO, subFormat, KV_GUID_VIDEOINFO}},     \
+        {{sizeof(KS_DATARANGE_VIDEO), 0, (sampleSize), 0, {STATICGUIDOF(KSDATAFORMAT_TYPE_VIDEO)}, subFormat, {STATICGUIDOF(KSDATAFORMAT_SPECIFIER_VIDEOINFO)}}},     \
         (fixedSize),                   /* bFixedSizeSamples */                                               \
         (temporal),                    /* bTemporalCompression */                                            \
         (streamFlags),                 /* StreamDescriptionFlags */                                          \
         0,                             /* MemoryAllocationFlags */                                           \
         {                                                                                                    \
-            KV_GUID_VIDEOINFO,         /* guid */                                                            \
+            {STATICGUIDOF(KSDATAFORMAT_SPECIFIER_VIDEOINFO)},         /* guid */                                                            \
             0,                         /* VideoStandard: no analog standard */                               \
             {640, 480},                /* InputSize */                                                       \
             {640, 480},                /* MinCroppingSize */                                                 \
@@ -428,12 +450,12 @@ namespace kv {
 
 // Capture, uncompressed YUY2 (frame subtype 0x05).
 const KS_DATARANGE_VIDEO g_CaptureTemplateYuy2 =
-    KV_DATARANGE_TEMPLATE(KV_GUID_YUY2, 640 * 480 * 2, TRUE, FALSE, KS_VIDEOSTREAM_CAPTURE, 16, kFourccYuy2);
+    KV_DATARANGE_TEMPLATE({STATICGUIDOF(KSDATAFORMAT_SUBTYPE_YUY2)}, 640 * 480 * 2, TRUE, FALSE, KS_VIDEOSTREAM_CAPTURE, 16, kFourccYuy2);
 // Capture, motion JPEG advertised as RGB24 (frame subtype 0x07).
 const KS_DATARANGE_VIDEO g_CaptureTemplateRgb24 =
-    KV_DATARANGE_TEMPLATE(KV_GUID_RGB24, 640 * 480 * 3, FALSE, TRUE, KS_VIDEOSTREAM_CAPTURE, 24, 0);
+    KV_DATARANGE_TEMPLATE({STATICGUIDOF(KSDATAFORMAT_SUBTYPE_RGB24)}, 640 * 480 * 3, FALSE, TRUE, KS_VIDEOSTREAM_CAPTURE, 24, 0);
 // Still under motion JPEG: subformat MJPG until the entry is made RGB24.
 const KS_DATARANGE_VIDEO g_StillTemplateMjpeg =
-    KV_DATARANGE_TEMPLATE(KV_GUID_MJPG, 0, FALSE, TRUE, 0, 24, 0);
+    KV_DATARANGE_TEMPLATE({STATICGUIDOF(KSDATAFORMAT_SUBTYPE_MJPG)}, 0, FALSE, TRUE, 0, 24, 0);
 
 }  // namespace kv

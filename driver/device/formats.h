@@ -1,42 +1,58 @@
-// Part 1.3: video-streaming descriptor parsing and the format tables.
-// The static templates from which every capture and still entry starts, and
-// the video-class codes the walk understands. The parsers themselves are
-// CCaptureDevice::ExtractVSInfo / ExtractStillInfo (device.h, formats.cpp).
+// The format tables: the camera's video-streaming descriptors turned into
+// KS_DATARANGE_VIDEO entries. The capture table lists every uncompressed
+// frame size as YUY2, then every motion-JPEG frame size as RGB24 (the driver
+// decodes motion JPEG itself); the still table lists the still-image sizes.
+// The walk also records the camera terminal's and processing unit's control
+// bitmaps, which decide the camera controls the driver offers.
 #pragma once
 
 #include "wdk.h"
 
+class FormatTables {
+public:
+    FormatTables();
+    ~FormatTables();
+    FormatTables(const FormatTables&) = delete;
+    FormatTables& operator=(const FormatTables&) = delete;
+
+    // The capture table and the control bitmaps. *pnCount is the caller's
+    // running count: one increment per entry made, and left as it was on
+    // entry when the walk fails. The walk never reads past wTotalLength.
+    NTSTATUS ExtractVSInfo(PUSB_CONFIGURATION_DESCRIPTOR pConfigurationDescriptor, PKS_DATARANGE_VIDEO* ppVSDataRange,
+                           USHORT* pnCount);
+    // The still table, YUY2 still sizes first.
+    NTSTATUS ExtractStillInfo(PUSB_CONFIGURATION_DESCRIPTOR pConfigurationDescriptor,
+                              PKS_DATARANGE_VIDEO* ppVSDataRange, USHORT* pnCount);
+    // The same walks over a buffer of cb bytes: never past min(cb, wTotalLength).
+    NTSTATUS ExtractVSInfo(PUSB_CONFIGURATION_DESCRIPTOR pConfigurationDescriptor, ULONG cb,
+                           PKS_DATARANGE_VIDEO* ppVSDataRange, USHORT* pnCount);
+    NTSTATUS ExtractStillInfo(PUSB_CONFIGURATION_DESCRIPTOR pConfigurationDescriptor, ULONG cb,
+                              PKS_DATARANGE_VIDEO* ppVSDataRange, USHORT* pnCount);
+    // Frees both tables and the pins' pointer arrays (a second call is harmless).
+    void Release();
+
+    ULONG CameraTerminalControls;           // bmControls of the input terminal
+    USHORT ProcessingUnitControls;          // bmControls of the processing unit
+    ULONG WideFrameWidth;                   // 640 or 1280 when the camera offers it, else 0
+    PKS_DATARANGE_VIDEO m_pCaptureTable;    // "KVVd"
+    USHORT m_nCaptureTable;
+    PKSDATARANGE* m_pCaptureRanges;         // the capture pin's pointer array, "KVVp"
+    PKS_DATARANGE_VIDEO m_pStillTable;      // "KVVs"
+    USHORT m_nStillTable;
+    PKSDATARANGE* m_pStillRanges;           // the still pin's pointer array, "KVVr"
+};
+
 namespace kv {
-
-// Video-class descriptor codes read by Part 1.3 (UVC 1.1, A.5 and A.6).
-constexpr UCHAR kCsInterface = 0x24;             // class-specific interface descriptor
-constexpr UCHAR kSubclassVideoControl = 1;
-constexpr UCHAR kSubclassVideoStreaming = 2;
-constexpr UCHAR kVcInputTerminal = 0x02;
-constexpr UCHAR kVcProcessingUnit = 0x05;
-constexpr UCHAR kVsStillImageFrame = 0x03;
-constexpr UCHAR kVsFormatUncompressed = 0x04;
-constexpr UCHAR kVsFrameUncompressed = 0x05;
-constexpr UCHAR kVsFormatMjpeg = 0x06;
-constexpr UCHAR kVsFrameMjpeg = 0x07;
-
-// Every entry is one KS_DATARANGE_VIDEO of 296 bytes.
-constexpr ULONG kDataRangeVideoSize = sizeof(KS_DATARANGE_VIDEO);
-static_assert(sizeof(KS_DATARANGE_VIDEO) == 296, "Part 1.3: a table entry is 296 bytes");
 
 // "YUY2" as the four-character code of biCompression.
 constexpr ULONG kFourccYuy2 = 0x32595559;
 // Still entries run at one picture a second.
 constexpr LONGLONG kStillFrameInterval = 10000000;
 
-// The templates (their MinFrameInterval 400000, MaxFrameInterval 1666667 and
-// AvgTimePerFrame 400000 are overwritten by every capture entry).
+// The templates every entry starts from (their 640x480 size, frame
+// intervals and bit rates are overwritten by every entry).
 extern const KS_DATARANGE_VIDEO g_CaptureTemplateYuy2;   // capture, uncompressed
 extern const KS_DATARANGE_VIDEO g_CaptureTemplateRgb24;  // capture, motion JPEG advertised as RGB24
 extern const KS_DATARANGE_VIDEO g_StillTemplateMjpeg;    // still under motion JPEG (subformat MJPG)
-
-extern const GUID g_SubtypeYuy2;
-extern const GUID g_SubtypeRgb24;
-extern const GUID g_SubtypeMjpg;
 
 }  // namespace kv

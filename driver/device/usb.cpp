@@ -1,18 +1,17 @@
-// Part 1.2: USB descriptors and configuration. CCaptureDevice's USB layer:
-// synchronous URB submission, reading the device and configuration
-// descriptors, selecting the configuration (alternate setting 0 of every
-// interface) and later alternate settings, deconfiguring, and the USBDI bus
-// interface that tells the bus speed.
+// The camera's USB configuration: synchronous URB submission, reading the
+// device and configuration descriptors, selecting the configuration
+// (alternate setting 0 of every interface) and later alternate settings,
+// deconfiguring, and the USBDI bus interface that tells the bus speed.
 //
-// Decisions (issue 5 and our own, each also noted at its routine):
+// Choices worth knowing, each also noted at its routine:
 //  - SelectUsbInterfaces bounds its search for interface numbers by the
 //    configuration's length (at most wTotalLength / 9 interfaces fit).
 //  - The header and full configuration buffers are freed after failed reads.
 //  - The pipe array is sized for the largest bNumEndpoints of any interface
 //    setting of the configuration, so SelectAlternateInterface always fits.
-//  - SubmitUrb returns the wait's status for a pended request, as the Part
-//    says; the callers here "care" and also read the URB's own status: a
-//    URB that failed behind a successful submit gives STATUS_UNSUCCESSFUL.
+//  - SubmitUrb returns the wait's status for a pended request; the callers
+//    here also read the URB's own status: a URB that failed behind a
+//    successful submit gives STATUS_UNSUCCESSFUL.
 //  - No descriptor byte the device did not return is read: a device
 //    descriptor shorter than 18 bytes or a configuration header shorter than
 //    9 fails with STATUS_DEVICE_DATA_ERROR; a configuration descriptor that
@@ -21,16 +20,14 @@
 //  - GetBusInterface allocates its buffer before building the IRP (an IRP of
 //    IoBuildSynchronousFsdRequest can only be disposed of by completing it
 //    after it was sent), and frees the buffer when the query fails.
-#include "device.h"
-#include "descriptor_reader.h"
+#include "device/usb.h"
 
-using kv::PoolTag;
+#include "device/descriptor_reader.h"
+#include "pooltag.h"
+
+using namespace kv;
 
 namespace {
-
-#ifndef IOCTL_INTERNAL_USB_SUBMIT_URB
-#define IOCTL_INTERNAL_USB_SUBMIT_URB 0x00220003
-#endif
 
 // USB_BUS_INTERFACE_USBDI_GUID {B1A96A13-3DE0-4574-9B01-C08FEAB318D6}, kept
 // here so that the driver does not depend on an INITGUID translation unit.
@@ -64,9 +61,9 @@ void BuildGetDescriptor(PURB pUrb, UCHAR descriptorType, PVOID pBuffer, ULONG cb
 ULONG LargestEndpointCount(const USB_CONFIGURATION_DESCRIPTOR* pConfiguration)
 {
     const UCHAR* pBytes = reinterpret_cast<const UCHAR*>(pConfiguration);
-    kv::DescriptorWalker walker(pBytes, pConfiguration->wTotalLength);
+    DescriptorWalker walker(pBytes, pConfiguration->wTotalLength);
     ULONG nLargest = 0;
-    kv::DescriptorView d;
+    DescriptorView d;
     while (walker.Next(&d)) {
         if (d.Type() == USB_INTERFACE_DESCRIPTOR_TYPE && d.Has(5) && d.U8(4) > nLargest) {
             nLargest = d.U8(4);
@@ -95,8 +92,52 @@ NTSTATUS BusInterfaceQueryCompleted(PDEVICE_OBJECT, PIRP, PVOID pContext)
 
 }  // namespace
 
-// Part 1.2 SubmitUrb: one URB, synchronously, to the next-lower device.
-NTSTATUS CCaptureDevice::SubmitUrb(PURB pUrb)
+UsbConfiguration::UsbConfiguration()
+    : m_pDeviceDescriptor(nullptr),
+      m_pConfigurationDescriptor(nullptr),
+      m_RemoteWakeup(0),
+      m_ConfigurationHandle(nullptr),
+      m_pInterfaceInformation(nullptr),
+      m_pPipes(nullptr),
+      m_nPipes(0),
+      m_IsoInPipe(nullptr),
+      m_IsoOutPipe(nullptr),
+      m_InterruptPipe(nullptr),
+      m_pBusInterface(nullptr),
+      m_HighSpeed(0),
+      m_SpeedPacketCount(0),
+      m_pNextDeviceObject(nullptr),
+      m_nPipeCapacity(0)
+{
+}
+
+UsbConfiguration::~UsbConfiguration()
+{
+    Release();
+}
+
+void UsbConfiguration::Release()
+{
+    m_ConfigurationHandle = nullptr;
+    m_IsoInPipe = nullptr;
+    m_IsoOutPipe = nullptr;
+    m_InterruptPipe = nullptr;
+    m_nPipes = 0;
+    m_nPipeCapacity = 0;
+    FreeTagged(m_pPipes, kTagPipes);
+    FreeTagged(m_pConfigurationDescriptor, kTagConfigurationDescriptor);
+    FreeTagged(m_pDeviceDescriptor, kTagDeviceDescriptor);
+    FreeTagged(m_pInterfaceInformation, kTagInterfaceList);
+    if (m_pBusInterface != nullptr && m_pBusInterface->InterfaceDereference != nullptr) {
+        // The bus took a reference when it answered IRP_MN_QUERY_INTERFACE;
+        // the interface's user gives it back before dropping the interface.
+        // https://learn.microsoft.com/windows-hardware/drivers/kernel/irp-mn-query-interface
+        m_pBusInterface->InterfaceDereference(m_pBusInterface->BusContext);
+    }
+    FreeTagged(m_pBusInterface, kTagBusInterface);
+}
+
+NTSTATUS UsbConfiguration::SubmitUrb(PURB pUrb)
 {
     KEVENT event;
     IO_STATUS_BLOCK ioStatus;
@@ -113,27 +154,25 @@ NTSTATUS CCaptureDevice::SubmitUrb(PURB pUrb)
     pNextStack->Parameters.Others.Argument1 = pUrb;
     NTSTATUS status = IoCallDriver(m_pNextDeviceObject, pIrp);
     if (status == STATUS_PENDING) {
-        // The Part returns the wait's result, not the request's final status.
+        // The wait's result, not the request's: callers read the URB's status.
         status = KeWaitForSingleObject(&event, Executive, KernelMode, FALSE, nullptr);
     }
     return status;
 }
 
-// Part 1.2 ReadandSelectUsbDescriptors: the device descriptor, then the
-// configuration (ConfigureUsbDevice).
-NTSTATUS CCaptureDevice::ReadandSelectUsbDescriptors()
+NTSTATUS UsbConfiguration::ReadandSelectUsbDescriptors()
 {
     PURB pUrb = static_cast<PURB>(
-        ExAllocatePoolWithTag(NonPagedPoolNx, sizeof(struct _URB_CONTROL_DESCRIPTOR_REQUEST), PoolTag("KVrb")));
+        ExAllocatePoolWithTag(NonPagedPoolNx, sizeof(struct _URB_CONTROL_DESCRIPTOR_REQUEST), kTagRequest));
     if (pUrb == nullptr) {
         DbgPrint("ReadandSelectUsbDescriptors: Failed to allocate memory for urb\n");
         return STATUS_INSUFFICIENT_RESOURCES;
     }
     auto deviceDescriptor =
-        static_cast<PUSB_DEVICE_DESCRIPTOR>(ExAllocatePoolWithTag(NonPagedPoolNx, kDeviceDescriptorSize, PoolTag("KVdd")));
+        static_cast<PUSB_DEVICE_DESCRIPTOR>(ExAllocatePoolWithTag(NonPagedPoolNx, kDeviceDescriptorSize, kTagDeviceDescriptor));
     if (deviceDescriptor == nullptr) {
         DbgPrint("ReadandSelectUsbDescriptors: Failed to allocate memory for deviceDescriptor\n");
-        ExFreePoolWithTag(pUrb, PoolTag("KVrb"));
+        ExFreePoolWithTag(pUrb, kTagRequest);
         return STATUS_INSUFFICIENT_RESOURCES;
     }
     RtlZeroMemory(deviceDescriptor, kDeviceDescriptorSize);
@@ -146,21 +185,21 @@ NTSTATUS CCaptureDevice::ReadandSelectUsbDescriptors()
     }
     if (NT_SUCCESS(status)) {
         ASSERT(deviceDescriptor->bNumConfigurations);
-        ReplaceTagged(&m_pDeviceDescriptor, deviceDescriptor, PoolTag("KVdd"));
+        ReplaceTagged(&m_pDeviceDescriptor, deviceDescriptor, kTagDeviceDescriptor);
         status = ConfigureUsbDevice();
     } else {
-        ExFreePoolWithTag(deviceDescriptor, PoolTag("KVdd"));
+        ExFreePoolWithTag(deviceDescriptor, kTagDeviceDescriptor);
     }
-    ExFreePoolWithTag(pUrb, PoolTag("KVrb"));
+    ExFreePoolWithTag(pUrb, kTagRequest);
     return status;
 }
 
-// Part 1.2 ConfigureUsbDevice: the configuration descriptor, header first for
-// wTotalLength, then whole; then SelectUsbInterfaces.
-NTSTATUS CCaptureDevice::ConfigureUsbDevice()
+// The configuration descriptor, header first for wTotalLength, then whole;
+// then SelectUsbInterfaces.
+NTSTATUS UsbConfiguration::ConfigureUsbDevice()
 {
     PURB pUrb = static_cast<PURB>(
-        ExAllocatePoolWithTag(NonPagedPoolNx, sizeof(struct _URB_CONTROL_DESCRIPTOR_REQUEST), PoolTag("KVrb")));
+        ExAllocatePoolWithTag(NonPagedPoolNx, sizeof(struct _URB_CONTROL_DESCRIPTOR_REQUEST), kTagRequest));
     if (pUrb == nullptr) {
         DbgPrint("ConfigureUsbDevice: Failed to allocate memory for urb\n");
         return STATUS_INSUFFICIENT_RESOURCES;
@@ -171,7 +210,7 @@ NTSTATUS CCaptureDevice::ConfigureUsbDevice()
 
     // The nine-byte header, for wTotalLength.
     auto pHeader = static_cast<PUSB_CONFIGURATION_DESCRIPTOR>(
-        ExAllocatePoolWithTag(NonPagedPoolNx, kConfigurationHeaderSize, PoolTag("KVcd")));
+        ExAllocatePoolWithTag(NonPagedPoolNx, kConfigurationHeaderSize, kTagConfigurationDescriptor));
     if (pHeader == nullptr) {
         DbgPrint("ConfigureUsbDevice: Failed to allocate mem for config Descriptor\n");
         status = STATUS_INSUFFICIENT_RESOURCES;
@@ -190,14 +229,14 @@ NTSTATUS CCaptureDevice::ConfigureUsbDevice()
         } else {
             cbTotal = pHeader->wTotalLength;
         }
-        ExFreePoolWithTag(pHeader, PoolTag("KVcd"));
+        ExFreePoolWithTag(pHeader, kTagConfigurationDescriptor);
         pHeader = nullptr;
     }
 
     // The whole configuration descriptor.
     if (NT_SUCCESS(status)) {
         pConfiguration = static_cast<PUSB_CONFIGURATION_DESCRIPTOR>(
-            ExAllocatePoolWithTag(NonPagedPoolNx, cbTotal, PoolTag("KVcd")));
+            ExAllocatePoolWithTag(NonPagedPoolNx, cbTotal, kTagConfigurationDescriptor));
         if (pConfiguration == nullptr) {
             DbgPrint("ConfigureUsbDevice: Failed to alloc mem for config Descriptor\n");
             status = STATUS_INSUFFICIENT_RESOURCES;
@@ -221,27 +260,27 @@ NTSTATUS CCaptureDevice::ConfigureUsbDevice()
             pConfiguration->wTotalLength = static_cast<USHORT>(cbKept);
         }
         if (!NT_SUCCESS(status)) {
-            ExFreePoolWithTag(pConfiguration, PoolTag("KVcd"));
+            ExFreePoolWithTag(pConfiguration, kTagConfigurationDescriptor);
             pConfiguration = nullptr;
         }
     }
 
     if (NT_SUCCESS(status)) {
-        ReplaceTagged(&m_pConfigurationDescriptor, pConfiguration, PoolTag("KVcd"));
+        ReplaceTagged(&m_pConfigurationDescriptor, pConfiguration, kTagConfigurationDescriptor);
         m_RemoteWakeup = (pConfiguration->bmAttributes & kRemoteWakeupBit) != 0 ? 1 : 0;
         status = SelectUsbInterfaces(pConfiguration);
     }
-    ExFreePoolWithTag(pUrb, PoolTag("KVrb"));
+    ExFreePoolWithTag(pUrb, kTagRequest);
     return status;
 }
 
-// Part 1.2 SelectUsbInterfaces: select the configuration with alternate
-// setting 0 of every interface; keep the first interface and its pipes.
-NTSTATUS CCaptureDevice::SelectUsbInterfaces(PUSB_CONFIGURATION_DESCRIPTOR pConfigurationDescriptor)
+// Selects the configuration with alternate setting 0 of every interface and
+// keeps the first interface and its pipes.
+NTSTATUS UsbConfiguration::SelectUsbInterfaces(PUSB_CONFIGURATION_DESCRIPTOR pConfigurationDescriptor)
 {
     const ULONG nInterfaces = pConfigurationDescriptor->bNumInterfaces;
     const ULONG cbList = (nInterfaces + 1) * sizeof(USBD_INTERFACE_LIST_ENTRY);
-    auto pList = static_cast<PUSBD_INTERFACE_LIST_ENTRY>(ExAllocatePoolWithTag(NonPagedPoolNx, cbList, PoolTag("KVle")));
+    auto pList = static_cast<PUSBD_INTERFACE_LIST_ENTRY>(ExAllocatePoolWithTag(NonPagedPoolNx, cbList, kTagInterfaceList));
     if (pList == nullptr) {
         DbgPrint("SelectUsbInterfaces: Failed to allocate mem for interfaceList\n");
         return STATUS_INSUFFICIENT_RESOURCES;
@@ -285,22 +324,22 @@ NTSTATUS CCaptureDevice::SelectUsbInterfaces(PUSB_CONFIGURATION_DESCRIPTOR pConf
     if (pUrb != nullptr) {
         ExFreePool(pUrb);
     }
-    ExFreePoolWithTag(pList, PoolTag("KVle"));
+    ExFreePoolWithTag(pList, kTagInterfaceList);
     return status;
 }
 
-// SelectUsbInterfaces step 5-6: the copies of the first interface and its
-// pipes, and the three pipe references.
-NTSTATUS CCaptureDevice::KeepFirstInterface(PUSBD_INTERFACE_INFORMATION pInfo, USBD_CONFIGURATION_HANDLE hConfiguration)
+// The copies of the first interface and its pipes, and the three pipe
+// references.
+NTSTATUS UsbConfiguration::KeepFirstInterface(PUSBD_INTERFACE_INFORMATION pInfo, USBD_CONFIGURATION_HANDLE hConfiguration)
 {
     auto pInfoCopy =
-        static_cast<PUSBD_INTERFACE_INFORMATION>(ExAllocatePoolWithTag(NonPagedPoolNx, pInfo->Length, PoolTag("KVle")));
+        static_cast<PUSBD_INTERFACE_INFORMATION>(ExAllocatePoolWithTag(NonPagedPoolNx, pInfo->Length, kTagInterfaceList));
     if (pInfoCopy == nullptr) {
         DbgPrint("SelectUsbInterfaces: memory alloc for UsbInterface failed\n");
         return STATUS_INSUFFICIENT_RESOURCES;
     }
     RtlCopyMemory(pInfoCopy, pInfo, pInfo->Length);
-    ReplaceTagged(&m_pInterfaceInformation, pInfoCopy, PoolTag("KVle"));
+    ReplaceTagged(&m_pInterfaceInformation, pInfoCopy, kTagInterfaceList);
     m_ConfigurationHandle = hConfiguration;
     if (pInfo->NumberOfPipes == 0) {
         return STATUS_SUCCESS;
@@ -312,13 +351,13 @@ NTSTATUS CCaptureDevice::KeepFirstInterface(PUSBD_INTERFACE_INFORMATION pInfo, U
         nCapacity = pInfo->NumberOfPipes;
     }
     auto pPipes = static_cast<PUSBD_PIPE_INFORMATION>(
-        ExAllocatePoolWithTag(NonPagedPoolNx, nCapacity * kPipeInformationSize, PoolTag("KVtx")));
+        ExAllocatePoolWithTag(NonPagedPoolNx, nCapacity * kPipeInformationSize, kTagPipes));
     if (pPipes == nullptr) {
         DbgPrint("SelectUsbInterfaces: memory alloc for UsbInterface failed\n");
         return STATUS_INSUFFICIENT_RESOURCES;
     }
     RtlZeroMemory(pPipes, nCapacity * kPipeInformationSize);
-    ReplaceTagged(&m_pPipes, pPipes, PoolTag("KVtx"));
+    ReplaceTagged(&m_pPipes, pPipes, kTagPipes);
     m_nPipeCapacity = nCapacity;
     m_IsoInPipe = nullptr;
     m_IsoOutPipe = nullptr;
@@ -337,8 +376,7 @@ NTSTATUS CCaptureDevice::KeepFirstInterface(PUSBD_INTERFACE_INFORMATION pInfo, U
     return STATUS_SUCCESS;
 }
 
-// Part 1.2 SelectAlternateInterface: called by the capture pin (Part 2.1).
-NTSTATUS CCaptureDevice::SelectAlternateInterface(UCHAR InterfaceNumber, UCHAR AlternateSetting,
+NTSTATUS UsbConfiguration::SelectAlternateInterface(UCHAR InterfaceNumber, UCHAR AlternateSetting,
                                                   UCHAR InterfaceSubClass)
 {
     if (m_pConfigurationDescriptor == nullptr) {
@@ -398,12 +436,10 @@ NTSTATUS CCaptureDevice::SelectAlternateInterface(UCHAR InterfaceNumber, UCHAR A
     return status;
 }
 
-// Part 1.2 DeconfigureUsbDevice: a select-configuration without a
-// configuration descriptor puts the device in the unconfigured state.
-NTSTATUS CCaptureDevice::DeconfigureUsbDevice()
+NTSTATUS UsbConfiguration::DeconfigureUsbDevice()
 {
     constexpr ULONG cbUrb = sizeof(struct _URB_SELECT_CONFIGURATION);  // 88
-    PURB pUrb = static_cast<PURB>(ExAllocatePoolWithTag(NonPagedPoolNx, cbUrb, PoolTag("KVsc")));
+    PURB pUrb = static_cast<PURB>(ExAllocatePoolWithTag(NonPagedPoolNx, cbUrb, kTagSelectConfiguration));
     if (pUrb == nullptr) {
         DbgPrint("DeconfigureUsbDevice: Failed to allocate urb\n");
         return STATUS_INSUFFICIENT_RESOURCES;
@@ -412,25 +448,25 @@ NTSTATUS CCaptureDevice::DeconfigureUsbDevice()
     UsbBuildSelectConfigurationRequest(pUrb, static_cast<USHORT>(cbUrb), nullptr);
     NTSTATUS status = RequestStatus(SubmitUrb(pUrb), pUrb);
     if (!NT_SUCCESS(status)) {
-        // The Part's format "%08.8x" is kept letter for letter; its '0' flag
-        // is redundant with the precision, which is all GCC warns about.
+        // The message's "%08.8x" is kept as tools that read the debug log
+        // know it; its '0' flag is redundant with the precision, which is
+        // all GCC warns about.
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat"
         DbgPrint("DeconfigureUsbDevice: Failed to deconfigure device %08.8x\n", static_cast<ULONG>(status));
 #pragma GCC diagnostic pop
     }
-    ExFreePoolWithTag(pUrb, PoolTag("KVsc"));
+    ExFreePoolWithTag(pUrb, kTagSelectConfiguration);
     return status;
 }
 
-// Part 1.2 GetBusInterface: USB_BUS_INTERFACE_USBDI_V1 from the bus driver
-// (IRP_MN_QUERY_INTERFACE). The buffer is allocated before the IRP is built
-// (see the file's head) and freed again when the query fails.
-NTSTATUS CCaptureDevice::GetBusInterface()
+// The buffer is allocated before the IRP is built (see the file's head) and
+// freed again when the query fails.
+NTSTATUS UsbConfiguration::GetBusInterface()
 {
     constexpr ULONG cbInterface = sizeof(USB_BUS_INTERFACE_USBDI_V1);  // 72
     auto pInterface = static_cast<PUSB_BUS_INTERFACE_USBDI_V1>(
-        ExAllocatePoolWithTag(NonPagedPoolNx, cbInterface, PoolTag("KVB1")));
+        ExAllocatePoolWithTag(NonPagedPoolNx, cbInterface, kTagBusInterface));
     if (pInterface == nullptr) {
         DbgPrint("[CCaptureDevice::GetBusInterface] Failded to allocate memory \n");
         return STATUS_INSUFFICIENT_RESOURCES;
@@ -443,7 +479,7 @@ NTSTATUS CCaptureDevice::GetBusInterface()
     PIRP pIrp = IoBuildSynchronousFsdRequest(IRP_MJ_PNP, m_pNextDeviceObject, nullptr, 0, nullptr, &event, &ioStatus);
     if (pIrp == nullptr) {
         DbgPrint("[CCaptureDevice::GetBusInterface] failed IoBuildSynchronousFsdRequest()\n");
-        ExFreePoolWithTag(pInterface, PoolTag("KVB1"));
+        ExFreePoolWithTag(pInterface, kTagBusInterface);
         return STATUS_INSUFFICIENT_RESOURCES;
     }
     // PnP IRPs start as "not supported" so that a driver that does not
@@ -468,7 +504,7 @@ NTSTATUS CCaptureDevice::GetBusInterface()
     if (!NT_SUCCESS(status)) {
         DbgPrint("[CCaptureDevice::GetBusInterface] failed to retrieve version 1 of bus interface (0x%08x)\n",
                  static_cast<ULONG>(status));
-        ExFreePoolWithTag(pInterface, PoolTag("KVB1"));
+        ExFreePoolWithTag(pInterface, kTagBusInterface);
     } else {
         ReplaceBusInterface(pInterface);
     }
@@ -477,20 +513,18 @@ NTSTATUS CCaptureDevice::GetBusInterface()
 }
 
 // Keeps a queried bus interface, giving back the reference of one kept before.
-void CCaptureDevice::ReplaceBusInterface(PUSB_BUS_INTERFACE_USBDI_V1 pInterface)
+void UsbConfiguration::ReplaceBusInterface(PUSB_BUS_INTERFACE_USBDI_V1 pInterface)
 {
     if (m_pBusInterface != nullptr) {
         if (m_pBusInterface->InterfaceDereference != nullptr) {
             m_pBusInterface->InterfaceDereference(m_pBusInterface->BusContext);
         }
-        ExFreePoolWithTag(m_pBusInterface, PoolTag("KVB1"));
+        ExFreePoolWithTag(m_pBusInterface, kTagBusInterface);
     }
     m_pBusInterface = pInterface;
 }
 
-// Part 1.2 InitDeviceSpeed: m_HighSpeed and the packets per isochronous
-// transfer (Part 2.2).
-NTSTATUS CCaptureDevice::InitDeviceSpeed()
+NTSTATUS UsbConfiguration::InitDeviceSpeed()
 {
     if (m_pBusInterface == nullptr) {
         DbgPrint("[CCaptureDevice::InitDeviceSpeed] Device have no interface V1\n");

@@ -2,10 +2,10 @@
 // that g++ output needs when linked -nostdlib.
 //
 // Decisions:
-//  - The image's entry point is DriverEntry itself (Part 1.1), as the I/O
-//    manager expects. Nothing runs constructors of namespace-scope objects
-//    before it, so driver code has none with dynamic initialisers: its
-//    tables are constant data (the spec's descriptor tables are const), and
+//  - The image's entry point is DriverEntry itself, as the I/O manager
+//    expects. Nothing runs constructors of namespace-scope objects before
+//    it, so driver code has none with dynamic initialisers: its tables are
+//    constant data (the KS descriptor tables are const), and
 //    per-device state lives in CCaptureDevice. A global with a destructor
 //    fails to link (g++ would register it with atexit, which this runtime
 //    deliberately does not provide).

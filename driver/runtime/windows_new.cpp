@@ -4,9 +4,10 @@
 // pool.
 //
 // Decisions:
-//  - Pool tag "KVnw" for everything allocated by a plain global new (the
-//    spec wants every tag to begin with "KV"; objects that need their own
-//    tag use the driver's tagged placement new instead).
+//  - Pool tag "KVnw" for everything allocated by a plain global new (every
+//    tag of the driver begins with "KV", so poolmon shows the driver's use
+//    at a glance; objects that need their own tag use the driver's tagged
+//    allocation instead).
 //  - NonPagedPoolNx: objects may be touched at DISPATCH_LEVEL (spin locks,
 //    completion routines), and data must not be executable (NX pool exists
 //    from Windows 8 on; Windows 7 would need NonPagedPool instead).

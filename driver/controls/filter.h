@@ -1,0 +1,30 @@
+// The filter object: one per open capture filter, owned by the filter's
+// object bag. It holds what the filter's property handlers keep between
+// calls, and counts as an open filter against idle power-down.
+#pragma once
+
+#include "wdk.h"
+
+class CCaptureDevice;
+
+class CCaptureFilter {
+public:
+    // The object carries its own pool tag; a null return is checked by the
+    // new-expression (noexcept allocation function).
+    static void* operator new(decltype(sizeof(0)) cb) noexcept;
+    static void operator delete(void* p) noexcept;
+
+    CCaptureFilter(PKSFILTER pKsFilter, CCaptureDevice* pDevice);
+    ~CCaptureFilter();
+
+    // KSFILTER_DISPATCH.Create.
+    static NTSTATUS DispatchCreate(PKSFILTER pKsFilter, PIRP pIrp);
+    // The object bag's free routine: runs the destructor.
+    static void Cleanup(PVOID pContext);
+
+    CCaptureDevice* m_pDevice;
+    PKSFILTER m_pKsFilter;
+    ULONG m_DefaultValue;        // 15
+    ULONG m_TunnelPending;       // the driver-control tunnel's pending flag
+    ULONG m_CurrentFormatIndex;  // the format the handlers describe
+};

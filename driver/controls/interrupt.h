@@ -1,0 +1,30 @@
+// The self-timer's countdown: a one-second periodic timer whose DPC counts
+// down and, at the end, asks the frame loop for a still. The camera's button
+// (the interrupt endpoint) starts it; so does the driver-control property.
+#pragma once
+
+#include "wdk.h"
+
+class SelfTimer {
+public:
+    SelfTimer();
+    SelfTimer(const SelfTimer&) = delete;
+    SelfTimer& operator=(const SelfTimer&) = delete;
+
+    // Device start: the timer and its DPC.
+    void Initialize();
+    // Device stop and remove: a running countdown is cancelled.
+    void CancelCountdown();
+
+    LONG m_CountdownCounter;  // -1 when no countdown runs
+    ULONG m_StillRequest;     // set when a countdown ends: the frame loop takes a still
+    ULONG m_SoftwareTrigger;  // 1 while the still was asked for by software, not the button
+
+private:
+    friend struct DriverTestAccess;
+    static KDEFERRED_ROUTINE CountdownDpcRoutine;
+
+    KTIMER m_CountdownTimer;
+    KDPC m_CountdownDpc;
+    UCHAR m_CountdownTimerReady;
+};
