@@ -1,4 +1,4 @@
-// Benchmark of the driver's Part 1.3 ExtractVSInfo (the capture format
+// Benchmark of the driver's ExtractVSInfo (the capture format
 // table from the configuration descriptor) on each real camera's
 // descriptors in the shared cameras folder (KV_SHARED_DIR/cameras). One
 // iteration: the walk, the table allocation and its release.
@@ -9,26 +9,26 @@
 #include <vector>
 
 #include "camera/descriptor_builder.h"
-#include "device/device.h"
+#include "device/formats.h"
 
 namespace {
 
 void ExtractVSInfoOn(benchmark::State& state, const std::vector<uint8_t>& configuration) {
     std::vector<uint8_t> copy = configuration;
     auto* config = reinterpret_cast<PUSB_CONFIGURATION_DESCRIPTOR>(copy.data());
-    CCaptureDevice device(nullptr);
+    FormatTables formats;
     USHORT entries = 0;
     for (auto _ : state) {
         USHORT n = 0;
         PKS_DATARANGE_VIDEO table = nullptr;
-        NTSTATUS status = device.ExtractVSInfo(config, static_cast<ULONG>(copy.size()), &table, &n);
+        NTSTATUS status = formats.ExtractVSInfo(config, static_cast<ULONG>(copy.size()), &table, &n);
         if (!NT_SUCCESS(status)) {
             state.SkipWithError("ExtractVSInfo failed");
             break;
         }
         entries = n;
-        device.m_pCaptureTable = table;  // released with the device's allocations
-        device.ReleaseAllocations();
+        formats.m_pCaptureTable = table;  // released with the tables
+        formats.Release();
     }
     state.counters["entries"] = entries;
     state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * static_cast<int64_t>(copy.size()));
