@@ -508,7 +508,7 @@ NTSTATUS ControlRequests::SetDeviceProperty(USHORT Id, LONG Value)
         break;
     case PROPID_SPECIAL_FRAME:
         pSlot[SLOT_SPECIAL_FRAME] = Value;
-        if (Value == 11) {
+        if (Value == SPECIAL_FRAME_RELOAD) {
             m_SpecialFrameReload = 1;
         }
         break;
@@ -534,7 +534,7 @@ NTSTATUS ControlRequests::SetDeviceProperty(USHORT Id, LONG Value)
     case PROPID_SELF_TIMER:
         if (pSlot[SLOT_SELF_TIMER] == SELF_TIMER_NOT_SUPPORTED) {
             status = STATUS_NOT_SUPPORTED;
-        } else if (Value >= -2 && Value <= 10) {
+        } else if (Value >= SELF_TIMER_NOT_SUPPORTED && Value <= SELF_TIMER_MAX_SECONDS) {
             pSlot[SLOT_SELF_TIMER] = Value;
         } else {
             status = STATUS_INVALID_PARAMETER;

@@ -108,8 +108,15 @@ struct DeviceProperty {
 };
 static_assert(sizeof(DeviceProperty) == 140, "DeviceProperty is 35 words");
 
+// Photo frame 11 is the last of the user's own frames; choosing it asks the
+// frame loop to read its picture file again, since the user may have just
+// named a new one.
+constexpr LONG SPECIAL_FRAME_RELOAD = 11;
+
 // The self-timer slot's "not supported" marker (SetDeviceProperty 0x090B).
 constexpr LONG SELF_TIMER_NOT_SUPPORTED = -2;
+// The longest countdown: one countdown picture per second, "VGA10.bmp" first.
+constexpr LONG SELF_TIMER_MAX_SECONDS = 10;
 
 // Which saved set LoadPropertySet / SavePropertySet address.
 enum PropertySetKind { PropertySetLast, PropertySetCustomer };

@@ -37,7 +37,6 @@ constexpr ULONG kDeviceDescriptorSize = 18;
 constexpr ULONG kConfigurationHeaderSize = 9;
 constexpr ULONG kMaximumTransferSize = 0x10000;
 constexpr ULONG kPipeInformationSize = sizeof(USBD_PIPE_INFORMATION);  // 24
-constexpr UCHAR kRemoteWakeupBit = 0x20;
 
 // The status of a request: the submit's, or the URB's own when the submit
 // succeeded but the URB did not.
@@ -267,7 +266,7 @@ NTSTATUS UsbConfiguration::ConfigureUsbDevice()
 
     if (NT_SUCCESS(status)) {
         ReplaceTagged(&m_pConfigurationDescriptor, pConfiguration, kTagConfigurationDescriptor);
-        m_RemoteWakeup = (pConfiguration->bmAttributes & kRemoteWakeupBit) != 0 ? 1 : 0;
+        m_RemoteWakeup = (pConfiguration->bmAttributes & USB_CONFIG_REMOTE_WAKEUP) != 0 ? 1 : 0;
         status = SelectUsbInterfaces(pConfiguration);
     }
     ExFreePoolWithTag(pUrb, kTagRequest);
@@ -366,7 +365,7 @@ NTSTATUS UsbConfiguration::KeepFirstInterface(PUSBD_INTERFACE_INFORMATION pInfo,
         m_pPipes[i] = pInfo->Pipes[i];
         if (m_pPipes[i].PipeType != UsbdPipeTypeIsochronous) {
             m_InterruptPipe = &m_pPipes[i];
-        } else if (m_pPipes[i].EndpointAddress < 0x80) {
+        } else if (USB_ENDPOINT_DIRECTION_OUT(m_pPipes[i].EndpointAddress)) {
             m_IsoOutPipe = &m_pPipes[i];
         } else {
             m_IsoInPipe = &m_pPipes[i];
