@@ -28,6 +28,14 @@ void SelfTimer::CancelCountdown()
     }
 }
 
+void SelfTimer::FlushCountdown()
+{
+    if (m_CountdownTimerReady != 0) {
+        KeCancelTimer(&m_CountdownTimer);
+        KeFlushQueuedDpcs();
+    }
+}
+
 // Once a second while a countdown runs; the second after it reaches 0 the
 // still is requested and the timer stops.
 VOID SelfTimer::CountdownDpcRoutine(PKDPC pDpc, PVOID pContext, PVOID pArgument1, PVOID pArgument2)

@@ -15,6 +15,9 @@ public:
     void Initialize();
     // Device stop and remove: a running countdown is cancelled.
     void CancelCountdown();
+    // Remove: the timer is cancelled whatever the counter says, and a DPC of
+    // an expiry just before is waited for, as the device's memory goes next.
+    void FlushCountdown();
 
     LONG m_CountdownCounter;  // -1 when no countdown runs
     ULONG m_StillRequest;     // set when a countdown ends: the frame loop takes a still

@@ -11,9 +11,12 @@
 //   first byte. The receive buffer is zeroed, so a short answer (a 1-byte
 //   control asked for 2 bytes) reads as its value.
 // - A deferred request works on copies kept with its record - the data after
-//   the 56-byte record, the length in the record - not on the caller's
-//   buffer and length: the callers here pass stack buffers, and the caller
-//   never learns the result anyway.
+//   the operation, the length in the record - not on the caller's buffer and
+//   length: the callers here pass stack buffers, and the caller never learns
+//   the result anyway.
+// - Deferred operations (class requests at DISPATCH_LEVEL, and the ids whose
+//   action needs PASSIVE_LEVEL) run in the order they were queued, and stop
+//   and remove wait until none is queued or running.
 // - Steps that send several requests (0x0C00, 0x0909, the extension register)
 //   end at the first failing request and return its status.
 #include "controls/requests.h"
@@ -189,6 +192,21 @@ bool IsPlainProcessingUnitId(USHORT id)
     }
 }
 
+// The ids whose action waits or touches the registry.
+bool NeedsPassiveLevel(USHORT id)
+{
+    switch (id) {
+    case PROPID_SAVE_CUSTOMER:
+    case PROPID_LOAD_CUSTOMER:
+    case PROPID_EXTENSION_OPTION:
+    case PROPID_DEFAULT_ORIENTATION:
+    case PROPID_DEFAULT_EFFECTS:
+        return true;
+    default:
+        return false;
+    }
+}
+
 void PauseTenMilliseconds()
 {
     LARGE_INTEGER interval;
@@ -246,16 +264,37 @@ NTSTATUS SubmitClassRequest(const ControlRequestContext* pContext, USHORT wIndex
 
 }  // namespace
 
+// A deferred operation: a class request (its data follows the operation) or
+// a property set that must run at PASSIVE_LEVEL.
+struct ControlRequests::DeferredOperation {
+    LIST_ENTRY Link;
+    BOOLEAN Executed;     // run by its own or an earlier work item (under the run mutex)
+    BOOLEAN PropertySet;  // else a class request
+    USHORT Id;            // the property set's id and value
+    LONG Value;
+    DeferredClassRequest Request;  // the request, the work item and the owner
+};
+
 ControlRequests::ControlRequests(DeviceSettings* pSettings, const FormatTables* pFormats,
                                  const UsbConfiguration* pUsb)
     : m_CapturePinRunning(0),
       m_ControlReady(0),
       m_SpecialFrameReload(0),
       m_pControlContext(nullptr),
+      m_DeferredList(),
+      m_DeferredLock(0),
+      m_DeferredRunMutex(),
+      m_nDeferred(0),
+      m_DeferredOpen(FALSE),
+      m_NoDeferredEvent(),
       m_pSettings(pSettings),
       m_pFormats(pFormats),
       m_pUsb(pUsb)
 {
+    InitializeListHead(&m_DeferredList);
+    KeInitializeSpinLock(&m_DeferredLock);
+    KeInitializeMutex(&m_DeferredRunMutex, 0);
+    KeInitializeEvent(&m_NoDeferredEvent, NotificationEvent, FALSE);
 }
 
 ControlRequests::~ControlRequests()
@@ -274,6 +313,14 @@ NTSTATUS ControlRequests::Initialize(PDEVICE_OBJECT pFunctionalDeviceObject, PDE
     }
     m_pControlContext->pFunctionalDeviceObject = pFunctionalDeviceObject;
     m_pControlContext->pNextDeviceObject = pNextDeviceObject;
+    KIRQL oldIrql;
+    KeAcquireSpinLock(&m_DeferredLock, &oldIrql);
+    if (!m_DeferredOpen) {
+        m_DeferredOpen = TRUE;
+        m_nDeferred = 1;
+        KeClearEvent(&m_NoDeferredEvent);
+    }
+    KeReleaseSpinLock(&m_DeferredLock, oldIrql);
     return STATUS_SUCCESS;
 }
 
@@ -301,52 +348,133 @@ NTSTATUS ControlRequests::SendClassRequest(USHORT wIndex, UCHAR Request, USHORT 
             // as the synchronous path reports it.
             return STATUS_UNSUCCESSFUL;
         }
-        auto pRecord = static_cast<DeferredClassRequest*>(
-            ExAllocatePoolWithTag(NonPagedPoolNx, sizeof(DeferredClassRequest) + cbData, kTagRequest));
-        if (pRecord == nullptr) {
+        auto pOperation = static_cast<DeferredOperation*>(
+            ExAllocatePoolWithTag(NonPagedPoolNx, sizeof(DeferredOperation) + cbData, kTagRequest));
+        if (pOperation == nullptr) {
             DbgPrint("SendClassRequest: Failed to allocate the deferred request\n");
             return STATUS_INSUFFICIENT_RESOURCES;
         }
-        RtlZeroMemory(pRecord, sizeof(DeferredClassRequest));
-        pRecord->pWorkItem = IoAllocateWorkItem(m_pControlContext->pFunctionalDeviceObject);
-        if (pRecord->pWorkItem == nullptr) {
-            DbgPrint("SendClassRequest: Failed to allocate a work item\n");
-            ExFreePoolWithTag(pRecord, kTagRequest);
-            return STATUS_INSUFFICIENT_RESOURCES;
-        }
+        RtlZeroMemory(pOperation, sizeof(DeferredOperation));
+        DeferredClassRequest* pRecord = &pOperation->Request;
         pRecord->Function = URB_FUNCTION_CLASS_INTERFACE;
         pRecord->Request = Request;
         pRecord->Value = wValue;
         pRecord->Index = wIndex;
-        pRecord->pBuffer = cbData != 0 ? pRecord + 1 : nullptr;
+        pRecord->pBuffer = cbData != 0 ? pOperation + 1 : nullptr;
         if (cbData != 0) {
             RtlCopyMemory(pRecord->pBuffer, pBuffer, cbData);
         }
         pRecord->Direction = Request == UVC_SET_CUR ? USBD_TRANSFER_DIRECTION_OUT : USBD_TRANSFER_DIRECTION_IN;
         pRecord->Length = length;
         pRecord->pLength = &pRecord->Length;  // the caller never learns the result
-        pRecord->pRequests = this;
-        IoQueueWorkItem(pRecord->pWorkItem, DeferredRequestWorker, DelayedWorkQueue, pRecord);
-        return STATUS_PENDING;
+        return QueueDeferred(pOperation);
     }
     return SubmitClassRequest(m_pControlContext, wIndex, Request, wValue, pBuffer, length, pLength);
 }
 
-// The deferred request's work routine: the request with the saved
-// arguments, then the work item and the record are freed. Nobody learns the
-// result.
+// Queues an operation with a work item of its own. Once the queue is
+// closed (stop or remove has begun) nothing more is queued.
+NTSTATUS ControlRequests::QueueDeferred(DeferredOperation* pOperation)
+{
+    DeferredClassRequest* pRecord = &pOperation->Request;
+    pRecord->pRequests = this;
+    pRecord->pWorkItem = IoAllocateWorkItem(m_pControlContext->pFunctionalDeviceObject);
+    if (pRecord->pWorkItem == nullptr) {
+        DbgPrint("SendClassRequest: Failed to allocate a work item\n");
+        ExFreePoolWithTag(pOperation, kTagRequest);
+        return STATUS_INSUFFICIENT_RESOURCES;
+    }
+    KIRQL oldIrql;
+    KeAcquireSpinLock(&m_DeferredLock, &oldIrql);
+    const BOOLEAN open = m_DeferredOpen;
+    if (open) {
+        m_nDeferred++;
+        InsertTailList(&m_DeferredList, &pOperation->Link);
+    }
+    KeReleaseSpinLock(&m_DeferredLock, oldIrql);
+    if (!open) {
+        DbgPrint("SendClassRequest: the device is stopping, request dropped\n");
+        IoFreeWorkItem(pRecord->pWorkItem);
+        ExFreePoolWithTag(pOperation, kTagRequest);
+        return STATUS_DEVICE_NOT_READY;
+    }
+    IoQueueWorkItem(pRecord->pWorkItem, DeferredRequestWorker, DelayedWorkQueue, pOperation);
+    return STATUS_PENDING;
+}
+
+// At PASSIVE_LEVEL, under the run mutex.
+void ControlRequests::RunDeferred(DeferredOperation* pOperation)
+{
+    if (pOperation->PropertySet) {
+        SetDeviceProperty(pOperation->Id, pOperation->Value);
+        return;
+    }
+    DeferredClassRequest* pRecord = &pOperation->Request;
+    pRecord->Status = SubmitClassRequest(m_pControlContext, pRecord->Index, pRecord->Request, pRecord->Value,
+                                         pRecord->pBuffer, pRecord->Length, pRecord->pLength);
+}
+
+// A deferred operation's work routine: runs, in order, every operation
+// queued up to and including its own (some may have been run already by an
+// earlier work item), then frees its own. Nobody learns the results.
 VOID ControlRequests::DeferredRequestWorker(PDEVICE_OBJECT pDeviceObject, PVOID pContext)
 {
     UNREFERENCED_PARAMETER(pDeviceObject);
-    auto pRecord = static_cast<DeferredClassRequest*>(pContext);
-    ControlRequests* pRequests = pRecord->pRequests;
-    if (pRequests->m_pControlContext != nullptr) {
-        pRecord->Status = SubmitClassRequest(pRequests->m_pControlContext, pRecord->Index, pRecord->Request, pRecord->Value,
-                           pRecord->pBuffer, pRecord->Length, pRecord->pLength);
+    auto pOwn = static_cast<DeferredOperation*>(pContext);
+    ControlRequests* pRequests = pOwn->Request.pRequests;
+    KeWaitForSingleObject(&pRequests->m_DeferredRunMutex, Executive, KernelMode, FALSE, nullptr);
+    while (!pOwn->Executed) {
+        KIRQL oldIrql;
+        KeAcquireSpinLock(&pRequests->m_DeferredLock, &oldIrql);
+        PLIST_ENTRY pEntry = RemoveHeadList(&pRequests->m_DeferredList);
+        KeReleaseSpinLock(&pRequests->m_DeferredLock, oldIrql);
+        DeferredOperation* pNext = CONTAINING_RECORD(pEntry, DeferredOperation, Link);
+        pRequests->RunDeferred(pNext);
+        pNext->Executed = TRUE;
     }
-    IoFreeWorkItem(pRecord->pWorkItem);
-    pRecord->pWorkItem = nullptr;
-    ExFreePoolWithTag(pRecord, kTagRequest);
+    KeReleaseMutex(&pRequests->m_DeferredRunMutex, FALSE);
+
+    PIO_WORKITEM pWorkItem = pOwn->Request.pWorkItem;
+    ExFreePoolWithTag(pOwn, kTagRequest);
+    IoFreeWorkItem(pWorkItem);
+    KIRQL oldIrql;
+    KeAcquireSpinLock(&pRequests->m_DeferredLock, &oldIrql);
+    const LONG nLeft = --pRequests->m_nDeferred;
+    KeReleaseSpinLock(&pRequests->m_DeferredLock, oldIrql);
+    if (nLeft == 0) {
+        KeSetEvent(&pRequests->m_NoDeferredEvent, IO_NO_INCREMENT, FALSE);
+    }
+}
+
+void ControlRequests::WaitForDeferredRequests()
+{
+    KIRQL oldIrql;
+    KeAcquireSpinLock(&m_DeferredLock, &oldIrql);
+    const BOOLEAN open = m_DeferredOpen;
+    m_DeferredOpen = FALSE;
+    const LONG nLeft = open ? --m_nDeferred : 0;
+    KeReleaseSpinLock(&m_DeferredLock, oldIrql);
+    if (nLeft != 0) {
+        KeWaitForSingleObject(&m_NoDeferredEvent, Executive, KernelMode, FALSE, nullptr);
+    }
+}
+
+// The registry and the camera's register window need PASSIVE_LEVEL (the
+// register access waits between its steps and reads back what it wrote):
+// these ids run from a work item when set at raised IRQL.
+NTSTATUS ControlRequests::DeferPropertySet(USHORT Id, LONG Value)
+{
+    auto pOperation = static_cast<DeferredOperation*>(
+        ExAllocatePoolWithTag(NonPagedPoolNx, sizeof(DeferredOperation), kTagRequest));
+    if (pOperation == nullptr) {
+        DbgPrint("SetDeviceProperty: Failed to allocate the deferred request\n");
+        return STATUS_INSUFFICIENT_RESOURCES;
+    }
+    RtlZeroMemory(pOperation, sizeof(DeferredOperation));
+    pOperation->PropertySet = TRUE;
+    pOperation->Id = Id;
+    pOperation->Value = Value;
+    return QueueDeferred(pOperation);
 }
 
 // Little-endian; the request's status is ignored.
@@ -430,6 +558,9 @@ NTSTATUS ControlRequests::SetDeviceProperty(USHORT Id, LONG Value)
         return STATUS_UNSUCCESSFUL;
     }
     LONG* pSlot = settings.m_Property->Slot;
+    if (KeGetCurrentIrql() >= DISPATCH_LEVEL && NeedsPassiveLevel(Id)) {
+        return DeferPropertySet(Id, Value);
+    }
     if (IsPlainProcessingUnitId(Id)) {
         const CameraControl* pControl = FindCameraControl(Id);
         SetProcessingUnit(Id, Value);

@@ -26,6 +26,9 @@ public:
 
     // Allocates the control-request context ("KVrb") at device start.
     NTSTATUS Initialize(PDEVICE_OBJECT pFunctionalDeviceObject, PDEVICE_OBJECT pNextDeviceObject);
+    // Waits until no deferred request is queued or running (stop and remove:
+    // a deferred request uses the context and the device).
+    void WaitForDeferredRequests();
     void Release();
 
     // Synchronous at PASSIVE_LEVEL; at DISPATCH_LEVEL it queues a work item
@@ -48,17 +51,35 @@ public:
     ULONG m_SpecialFrameReload;  // photo frame 11 asks the frame loop to reload its picture
 
 private:
+    struct DeferredOperation;
     static IO_WORKITEM_ROUTINE DeferredRequestWorker;
+    NTSTATUS QueueDeferred(DeferredOperation* pOperation);
+    void RunDeferred(DeferredOperation* pOperation);
+    NTSTATUS DeferPropertySet(USHORT Id, LONG Value);
 
     ControlRequestContext* m_pControlContext;  // "KVrb"
+    // Deferred operations run one at a time, in the order they were queued:
+    // each work item runs every operation queued before its own first. The
+    // delayed work queue has several threads, so without this two requests
+    // could reach the camera in the other order.
+    LIST_ENTRY m_DeferredList;
+    KSPIN_LOCK m_DeferredLock;
+    KMUTEX m_DeferredRunMutex;
+    // While open: 1 (the device's own count, dropped by the wait) plus the
+    // operations queued or running. It reaches 0 once per start, after the
+    // wait closed the queue, and the operation that brings it there sets
+    // m_NoDeferredEvent as the last thing it does with the device.
+    LONG m_nDeferred;
+    BOOLEAN m_DeferredOpen;
+    KEVENT m_NoDeferredEvent;
     DeviceSettings* m_pSettings;
     const FormatTables* m_pFormats;
     const UsbConfiguration* m_pUsb;
 };
 
 // A request deferred from DISPATCH_LEVEL to a work item (56 bytes on x64).
-// The record is allocated with a copy of the caller's data after it;
-// pBuffer points at that copy and pLength at Length, so the caller's own
+// It is kept in a deferred operation, with a copy of the caller's data after
+// it; pBuffer points at that copy and pLength at Length, so the caller's own
 // buffer and length may go away as soon as SendClassRequest returns.
 struct DeferredClassRequest {
     PIO_WORKITEM pWorkItem;

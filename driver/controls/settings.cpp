@@ -365,17 +365,19 @@ NTSTATUS DeviceSettings::LoadDataKey()
     if (ReadDwordFresh(path, L"DropFrameCntVGA", &value)) {
         m_DropFrameCntVGA = value;
     }
-    m_Key1Function = 0;
-    m_Key2Function = 0;
-    path.ReadDword(L"Key1Function", &m_Key1Function);
-    path.ReadDword(L"Key2Function", &m_Key2Function);
+    m_Key1Function = ReadDwordFresh(path, L"Key1Function", &value) ? value : 0;
+    m_Key2Function = ReadDwordFresh(path, L"Key2Function", &value) ? value : 0;
 
     // The two values the driver creates when missing.
-    if (!NT_SUCCESS(path.ReadDword(L"TrackingWindowSize", &m_TrackingWindowSize))) {
+    if (ReadDwordFresh(path, L"TrackingWindowSize", &value)) {
+        m_TrackingWindowSize = value;
+    } else {
         m_TrackingWindowSize = 4;
         path.WriteDword(L"TrackingWindowSize", 4);
     }
-    if (!NT_SUCCESS(path.ReadDword(L"TrackingFocus", &m_TrackingFocus))) {
+    if (ReadDwordFresh(path, L"TrackingFocus", &value)) {
+        m_TrackingFocus = value;
+    } else {
         m_TrackingFocus = 2;
         path.WriteDword(L"TrackingFocus", 2);
     }

@@ -290,6 +290,7 @@ void CCaptureDevice::PnpStop()
     m_Usb.DeconfigureUsbDevice();
     m_SelfTimer.CancelCountdown();
     // The interrupt endpoint's transfer stops here, once the button joins.
+    m_Requests.WaitForDeferredRequests();
     ReleaseAllocations();
     m_Settings.WriteDeviceExist(2);
 }
@@ -299,7 +300,9 @@ void CCaptureDevice::PnpRemove()
 {
     DbgPrint("PnP Remove\n");
     m_SelfTimer.CancelCountdown();
+    m_SelfTimer.FlushCountdown();
     m_Idle.EndIdleManagement(FALSE);
+    m_Requests.WaitForDeferredRequests();
     ReleaseAllocations();
 }
 

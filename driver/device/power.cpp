@@ -126,9 +126,15 @@ void IdlePower::TimerRestartWorkRoutine(PDEVICE_OBJECT pDeviceObject, PVOID pCon
 {
     UNREFERENCED_PARAMETER(pDeviceObject);
     auto* pIdle = static_cast<IdlePower*>(pContext);
+    // Checked and armed under the lock that EndIdleManagement clears
+    // m_IdleActive under: a timer armed before the clear is cancelled after
+    // it, and none is armed after it.
+    KIRQL oldIrql;
+    KeAcquireSpinLock(&pIdle->m_IdleSpinLock, &oldIrql);
     if (pIdle->m_IdleActive != 0) {
         SetIdleTimer(&pIdle->m_IdleTimer, &pIdle->m_IdleDpc);
     }
+    KeReleaseSpinLock(&pIdle->m_IdleSpinLock, oldIrql);
     PIO_WORKITEM pWorkItem = pIdle->m_pTimerRestartWorkItem;
     pIdle->m_pTimerRestartWorkItem = nullptr;
     IoFreeWorkItem(pWorkItem);

@@ -340,14 +340,16 @@ NTSTATUS UsbConfiguration::KeepFirstInterface(PUSBD_INTERFACE_INFORMATION pInfo,
     RtlCopyMemory(pInfoCopy, pInfo, pInfo->Length);
     ReplaceTagged(&m_pInterfaceInformation, pInfoCopy, kTagInterfaceList);
     m_ConfigurationHandle = hConfiguration;
-    if (pInfo->NumberOfPipes == 0) {
-        return STATUS_SUCCESS;
-    }
 
-    // Room for the largest alternate setting (SelectAlternateInterface).
+    // Room for the largest alternate setting (SelectAlternateInterface), even
+    // when the first interface has no pipes: a camera without the optional
+    // interrupt endpoint still streams through its alternate settings.
     ULONG nCapacity = LargestEndpointCount(m_pConfigurationDescriptor);
     if (nCapacity < pInfo->NumberOfPipes) {
         nCapacity = pInfo->NumberOfPipes;
+    }
+    if (nCapacity == 0) {
+        return STATUS_SUCCESS;
     }
     auto pPipes = static_cast<PUSBD_PIPE_INFORMATION>(
         ExAllocatePoolWithTag(NonPagedPoolNx, nCapacity * kPipeInformationSize, kTagPipes));
