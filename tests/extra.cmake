@@ -29,7 +29,7 @@ set_tests_properties(kvcam_rejects_an_unknown_command PROPERTIES WILL_FAIL TRUE)
 add_test(NAME kvcam_driver_rejects_a_file_that_is_not_pe COMMAND kvcam driver --sys ${CMAKE_CURRENT_SOURCE_DIR}/windows/user_mode_import.c)
 set_tests_properties(kvcam_driver_rejects_a_file_that_is_not_pe PROPERTIES WILL_FAIL TRUE)
 
-# kvcam formats / info (issue 7) on the simulated system. With a
+# kvcam formats / info on the simulated system. With a
 # PASS_REGULAR_EXPRESSION ctest ignores the exit code, so the failed starts
 # are checked by their output; tests/tools/kvcam_cli_test.cpp checks the exit
 # codes and parses the JSON.

@@ -178,7 +178,7 @@ TEST_F(HarnessTest, UnusableCameraDescriptorsFailTheBoot)
     EXPECT_FALSE(system.errors().empty());
 }
 
-// ---- End to end: these need the driver's start sequence (Part 1.1) ----
+// ---- End to end: these need the driver's PnP start ----
 
 TEST_F(HarnessTest, DefaultCameraStartsAndTheFilterIsFoundByVideoAndCaptureCategory)
 {

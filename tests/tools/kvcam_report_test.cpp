@@ -1,5 +1,5 @@
 // kvcam's output building blocks: GUID and NTSTATUS text, the JSON writer,
-// the JSON object of one KS_DATARANGE_VIDEO (issue 7's keys, in order) and
+// the JSON object of one KS_DATARANGE_VIDEO (its fields' names, in order) and
 // the `kvcam formats --json` object for a failed and a successful start.
 // The JSON is parsed back with the tests' own reader (json_reader.h).
 #include <gtest/gtest.h>
@@ -95,7 +95,7 @@ TEST(KvcamJson, ObjectsKeepMemberOrderAndParseBack)
     }
 }
 
-TEST(KvcamFormatsJson, RangeObjectHasExactlyTheIssuesKeysInOrderWithItsValues)
+TEST(KvcamFormatsJson, RangeObjectHasExactlyTheFieldNamesInOrderWithTheirValues)
 {
     jsonr::Value v = ParseOrFail(kvcam::DataRangeJson(DistinctRange()));
     ASSERT_EQ(v.Keys(), kRangeKeys);

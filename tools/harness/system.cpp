@@ -24,8 +24,8 @@ namespace {
 
 // What an installation of the driver puts in the registry (the INF's
 // AddService and AddReg): the service key with its standard values for a
-// demand-start kernel driver, and the empty subkeys Part 3.1 opens (the
-// driver opens them, it never creates them).
+// demand-start kernel driver, and the empty subkeys that hold the driver's
+// settings (the driver opens them, it never creates them).
 // https://learn.microsoft.com/windows-hardware/drivers/install/inf-addservice-directive
 struct InstallDword {
     const char* name;
@@ -40,9 +40,9 @@ constexpr const char* kServiceImagePath = "\\SystemRoot\\System32\\drivers\\kvdr
 constexpr const char* kInstalledSubkeys[] = {"\\Data", "\\Property\\Default", "\\Property\\Last",
                                              "\\Property\\Customer"};
 
-// The debug lines that name a failing start step (Part 1.1's start sequence,
-// and Part 1.4's InitNodeAndTopologyDescriptor whose step has no line of
-// its own); a step's own callee may print other lines first.
+// The debug lines that name a failing start step (the driver's PnP start,
+// and the capture filter's InitNodeAndTopologyDescriptor, whose step has no
+// line of its own); a step's own callee may print other lines first.
 constexpr std::string_view kStartStepPrefixes[] = {
     "Kvdrv PnP start",
     "CCaptureDevice::InitNodeAndTopologyDescriptor()",

@@ -20,8 +20,8 @@
 //
 // Shutdown, in Windows' order: the client's handles closed; the device
 // removed (IRP_MN_QUERY_REMOVE_DEVICE, IRP_MN_REMOVE_DEVICE: ks.sys calls the
-// driver's Stop before its Remove for a started device, which is where Part
-// 1.1 writes "DeviceExist" = 2); the camera unplugged; the driver unloaded;
+// driver's Stop before its Remove for a started device, which is where the
+// driver writes "DeviceExist" = 2); the camera unplugged; the driver unloaded;
 // the registry saved back to the .reg file.
 // https://learn.microsoft.com/windows-hardware/drivers/kernel/removing-a-device-in-a-function-driver
 // https://learn.microsoft.com/windows-hardware/drivers/ddi/ks/ns-ks-_ksdevice_dispatch
@@ -39,8 +39,9 @@
 
 namespace kvharness {
 
-// The driver's service name: Part 3.1's registry root is fixed to
-// "...\Services\USBKV" in the driver, so the service is installed as USBKV.
+// The driver's service name: the driver's registry root (its settings under
+// \Data and \Property) is fixed to "...\Services\USBKV", so the service is
+// installed as USBKV.
 inline constexpr char16_t kServiceName[] = u"USBKV";
 inline constexpr char kServiceKey[] = "\\Registry\\Machine\\SYSTEM\\CurrentControlSet\\Services\\USBKV";
 

@@ -1,6 +1,7 @@
 // `kvcam formats`: starts the driver on a camera in the simulation and
 // prints the start's result and the capture and still pins' data ranges as
-// a client reads them (issue 7), as a table or as one JSON object.
+// a client reads them (KSPROPERTY_PIN_DATARANGES), as a table or as one JSON
+// object.
 #include <cstdio>
 
 #include "commands.h"

@@ -11,7 +11,8 @@
 
 namespace kvcam {
 
-// The driver's pin ids of Part 1.4: capture, video input bridge, still.
+// The driver's pin ids: capture, video input bridge, still (the order of its
+// filter descriptor's pin table).
 inline constexpr ULONG kCapturePinId = 0;
 inline constexpr ULONG kStillPinId = 2;
 
@@ -27,8 +28,8 @@ struct FormatsReport {
 // Opens the system's filter (when started) and reads both pins' ranges.
 FormatsReport CollectFormats(kvharness::System& system);
 
-// One KS_DATARANGE_VIDEO as a one-line JSON object with the keys of issue 7,
-// in this order: SubFormat, SampleSize, bFixedSizeSamples,
+// One KS_DATARANGE_VIDEO as a one-line JSON object named by the structures'
+// own fields, in this order: SubFormat, SampleSize, bFixedSizeSamples,
 // bTemporalCompression, StreamDescriptionFlags, MinFrameInterval,
 // MaxFrameInterval, MinBitsPerSecond, MaxBitsPerSecond, AvgTimePerFrame,
 // dwBitRate, biWidth, biHeight, biBitCount, biCompression, biSizeImage.
