@@ -116,11 +116,21 @@ private:
     std::unique_ptr<kvsim::client::Filter> filter_;
 };
 
-// Reads a camera's two descriptor files. `devicePath` empty: the file beside
-// `configPath` with ".cfg_desc.bin" replaced by ".dev_desc.bin". nullopt
-// with *error set when a file cannot be read.
+// Reads a camera's descriptor files. `devicePath` empty: the file beside
+// `configPath` with ".cfg_desc.bin" replaced by ".dev_desc.bin"; when there
+// is no such file (many published dumps hold the configuration descriptor
+// alone) the device descriptor is PlainDeviceDescriptor's and *deviceBuilt,
+// when given, is set. nullopt with *error set when a file cannot be read.
 std::optional<kvsim::camera::DescriptorSet> LoadCameraFiles(const std::string& configPath, std::string devicePath,
-                                                            std::string* error);
+                                                            std::string* error, bool* deviceBuilt = nullptr);
+
+// The device descriptor of a plain high-speed USB 2.0 device with the given
+// configuration (USB 2.0 section 9.6.1): bcdUSB 0x0200, bMaxPacketSize0 64,
+// vendor, product and bcdDevice 0, no strings, one configuration. The device
+// class is the one a composite device with an interface association
+// announces (0xEF/0x02/0x01, the IAD ECN) when the configuration holds an
+// interface association descriptor, else 0/0/0 (class per interface).
+std::vector<uint8_t> PlainDeviceDescriptor(const std::vector<uint8_t>& configuration);
 
 // The folder of the shared real cameras: $KV_SHARED_DIR/cameras when the
 // variable is set, else `fallbackSharedDir`/cameras.
