@@ -36,7 +36,7 @@ int RunFormatsCommand(std::span<const std::string_view> args)
     }
     return RunOnSystem("formats", parsed, [json](kvharness::System& system) {
         FormatsReport report = CollectFormats(system);
-        std::string out = json ? FormatsJson(report) : FormatsTable(report);
+        std::string out = json ? JsonText(FormatsJson(report)) + "\n" : FormatsTable(report);
         std::fputs(out.c_str(), stdout);
         if (!report.error.empty()) {
             std::fprintf(stderr, "kvcam formats: %s\n", report.error.c_str());

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "filter_view.h"
+#include "json.h"
 #include "system.h"
 
 namespace kvcam {
@@ -28,15 +29,15 @@ struct FormatsReport {
 // Opens the system's filter (when started) and reads both pins' ranges.
 FormatsReport CollectFormats(kvharness::System& system);
 
-// One KS_DATARANGE_VIDEO as a one-line JSON object named by the structures'
-// own fields, in this order: SubFormat, SampleSize, bFixedSizeSamples,
+// One KS_DATARANGE_VIDEO as a JSON object named by the structures' own
+// fields, in this order: SubFormat, SampleSize, bFixedSizeSamples,
 // bTemporalCompression, StreamDescriptionFlags, MinFrameInterval,
 // MaxFrameInterval, MinBitsPerSecond, MaxBitsPerSecond, AvgTimePerFrame,
 // dwBitRate, biWidth, biHeight, biBitCount, biCompression, biSizeImage.
-std::string DataRangeJson(const KS_DATARANGE_VIDEO& range);
+Json DataRangeJson(const KS_DATARANGE_VIDEO& range);
 // The `kvcam formats --json` object: start_status, start_message, and when
 // started capture and still.
-std::string FormatsJson(const FormatsReport& report);
+Json FormatsJson(const FormatsReport& report);
 // The same as a readable table.
 std::string FormatsTable(const FormatsReport& report);
 
