@@ -1,17 +1,18 @@
 // The system harness (tools/harness): the machine it assembles for kvcam and
 // the driver's tests. Registry files are created when missing, reloaded when
-// present and never overwritten when unreadable; camera files are found; the
-// driver loads and starts on the built-in camera and on the shared real
-// cameras; the start's status and failing line are those the driver printed;
-// the capture filter is found by category and read like a client does.
+// present and never overwritten when unreadable; camera files are found, and
+// a configuration descriptor alone gets a plain device descriptor; the
+// driver loads and starts on the built-in camera; unusable descriptors fail
+// the boot; the capture filter is found by category and read like a client
+// does. (The shared real cameras' starts: kvcam_cli_test.)
 #include <gtest/gtest.h>
 
 #include <filesystem>
 #include <fstream>
+#include <set>
 
 #include "camera/camera_model.h"
 #include "filter_view.h"
-#include "kvsim/diag.h"
 #include "kvsim/files.h"
 #include "kvsim/registry.h"
 #include "report.h"
@@ -23,8 +24,6 @@ namespace fs = std::filesystem;
 
 const std::string kService = kvharness::kServiceKey;
 const std::string kData = kService + "\\Data";
-
-constexpr const char* kNoStillMessage = "Kvdrv PnP start : ExtractStillInfo return error (Status 0xC000000D )";
 
 class HarnessTest : public ::testing::Test {
 protected:
@@ -47,18 +46,10 @@ protected:
 
     static std::string CamerasDir() { return kvharness::SharedCamerasDir(KV_SHARED_DIR); }
 
-    static kvsim::camera::DescriptorSet SharedCamera(const std::string& name)
-    {
-        std::string error;
-        auto set = kvharness::LoadCameraFiles(CamerasDir() + "/" + name + ".cfg_desc.bin", "", &error);
-        EXPECT_TRUE(set.has_value()) << error;
-        return set.value_or(kvsim::camera::DescriptorSet{});
-    }
-
     fs::path dir_;
 };
 
-TEST_F(HarnessTest, LoadsTheDriverAndPlugsTheDefaultCameraAtHighSpeed)
+TEST_F(HarnessTest, BootLoadsTheDriverInstallsItsKeysAndPlugsTheDefaultCameraAtHighSpeed)
 {
     kvharness::System system({});
     ASSERT_TRUE(system.Boot());
@@ -68,62 +59,50 @@ TEST_F(HarnessTest, LoadsTheDriverAndPlugsTheDefaultCameraAtHighSpeed)
     std::vector<std::string> log = system.DebugMessages();
     ASSERT_FALSE(log.empty());
     EXPECT_EQ(log.front(), "init Driver entry get called\n");
-    EXPECT_TRUE(system.Shutdown());
-    EXPECT_TRUE(system.Shutdown()) << "a second shutdown is harmless";
-}
-
-TEST_F(HarnessTest, InstallsTheServiceKeyAndItsSubkeysWhereMissing)
-{
-    kvharness::System system({});
-    ASSERT_TRUE(system.Boot());
+    // The service key of a demand-start kernel driver, and the subkeys the
+    // driver opens but never creates.
     EXPECT_EQ(kvsim::RegGetDword(kService, "Type"), 1u);
     EXPECT_EQ(kvsim::RegGetDword(kService, "Start"), 3u);
     for (const char* subkey : {"\\Data", "\\Property\\Default", "\\Property\\Last", "\\Property\\Customer"}) {
         EXPECT_TRUE(kvsim::RegKeyExists(kService + subkey)) << subkey;
     }
+    EXPECT_TRUE(system.Shutdown());
+    EXPECT_TRUE(system.Shutdown()) << "a second shutdown is harmless";
 }
 
-TEST_F(HarnessTest, RegistryFileIsCreatedWhenMissingAndReloadedNextTime)
+TEST_F(HarnessTest, RegistryFileIsCreatedWithTheDriversValuesAndReloadedNextTime)
 {
-    const std::string reg = Path("r.reg");
+    kvharness::SystemOptions options;
+    options.registryFile = Path("r.reg");
     {
-        kvharness::SystemOptions options;
-        options.registryFile = reg;
         kvharness::System system(options);
         ASSERT_TRUE(system.Boot());
+        ASSERT_TRUE(system.started()) << kvharness::FormatStatus(system.startStatus());
         // A setting made during the run, as a property set would.
         kvsim::RegSetDword(kService + "\\Property\\Last", "Brightness", 77);
         ASSERT_TRUE(system.Shutdown());
     }
-    ASSERT_TRUE(fs::exists(reg));
+    kvsim::RegReset();
+    ASSERT_TRUE(kvsim::RegLoadFile(options.registryFile).ok());
+    EXPECT_EQ(kvsim::RegGetDword(kData, "DeviceExist"), 2u) << "written by the driver's stop";
+    EXPECT_EQ(kvsim::RegGetDword(kData, "TrackingWindowSize"), 4u);
+    EXPECT_EQ(kvsim::RegGetDword(kData, "TrackingFocus"), 2u);
+    // A value changed in the file between runs (as regedit would) reaches
+    // the driver, which reads it and must not replace it.
+    kvsim::RegSetDword(kData, "TrackingWindowSize", 7);
+    ASSERT_TRUE(kvsim::RegSaveFile(options.registryFile));
     kvsim::RegReset();
     ASSERT_FALSE(kvsim::RegKeyExists(kService));
     {
-        kvharness::SystemOptions options;
-        options.registryFile = reg;
         kvharness::System system(options);
         ASSERT_TRUE(system.Boot());
         EXPECT_EQ(kvsim::RegGetDword(kService + "\\Property\\Last", "Brightness"), 77u);
         EXPECT_EQ(kvsim::RegGetString(kService, "ImagePath"), "\\SystemRoot\\System32\\drivers\\kvdrv.sys");
-    }
-}
-
-TEST_F(HarnessTest, ValuesOfTheRegistryFileReachTheDriverAndAreKept)
-{
-    const std::string reg = Path("in.reg");
-    std::ofstream(reg) << "Windows Registry Editor Version 5.00\r\n\r\n"
-                          "[HKEY_LOCAL_MACHINE\\SYSTEM\\CurrentControlSet\\Services\\USBKV\\Data]\r\n"
-                          "\"TrackingWindowSize\"=dword:00000007\r\n";
-    kvharness::SystemOptions options;
-    options.registryFile = reg;
-    {
-        kvharness::System system(options);
-        ASSERT_TRUE(system.Boot());
         ASSERT_TRUE(system.Shutdown());
     }
     kvsim::RegReset();
-    ASSERT_TRUE(kvsim::RegLoadFile(reg).ok());
-    EXPECT_EQ(kvsim::RegGetDword(kData, "TrackingWindowSize"), 7u) << "the driver reads it and must not replace it";
+    ASSERT_TRUE(kvsim::RegLoadFile(options.registryFile).ok());
+    EXPECT_EQ(kvsim::RegGetDword(kData, "TrackingWindowSize"), 7u);
 }
 
 TEST_F(HarnessTest, UnreadableRegistryFileFailsTheBootAndIsNotOverwritten)
@@ -143,17 +122,42 @@ TEST_F(HarnessTest, UnreadableRegistryFileFailsTheBootAndIsNotOverwritten)
     EXPECT_EQ(after, text);
 }
 
-TEST_F(HarnessTest, CameraFilesAreFoundBesideTheConfigurationDescriptor)
+TEST_F(HarnessTest, CameraFilesAreFoundAndAConfigurationAloneGetsAPlainDeviceDescriptor)
 {
+    const std::string config = CamerasDir() + "/trust_webcam.cfg_desc.bin";
+    const std::string device = CamerasDir() + "/trust_webcam.dev_desc.bin";
     std::string error;
-    auto set = kvharness::LoadCameraFiles(CamerasDir() + "/trust_webcam.cfg_desc.bin", "", &error);
+    bool built = true;
+    auto set = kvharness::LoadCameraFiles(config, "", &error, &built);
     ASSERT_TRUE(set.has_value()) << error;
+    EXPECT_FALSE(built);
     EXPECT_EQ(set->device.size(), 18u);
     EXPECT_GT(set->configuration.size(), 9u);
-
     EXPECT_FALSE(kvharness::LoadCameraFiles(Path("none.cfg_desc.bin"), "", &error));
     EXPECT_NE(error.find("none.cfg_desc.bin"), std::string::npos) << error;
-    EXPECT_FALSE(kvharness::LoadCameraFiles(Path("odd.bin"), "", &error)) << "no suffix to derive --device from";
+    EXPECT_FALSE(kvharness::LoadCameraFiles(config, Path("none.bin"), &error)) << "a named device file must be there";
+    EXPECT_NE(error.find("none.bin"), std::string::npos) << error;
+
+    // The configuration alone, under any name; a named device file wins.
+    fs::copy_file(config, Path("trust.bin"));
+    auto alone = kvharness::LoadCameraFiles(Path("trust.bin"), "", &error, &built);
+    ASSERT_TRUE(alone.has_value()) << error;
+    EXPECT_TRUE(built);
+    EXPECT_EQ(alone->configuration, set->configuration);
+    EXPECT_EQ(alone->device, (std::vector<uint8_t>{18, 1, 0x00, 0x02, 0xEF, 0x02, 0x01, 64, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1}));
+    auto given = kvharness::LoadCameraFiles(Path("trust.bin"), device, &error, &built);
+    ASSERT_TRUE(given.has_value()) << error;
+    EXPECT_FALSE(built);
+    EXPECT_EQ(given->device, set->device);
+
+    // Without an interface association the class is left to the interfaces
+    // (0/0/0); a descriptor cut short (an association here) ends the walk.
+    const std::vector<uint8_t> noIad = {9, 2, 18, 0, 1, 1, 0, 0x80, 50, 9, 4, 0, 0, 0, 0xFF, 0, 0, 0};
+    const std::vector<uint8_t> cut = {9, 2, 18, 0, 1, 1, 0, 0x80, 50, 8, 0x0B, 0, 2, 14, 3};
+    for (const std::vector<uint8_t>& configuration : {noIad, cut}) {
+        EXPECT_EQ(kvharness::PlainDeviceDescriptor(configuration),
+                  (std::vector<uint8_t>{18, 1, 0x00, 0x02, 0, 0, 0, 64, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1}));
+    }
 }
 
 TEST_F(HarnessTest, SystemRootIsMappedWhileTheSystemRuns)
@@ -178,106 +182,40 @@ TEST_F(HarnessTest, UnusableCameraDescriptorsFailTheBoot)
     EXPECT_FALSE(system.errors().empty());
 }
 
-// ---- End to end: these need the driver's start sequence (Part 1.1) ----
-
-TEST_F(HarnessTest, DefaultCameraStartsAndTheFilterIsFoundByVideoAndCaptureCategory)
+TEST_F(HarnessTest, DefaultCameraStartsAndItsFilterShowsItsFramesAndStillSizes)
 {
     kvharness::System system({});
     ASSERT_TRUE(system.Boot());
     ASSERT_EQ(system.startStatus(), STATUS_SUCCESS) << system.startMessage().value_or("(no message)");
     EXPECT_EQ(system.startMessage(), std::nullopt);
+    // Found by KSCATEGORY_VIDEO and KSCATEGORY_CAPTURE, as an application does.
     ASSERT_EQ(system.OpenFilter(), STATUS_SUCCESS);
     ASSERT_NE(system.filter(), nullptr);
-
     std::vector<kvharness::PinView> pins;
     ASSERT_EQ(kvharness::ReadPins(*system.filter(), &pins), STATUS_SUCCESS);
     ASSERT_EQ(pins.size(), 3u);
     EXPECT_EQ(kvharness::GuidName(pins[0].category), "PINNAME_VIDEO_CAPTURE");
     EXPECT_EQ(kvharness::GuidName(pins[2].category), "PINNAME_VIDEO_STILL");
-}
 
-TEST_F(HarnessTest, DefaultCamerasRangesMatchItsFramesAndStillSizes)
-{
-    kvharness::System system({});
-    ASSERT_TRUE(system.Boot());
     kvcam::FormatsReport report = kvcam::CollectFormats(system);
     ASSERT_TRUE(report.started) << kvharness::FormatStatus(report.startStatus);
     ASSERT_EQ(report.error, "");
     ASSERT_FALSE(report.capture.empty());
     ASSERT_FALSE(report.still.empty());
-    const kvsim::camera::CameraModel& model = system.camera()->Model();
-    auto hasFrame = [&](LONG w, LONG h) {
-        for (const auto& vs : model.streaming)
-            for (const auto& f : vs.formats)
-                for (const auto& fr : f.frames)
-                    if (fr.width == w && fr.height == std::abs(h)) return true;
-        return false;
-    };
-    auto hasStill = [&](LONG w, LONG h) {
-        for (const auto& vs : model.streaming)
-            for (const auto& f : vs.formats)
-                for (const auto& s : f.stills)
-                    if (s.width == w && s.height == std::abs(h)) return true;
-        return false;
-    };
-    for (const KS_DATARANGE_VIDEO& r : report.capture) {
-        const auto& bmi = r.VideoInfoHeader.bmiHeader;
-        EXPECT_TRUE(hasFrame(bmi.biWidth, bmi.biHeight)) << bmi.biWidth << "x" << bmi.biHeight;
-    }
-    for (const KS_DATARANGE_VIDEO& r : report.still) {
-        const auto& bmi = r.VideoInfoHeader.bmiHeader;
-        EXPECT_TRUE(hasStill(bmi.biWidth, bmi.biHeight)) << bmi.biWidth << "x" << bmi.biHeight;
-    }
-}
-
-TEST_F(HarnessTest, RegistryFileHoldsTheDataValuesOfStartAndStop)
-{
-    const std::string reg = Path("r.reg");
-    {
-        kvharness::SystemOptions options;
-        options.registryFile = reg;
-        kvharness::System system(options);
-        ASSERT_TRUE(system.Boot());
-        ASSERT_TRUE(system.started()) << kvharness::FormatStatus(system.startStatus());
-        ASSERT_TRUE(system.Shutdown());
-    }
-    kvsim::RegReset();
-    ASSERT_TRUE(kvsim::RegLoadFile(reg).ok());
-    EXPECT_EQ(kvsim::RegGetDword(kData, "DeviceExist"), 2u);
-    EXPECT_EQ(kvsim::RegGetDword(kData, "TrackingWindowSize"), 4u);
-    EXPECT_EQ(kvsim::RegGetDword(kData, "TrackingFocus"), 2u);
-}
-
-TEST_F(HarnessTest, SharedCamerasStartOnlyWithAStillImageDescriptor)
-{
-    int cameras = 0;
-    for (const fs::directory_entry& e : fs::directory_iterator(CamerasDir())) {
-        std::string file = e.path().filename().string();
-        const std::string suffix = ".cfg_desc.bin";
-        if (!file.ends_with(suffix)) continue;
-        std::string name = file.substr(0, file.size() - suffix.size());
-        SCOPED_TRACE(name);
-        ++cameras;
-        kvsim::camera::DescriptorSet set = SharedCamera(name);
-        kvsim::camera::ParseResult parsed = kvsim::camera::ParseCameraModel(set.device, set.configuration);
-        bool hasStill = false;
-        for (const auto& vs : parsed.model.streaming)
-            for (const auto& f : vs.formats) hasStill = hasStill || !f.stills.empty();
-
-        kvharness::SystemOptions options;
-        options.camera = set;
-        kvharness::System system(options);
-        ASSERT_TRUE(system.Boot());
-        if (hasStill) {
-            EXPECT_EQ(system.startStatus(), STATUS_SUCCESS) << system.startMessage().value_or("");
-            EXPECT_EQ(system.startMessage(), std::nullopt);
-        } else {
-            EXPECT_EQ(system.startStatus(), STATUS_INVALID_PARAMETER);
-            EXPECT_EQ(system.startMessage(), kNoStillMessage);
+    std::set<std::pair<LONG, LONG>> frames, stills;  // width, height
+    for (const auto& vs : system.camera()->Model().streaming) {
+        for (const auto& f : vs.formats) {
+            for (const auto& fr : f.frames) frames.emplace(fr.width, fr.height);
+            for (const auto& s : f.stills) stills.emplace(s.width, s.height);
         }
-        system.Shutdown();
     }
-    EXPECT_GE(cameras, 3);
+    for (bool still : {false, true}) {
+        for (const KS_DATARANGE_VIDEO& r : still ? report.still : report.capture) {
+            const auto& bmi = r.VideoInfoHeader.bmiHeader;
+            EXPECT_TRUE((still ? stills : frames).contains({bmi.biWidth, std::abs(bmi.biHeight)}))
+                << bmi.biWidth << "x" << bmi.biHeight;
+        }
+    }
 }
 
 }  // namespace

@@ -9,6 +9,7 @@
 #include <iterator>
 #include <string_view>
 
+#include "camera/uvc_spec.h"
 #include "kvsim/diag.h"
 #include "kvsim/devinterface.h"
 #include "kvsim/files.h"
@@ -24,8 +25,8 @@ namespace {
 
 // What an installation of the driver puts in the registry (the INF's
 // AddService and AddReg): the service key with its standard values for a
-// demand-start kernel driver, and the empty subkeys Part 3.1 opens (the
-// driver opens them, it never creates them).
+// demand-start kernel driver, and the empty subkeys that hold the driver's
+// settings (the driver opens them, it never creates them).
 // https://learn.microsoft.com/windows-hardware/drivers/install/inf-addservice-directive
 struct InstallDword {
     const char* name;
@@ -40,9 +41,9 @@ constexpr const char* kServiceImagePath = "\\SystemRoot\\System32\\drivers\\kvdr
 constexpr const char* kInstalledSubkeys[] = {"\\Data", "\\Property\\Default", "\\Property\\Last",
                                              "\\Property\\Customer"};
 
-// The debug lines that name a failing start step (Part 1.1's start sequence,
-// and Part 1.4's InitNodeAndTopologyDescriptor whose step has no line of
-// its own); a step's own callee may print other lines first.
+// The debug lines that name a failing start step (the driver's PnP start,
+// and the capture filter's InitNodeAndTopologyDescriptor, whose step has no
+// line of its own); a step's own callee may print other lines first.
 constexpr std::string_view kStartStepPrefixes[] = {
     "Kvdrv PnP start",
     "CCaptureDevice::InitNodeAndTopologyDescriptor()",
@@ -245,15 +246,18 @@ bool System::Shutdown()
 }
 
 std::optional<kvsim::camera::DescriptorSet> LoadCameraFiles(const std::string& configPath, std::string devicePath,
-                                                            std::string* error)
+                                                            std::string* error, bool* deviceBuilt)
 {
     constexpr std::string_view kConfigSuffix = ".cfg_desc.bin";
+    if (deviceBuilt != nullptr) {
+        *deviceBuilt = false;
+    }
+    bool buildDevice = false;
     if (devicePath.empty()) {
-        if (!std::string_view(configPath).ends_with(kConfigSuffix)) {
-            *error = configPath + ": name the device descriptor with --device (no .cfg_desc.bin suffix to replace)";
-            return std::nullopt;
+        if (std::string_view(configPath).ends_with(kConfigSuffix)) {
+            devicePath = configPath.substr(0, configPath.size() - kConfigSuffix.size()) + ".dev_desc.bin";
         }
-        devicePath = configPath.substr(0, configPath.size() - kConfigSuffix.size()) + ".dev_desc.bin";
+        buildDevice = devicePath.empty() || !std::filesystem::exists(devicePath);
     }
     kvsim::camera::DescriptorSet set;
     std::optional<std::vector<uint8_t>> configuration = ReadBytes(configPath);
@@ -261,14 +265,48 @@ std::optional<kvsim::camera::DescriptorSet> LoadCameraFiles(const std::string& c
         *error = configPath + ": cannot be read";
         return std::nullopt;
     }
+    set.configuration = std::move(*configuration);
+    if (buildDevice) {
+        set.device = PlainDeviceDescriptor(set.configuration);
+        if (deviceBuilt != nullptr) {
+            *deviceBuilt = true;
+        }
+        return set;
+    }
     std::optional<std::vector<uint8_t>> device = ReadBytes(devicePath);
     if (!device) {
         *error = devicePath + ": cannot be read";
         return std::nullopt;
     }
-    set.configuration = std::move(*configuration);
     set.device = std::move(*device);
     return set;
+}
+
+std::vector<uint8_t> PlainDeviceDescriptor(const std::vector<uint8_t>& configuration)
+{
+    // Walk the configuration's descriptors (bLength, bDescriptorType, ...)
+    // as far as they are whole, looking for an interface association.
+    bool hasIad = false;
+    for (size_t at = 0; at + 2 <= configuration.size() && !hasIad; at += configuration[at]) {
+        if (configuration[at] < 2 || at + configuration[at] > configuration.size()) {
+            break;
+        }
+        hasIad = configuration[at + 1] == kvsim::camera::uvc::kDescInterfaceAssociation;
+    }
+    const uint8_t deviceClass = hasIad ? 0xEF : 0x00;     // miscellaneous
+    const uint8_t deviceSubClass = hasIad ? 0x02 : 0x00;  // common class
+    const uint8_t deviceProtocol = hasIad ? 0x01 : 0x00;  // interface association
+    return {
+        18, kvsim::camera::uvc::kDescDevice,
+        0x00, 0x02,  // bcdUSB 2.00
+        deviceClass, deviceSubClass, deviceProtocol,
+        64,          // bMaxPacketSize0
+        0, 0,        // idVendor
+        0, 0,        // idProduct
+        0, 0,        // bcdDevice
+        0, 0, 0,     // iManufacturer, iProduct, iSerialNumber
+        1,           // bNumConfigurations
+    };
 }
 
 std::string SharedCamerasDir(const std::string& fallbackSharedDir)

@@ -20,8 +20,8 @@
 //
 // Shutdown, in Windows' order: the client's handles closed; the device
 // removed (IRP_MN_QUERY_REMOVE_DEVICE, IRP_MN_REMOVE_DEVICE: ks.sys calls the
-// driver's Stop before its Remove for a started device, which is where Part
-// 1.1 writes "DeviceExist" = 2); the camera unplugged; the driver unloaded;
+// driver's Stop before its Remove for a started device, which is where the
+// driver writes "DeviceExist" = 2); the camera unplugged; the driver unloaded;
 // the registry saved back to the .reg file.
 // https://learn.microsoft.com/windows-hardware/drivers/kernel/removing-a-device-in-a-function-driver
 // https://learn.microsoft.com/windows-hardware/drivers/ddi/ks/ns-ks-_ksdevice_dispatch
@@ -39,8 +39,9 @@
 
 namespace kvharness {
 
-// The driver's service name: Part 3.1's registry root is fixed to
-// "...\Services\USBKV" in the driver, so the service is installed as USBKV.
+// The driver's service name: the driver's registry root (its settings under
+// \Data and \Property) is fixed to "...\Services\USBKV", so the service is
+// installed as USBKV.
 inline constexpr char16_t kServiceName[] = u"USBKV";
 inline constexpr char kServiceKey[] = "\\Registry\\Machine\\SYSTEM\\CurrentControlSet\\Services\\USBKV";
 
@@ -115,11 +116,21 @@ private:
     std::unique_ptr<kvsim::client::Filter> filter_;
 };
 
-// Reads a camera's two descriptor files. `devicePath` empty: the file beside
-// `configPath` with ".cfg_desc.bin" replaced by ".dev_desc.bin". nullopt
-// with *error set when a file cannot be read.
+// Reads a camera's descriptor files. `devicePath` empty: the file beside
+// `configPath` with ".cfg_desc.bin" replaced by ".dev_desc.bin"; when there
+// is no such file (many published dumps hold the configuration descriptor
+// alone) the device descriptor is PlainDeviceDescriptor's and *deviceBuilt,
+// when given, is set. nullopt with *error set when a file cannot be read.
 std::optional<kvsim::camera::DescriptorSet> LoadCameraFiles(const std::string& configPath, std::string devicePath,
-                                                            std::string* error);
+                                                            std::string* error, bool* deviceBuilt = nullptr);
+
+// The device descriptor of a plain high-speed USB 2.0 device with the given
+// configuration (USB 2.0 section 9.6.1): bcdUSB 0x0200, bMaxPacketSize0 64,
+// vendor, product and bcdDevice 0, no strings, one configuration. The device
+// class is the one a composite device with an interface association
+// announces (0xEF/0x02/0x01, the IAD ECN) when the configuration holds an
+// interface association descriptor, else 0/0/0 (class per interface).
+std::vector<uint8_t> PlainDeviceDescriptor(const std::vector<uint8_t>& configuration);
 
 // The folder of the shared real cameras: $KV_SHARED_DIR/cameras when the
 // variable is set, else `fallbackSharedDir`/cameras.

@@ -1,12 +1,14 @@
 // `kvcam driver`: describes the built kvdrv.sys from its PE file (machine,
 // format, subsystem, entry point, image size, sections, imports), as text or
-// as JSON. The default path is the kvdrv.sys of the same build tree, passed in
+// as JSON (the same layout as kvcam's other --json output, json.h). The
+// default path is the kvdrv.sys of the same build tree, passed in
 // at build time as KVCAM_DEFAULT_SYS.
 #include <cinttypes>
 #include <cstdio>
 #include <string>
 
 #include "commands.h"
+#include "json.h"
 #include "pe_reader.h"
 
 #ifndef KVCAM_DEFAULT_SYS
@@ -69,69 +71,55 @@ void PrintText(const std::string& path, const PeImage& image)
     }
 }
 
-// JSON string literal: quotes, backslashes and control characters escaped;
-// other bytes pass through (names in a PE file are ASCII).
-std::string JsonString(const std::string& s)
+Json Strings(const std::vector<std::string>& items)
 {
-    std::string out = "\"";
-    for (unsigned char c : s) {
-        if (c == '"' || c == '\\') {
-            out += '\\';
-            out += static_cast<char>(c);
-        } else if (c < 0x20 || c == 0x7F) {
-            char esc[8];
-            std::snprintf(esc, sizeof(esc), "\\u%04x", c);
-            out += esc;
-        } else {
-            out += static_cast<char>(c);
-        }
-    }
-    return out + "\"";
-}
-
-std::string JsonStrings(const std::vector<std::string>& items)
-{
-    std::vector<std::string> quoted;
+    Json array = Json::array();
     for (const std::string& s : items) {
-        quoted.push_back(JsonString(s));
+        array.push_back(s);
     }
-    return "[" + Join(quoted, ", ") + "]";
+    return array;
 }
 
-void PrintJson(const std::string& path, const PeImage& image)
+Json ImageJson(const std::string& path, const PeImage& image)
 {
-    std::printf("{\n");
-    std::printf("  \"path\": %s,\n", JsonString(path).c_str());
-    std::printf("  \"machine\": %s,\n  \"machine_code\": %u,\n", JsonString(MachineName(image.machine)).c_str(),
-                image.machine);
-    std::printf("  \"format\": \"%s\",\n", image.pe32Plus ? "PE32+" : "PE32");
-    std::printf("  \"subsystem\": %s,\n  \"subsystem_code\": %u,\n", JsonString(SubsystemName(image.subsystem)).c_str(),
-                image.subsystem);
-    std::printf("  \"entry_point_rva\": %" PRIu32 ",\n", image.entryPointRva);
-    std::printf("  \"image_base\": %" PRIu64 ",\n", image.imageBase);
-    std::printf("  \"size_of_image\": %" PRIu32 ",\n", image.sizeOfImage);
-    std::printf("  \"checksum\": %" PRIu32 ",\n  \"checksum_state\": \"%s\",\n", image.checksum,
-                ChecksumState(image).c_str());
-    std::printf("  \"dll_characteristics\": %s,\n", JsonStrings(DllCharacteristicNames(image.dllCharacteristics)).c_str());
-    std::printf("  \"sections\": [");
-    for (std::size_t i = 0; i < image.sections.size(); ++i) {
-        const PeSection& s = image.sections[i];
-        std::printf("%s\n    {\"name\": %s, \"virtual_address\": %" PRIu32 ", \"virtual_size\": %" PRIu32
-                    ", \"raw_offset\": %" PRIu32 ", \"raw_size\": %" PRIu32 ", \"flags\": %s}",
-                    i == 0 ? "" : ",", JsonString(s.name).c_str(), s.virtualAddress, s.virtualSize, s.rawOffset,
-                    s.rawSize, JsonStrings(SectionFlagNames(s.characteristics)).c_str());
+    Json o = Json::object();
+    o["path"] = path;
+    o["machine"] = MachineName(image.machine);
+    o["machine_code"] = image.machine;
+    o["format"] = image.pe32Plus ? "PE32+" : "PE32";
+    o["subsystem"] = SubsystemName(image.subsystem);
+    o["subsystem_code"] = image.subsystem;
+    o["entry_point_rva"] = image.entryPointRva;
+    o["image_base"] = image.imageBase;
+    o["size_of_image"] = image.sizeOfImage;
+    o["checksum"] = image.checksum;
+    o["checksum_state"] = ChecksumState(image);
+    o["dll_characteristics"] = Strings(DllCharacteristicNames(image.dllCharacteristics));
+    Json sections = Json::array();
+    for (const PeSection& s : image.sections) {
+        Json section = Json::object();
+        section["name"] = s.name;
+        section["virtual_address"] = s.virtualAddress;
+        section["virtual_size"] = s.virtualSize;
+        section["raw_offset"] = s.rawOffset;
+        section["raw_size"] = s.rawSize;
+        section["flags"] = Strings(SectionFlagNames(s.characteristics));
+        sections.push_back(std::move(section));
     }
-    std::printf("\n  ],\n  \"imports\": [");
-    for (std::size_t i = 0; i < image.imports.size(); ++i) {
-        const PeImportedModule& m = image.imports[i];
+    o["sections"] = std::move(sections);
+    Json imports = Json::array();
+    for (const PeImportedModule& m : image.imports) {
         std::vector<std::string> names;
         for (const PeImportedFunction& f : m.functions) {
             names.push_back(FunctionLabel(f));
         }
-        std::printf("%s\n    {\"module\": %s, \"functions\": %s}", i == 0 ? "" : ",", JsonString(m.module).c_str(),
-                    JsonStrings(names).c_str());
+        Json module = Json::object();
+        module["module"] = m.module;
+        module["functions"] = Strings(names);
+        imports.push_back(std::move(module));
     }
-    std::printf("\n  ]\n}\n");
+    o["imports"] = std::move(imports);
+    return o;
 }
 
 bool ParseOptions(std::span<const std::string_view> args, DriverOptions& options)
@@ -177,7 +165,7 @@ int RunDriverCommand(std::span<const std::string_view> args)
         return kExitFailure;
     }
     if (options.json) {
-        PrintJson(options.path, *result.image);
+        std::fputs((JsonText(ImageJson(options.path, *result.image)) + "\n").c_str(), stdout);
     } else {
         PrintText(options.path, *result.image);
     }

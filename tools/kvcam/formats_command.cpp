@@ -1,6 +1,7 @@
 // `kvcam formats`: starts the driver on a camera in the simulation and
 // prints the start's result and the capture and still pins' data ranges as
-// a client reads them (issue 7), as a table or as one JSON object.
+// a client reads them (KSPROPERTY_PIN_DATARANGES), as a table or as one JSON
+// object.
 #include <cstdio>
 
 #include "commands.h"
@@ -35,7 +36,7 @@ int RunFormatsCommand(std::span<const std::string_view> args)
     }
     return RunOnSystem("formats", parsed, [json](kvharness::System& system) {
         FormatsReport report = CollectFormats(system);
-        std::string out = json ? FormatsJson(report) : FormatsTable(report);
+        std::string out = json ? JsonText(FormatsJson(report)) + "\n" : FormatsTable(report);
         std::fputs(out.c_str(), stdout);
         if (!report.error.empty()) {
             std::fprintf(stderr, "kvcam formats: %s\n", report.error.c_str());

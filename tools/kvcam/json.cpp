@@ -1,80 +1,63 @@
-// kvcam's JSON writer (json.h).
+// The layout of kvcam's --json output (json.h).
 #include "json.h"
 
-#include <cstdio>
+#include <algorithm>
 
 namespace kvcam {
+namespace {
 
-std::string JsonQuote(std::string_view text)
+std::string Scalar(const Json& value)
 {
-    std::string out = "\"";
-    for (unsigned char c : text) {
-        if (c == '"' || c == '\\') {
-            out += '\\';
-            out += static_cast<char>(c);
-        } else if (c < 0x20 || c == 0x7F) {
-            char escaped[8];
-            std::snprintf(escaped, sizeof(escaped), "\\u%04x", c);
-            out += escaped;
-        } else {
-            out += static_cast<char>(c);
+    return value.dump(-1, ' ', false, Json::error_handler_t::replace);
+}
+
+// `{"a": 1, "b": [2, 3]}`
+std::string OneLine(const Json& value)
+{
+    if (value.is_object()) {
+        std::string out = "{";
+        for (auto it = value.begin(); it != value.end(); ++it) {
+            out += (it == value.begin() ? "" : ", ") + Scalar(it.key()) + ": " + OneLine(it.value());
         }
+        return out + "}";
     }
-    return out + "\"";
-}
-
-JsonObject& JsonObject::Add(std::string_view key, std::string_view text) { return AddRaw(key, JsonQuote(text)); }
-
-JsonObject& JsonObject::Add(std::string_view key, int64_t number) { return AddRaw(key, std::to_string(number)); }
-
-JsonObject& JsonObject::AddUnsigned(std::string_view key, uint64_t number)
-{
-    return AddRaw(key, std::to_string(number));
-}
-
-JsonObject& JsonObject::AddBool(std::string_view key, bool value) { return AddRaw(key, value ? "true" : "false"); }
-
-JsonObject& JsonObject::AddNullable(std::string_view key, const std::optional<std::string>& text)
-{
-    return AddRaw(key, text ? JsonQuote(*text) : "null");
-}
-
-JsonObject& JsonObject::AddRaw(std::string_view key, std::string json)
-{
-    members_.emplace_back(JsonQuote(key), std::move(json));
-    return *this;
-}
-
-std::string JsonObject::Compact() const
-{
-    std::string out = "{";
-    for (size_t i = 0; i < members_.size(); ++i) {
-        out += (i == 0 ? "" : ", ") + members_[i].first + ": " + members_[i].second;
+    if (value.is_array()) {
+        std::string out = "[";
+        for (auto it = value.begin(); it != value.end(); ++it) {
+            out += (it == value.begin() ? "" : ", ") + OneLine(*it);
+        }
+        return out + "]";
     }
-    return out + "}";
+    return Scalar(value);
 }
 
-std::string JsonObject::Pretty() const
+// A top-level member's value: an array of objects one object a line.
+std::string MemberValue(const Json& value)
 {
-    std::string out = "{";
-    for (size_t i = 0; i < members_.size(); ++i) {
-        out += (i == 0 ? "\n  " : ",\n  ") + members_[i].first + ": " + members_[i].second;
-    }
-    return out + (members_.empty() ? "}" : "\n}");
-}
-
-std::string JsonArray(const std::vector<std::string>& items, bool multiLine)
-{
-    if (items.empty()) {
-        return "[]";
+    bool objectsInside = value.is_array() && std::any_of(value.begin(), value.end(),
+                                                         [](const Json& item) { return item.is_object(); });
+    if (!objectsInside) {
+        return OneLine(value);
     }
     std::string out = "[";
-    for (size_t i = 0; i < items.size(); ++i) {
-        out += i == 0 ? "" : ",";
-        out += multiLine ? "\n    " : (i == 0 ? "" : " ");
-        out += items[i];
+    for (auto it = value.begin(); it != value.end(); ++it) {
+        out += (it == value.begin() ? "\n    " : ",\n    ") + OneLine(*it);
     }
-    return out + (multiLine ? "\n  ]" : "]");
+    return out + "\n  ]";
+}
+
+}  // namespace
+
+std::string JsonText(const Json& value)
+{
+    if (!value.is_object() || value.empty()) {
+        return OneLine(value);
+    }
+    std::string out = "{";
+    for (auto it = value.begin(); it != value.end(); ++it) {
+        out += (it == value.begin() ? "\n  " : ",\n  ") + Scalar(it.key()) + ": " + MemberValue(it.value());
+    }
+    return out + "\n}";
 }
 
 }  // namespace kvcam

@@ -6,8 +6,8 @@
 //   kvcam info [...] [--verbose]
 //
 // Results go to stdout (text, or JSON with --json); errors go to stderr;
-// exit codes are those of commands.h. Later issues add streaming commands
-// to the table below.
+// exit codes are those of commands.h. A new command is one more entry in the
+// table below.
 #include <cstdio>
 #include <span>
 #include <string_view>

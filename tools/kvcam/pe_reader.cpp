@@ -16,7 +16,7 @@
 namespace kvcam {
 namespace {
 
-// Header constants of the PE format specification.
+// Header constants of the PE format (Microsoft's pe-format documentation).
 constexpr std::uint16_t kDosMagic = 0x5A4D;               // "MZ"
 constexpr std::uint32_t kPeSignature = 0x00004550;        // "PE\0\0"
 constexpr std::size_t kDosLfanewOffset = 0x3C;

@@ -4,7 +4,7 @@
 // optional headers, the section table and the import directory. Every read is
 // checked against the bytes actually present, so a truncated or corrupted
 // file gives an error message and never a read outside the buffer.
-// Layouts follow the PE format specification:
+// Layouts follow Microsoft's PE format documentation:
 // https://learn.microsoft.com/windows/win32/debug/pe-format
 #pragma once
 

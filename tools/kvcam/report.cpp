@@ -5,7 +5,6 @@
 #include <cstdarg>
 #include <cstdio>
 
-#include "json.h"
 #include "kvsim/pool.h"
 #include "usb/usb_bus.h"
 
@@ -243,43 +242,44 @@ std::string PoolText()
 
 }  // namespace
 
-std::string DataRangeJson(const KS_DATARANGE_VIDEO& r)
+Json DataRangeJson(const KS_DATARANGE_VIDEO& r)
 {
     const KS_BITMAPINFOHEADER& bmi = r.VideoInfoHeader.bmiHeader;
-    JsonObject o;
-    o.Add("SubFormat", kvharness::FormatGuid(r.DataRange.SubFormat))
-        .AddUnsigned("SampleSize", r.DataRange.SampleSize)
-        .Add("bFixedSizeSamples", int64_t(r.bFixedSizeSamples))
-        .Add("bTemporalCompression", int64_t(r.bTemporalCompression))
-        .AddUnsigned("StreamDescriptionFlags", r.StreamDescriptionFlags)
-        .Add("MinFrameInterval", int64_t(r.ConfigCaps.MinFrameInterval))
-        .Add("MaxFrameInterval", int64_t(r.ConfigCaps.MaxFrameInterval))
-        .Add("MinBitsPerSecond", int64_t(r.ConfigCaps.MinBitsPerSecond))
-        .Add("MaxBitsPerSecond", int64_t(r.ConfigCaps.MaxBitsPerSecond))
-        .Add("AvgTimePerFrame", int64_t(r.VideoInfoHeader.AvgTimePerFrame))
-        .AddUnsigned("dwBitRate", r.VideoInfoHeader.dwBitRate)
-        .Add("biWidth", int64_t(bmi.biWidth))
-        .Add("biHeight", int64_t(bmi.biHeight))
-        .AddUnsigned("biBitCount", bmi.biBitCount)
-        .AddUnsigned("biCompression", bmi.biCompression)
-        .AddUnsigned("biSizeImage", bmi.biSizeImage);
-    return o.Compact();
+    Json o = Json::object();
+    o["SubFormat"] = kvharness::FormatGuid(r.DataRange.SubFormat);
+    o["SampleSize"] = uint32_t(r.DataRange.SampleSize);
+    o["bFixedSizeSamples"] = int64_t(r.bFixedSizeSamples);
+    o["bTemporalCompression"] = int64_t(r.bTemporalCompression);
+    o["StreamDescriptionFlags"] = uint32_t(r.StreamDescriptionFlags);
+    o["MinFrameInterval"] = int64_t(r.ConfigCaps.MinFrameInterval);
+    o["MaxFrameInterval"] = int64_t(r.ConfigCaps.MaxFrameInterval);
+    o["MinBitsPerSecond"] = int64_t(r.ConfigCaps.MinBitsPerSecond);
+    o["MaxBitsPerSecond"] = int64_t(r.ConfigCaps.MaxBitsPerSecond);
+    o["AvgTimePerFrame"] = int64_t(r.VideoInfoHeader.AvgTimePerFrame);
+    o["dwBitRate"] = uint32_t(r.VideoInfoHeader.dwBitRate);
+    o["biWidth"] = int64_t(bmi.biWidth);
+    o["biHeight"] = int64_t(bmi.biHeight);
+    o["biBitCount"] = uint32_t(bmi.biBitCount);
+    o["biCompression"] = uint32_t(bmi.biCompression);
+    o["biSizeImage"] = uint32_t(bmi.biSizeImage);
+    return o;
 }
 
-std::string FormatsJson(const FormatsReport& report)
+Json FormatsJson(const FormatsReport& report)
 {
-    JsonObject o;
-    o.Add("start_status", kvharness::FormatStatus(report.startStatus)).AddNullable("start_message", report.startMessage);
+    Json o = Json::object();
+    o["start_status"] = kvharness::FormatStatus(report.startStatus);
+    o["start_message"] = report.startMessage ? Json(*report.startMessage) : Json(nullptr);
     if (report.started) {
         for (const auto& [key, ranges] : {std::pair{"capture", &report.capture}, std::pair{"still", &report.still}}) {
-            std::vector<std::string> items;
+            Json items = Json::array();
             for (const KS_DATARANGE_VIDEO& r : *ranges) {
                 items.push_back(DataRangeJson(r));
             }
-            o.AddRaw(key, JsonArray(items, true));
+            o[key] = std::move(items);
         }
     }
-    return o.Pretty() + "\n";
+    return o;
 }
 
 std::string FormatsTable(const FormatsReport& report)

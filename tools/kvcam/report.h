@@ -7,11 +7,13 @@
 #include <vector>
 
 #include "filter_view.h"
+#include "json.h"
 #include "system.h"
 
 namespace kvcam {
 
-// The driver's pin ids of Part 1.4: capture, video input bridge, still.
+// The driver's pin ids: capture, video input bridge, still (the order of its
+// filter descriptor's pin table).
 inline constexpr ULONG kCapturePinId = 0;
 inline constexpr ULONG kStillPinId = 2;
 
@@ -27,15 +29,15 @@ struct FormatsReport {
 // Opens the system's filter (when started) and reads both pins' ranges.
 FormatsReport CollectFormats(kvharness::System& system);
 
-// One KS_DATARANGE_VIDEO as a one-line JSON object with the keys of issue 7,
-// in this order: SubFormat, SampleSize, bFixedSizeSamples,
+// One KS_DATARANGE_VIDEO as a JSON object named by the structures' own
+// fields, in this order: SubFormat, SampleSize, bFixedSizeSamples,
 // bTemporalCompression, StreamDescriptionFlags, MinFrameInterval,
 // MaxFrameInterval, MinBitsPerSecond, MaxBitsPerSecond, AvgTimePerFrame,
 // dwBitRate, biWidth, biHeight, biBitCount, biCompression, biSizeImage.
-std::string DataRangeJson(const KS_DATARANGE_VIDEO& range);
+Json DataRangeJson(const KS_DATARANGE_VIDEO& range);
 // The `kvcam formats --json` object: start_status, start_message, and when
 // started capture and still.
-std::string FormatsJson(const FormatsReport& report);
+Json FormatsJson(const FormatsReport& report);
 // The same as a readable table.
 std::string FormatsTable(const FormatsReport& report);
 

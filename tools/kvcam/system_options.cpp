@@ -48,7 +48,8 @@ std::string CameraConfigPath(const std::string& camera)
 
 const char* const kSystemOptionsHelp =
     "  --camera CFG.bin     the camera's configuration descriptor file (default: the built-in camera)\n"
-    "  --device DEV.bin     its device descriptor file (default: CFG's NAME.dev_desc.bin)\n"
+    "  --device DEV.bin     its device descriptor file (default: CFG's NAME.dev_desc.bin; when\n"
+    "                       there is none, a plain USB 2.0 high-speed device descriptor)\n"
     "  --camera NAME        the shared camera NAME ($KV_SHARED_DIR/cameras/NAME.*_desc.bin)\n"
     "  --registry FILE.reg  load the simulated registry from FILE before the run and save it after\n"
     "                       (created when missing)\n"
@@ -91,7 +92,13 @@ ParsedSystemOptions ParseSystemOptions(std::span<const std::string_view> args)
         return parsed;
     }
     if (!camera.empty()) {
-        parsed.system.camera = kvharness::LoadCameraFiles(CameraConfigPath(camera), device, &parsed.inputError);
+        const std::string config = CameraConfigPath(camera);
+        bool deviceBuilt = false;
+        parsed.system.camera = kvharness::LoadCameraFiles(config, device, &parsed.inputError, &deviceBuilt);
+        if (deviceBuilt) {
+            parsed.notes.push_back("no device descriptor for " + config +
+                                   "; using a plain USB 2.0 high-speed device descriptor");
+        }
     }
     return parsed;
 }
@@ -106,6 +113,9 @@ int RunOnSystem(const char* command, const ParsedSystemOptions& parsed,
     if (!parsed.inputError.empty()) {
         std::fprintf(stderr, "kvcam %s: %s\n", command, parsed.inputError.c_str());
         return kExitFailure;
+    }
+    for (const std::string& note : parsed.notes) {
+        std::fprintf(stderr, "kvcam: %s\n", note.c_str());
     }
     bool ok = false;
     {

@@ -1,6 +1,8 @@
 // The command-line options that describe the simulated system, shared by
 // `kvcam formats`, `kvcam info` and later commands:
-//   --camera CFG.bin [--device DEV.bin]   a camera's captured descriptors
+//   --camera CFG.bin [--device DEV.bin]   a camera's captured descriptors (a
+//                                         plain device descriptor when there
+//                                         is no DEV.bin)
 //   --camera NAME                         the shared camera NAME (both files)
 //   --registry FILE.reg                   registry loaded before, saved after
 //   --system-root DIR                     the host folder for \SystemRoot
@@ -21,6 +23,7 @@ struct ParsedSystemOptions {
     std::vector<std::string_view> rest;  // arguments that are not system options, in order
     std::string error;                   // usage error (exit 2)
     std::string inputError;              // unreadable camera files (exit 1)
+    std::vector<std::string> notes;      // said on stderr before the run
 };
 
 ParsedSystemOptions ParseSystemOptions(std::span<const std::string_view> args);
