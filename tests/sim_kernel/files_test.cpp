@@ -42,7 +42,8 @@ protected:
         fs::remove_all(root_);
     }
 
-    // Opens as the driver's bitmap reader and writer do (spec Part 4.2).
+    // Opens as a driver that reads and writes bitmap files does: synchronous
+    // I/O, read and write sharing, a file and never a directory.
     NTSTATUS Create(const wchar_t* path, HANDLE* h, ULONG disposition, IO_STATUS_BLOCK* iosb,
                     ACCESS_MASK access = GENERIC_READ | GENERIC_WRITE | SYNCHRONIZE) {
         Name name(path);

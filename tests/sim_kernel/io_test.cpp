@@ -443,10 +443,10 @@ TEST_F(IoStack, CompletingAnAllocatedIrpPastItsTopIsAViolation) {
     IoFreeIrp(irp);
 }
 
-// The pattern of Part 1.2's GetBusInterface: a synchronous IRP from
-// IoBuildSynchronousFsdRequest whose owner's routine signals and stops
-// completion; the owner then calls IoCompleteRequest, which lets the I/O
-// manager finish it (status block, event, free).
+// The pattern of kvdrv's GetBusInterface (driver/device/usb.cpp): a
+// synchronous IRP from IoBuildSynchronousFsdRequest whose owner's routine
+// signals and stops completion; the owner then calls IoCompleteRequest,
+// which lets the I/O manager finish it (status block, event, free).
 TEST_F(IoStack, OwnerCompletesAThreadedIrpAfterStoppingCompletion) {
     KEVENT event;
     KeInitializeEvent(&event, NotificationEvent, FALSE);

@@ -262,9 +262,6 @@ TEST_F(Registry, KeyLeftOpenIsReportedOnce) {
     ZwClose(h);
 }
 
-}  // namespace
-
-namespace {
 
 const std::string kData = "\\Registry\\Machine\\SYSTEM\\CurrentControlSet\\Services\\USBKV\\Data";
 const std::string kLast = "\\Registry\\Machine\\SYSTEM\\CurrentControlSet\\Services\\USBKV\\Property\\Last";
