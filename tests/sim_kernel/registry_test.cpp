@@ -19,30 +19,24 @@ namespace {
 constexpr const char* kService = "\\Registry\\Machine\\System\\CurrentControlSet\\Services\\USBKV";
 
 // A counted string over a wide literal (WCHAR is 2 bytes in this build).
-struct Name {
-    UNICODE_STRING us{};
-    explicit Name(const wchar_t* s) {
-        size_t n = 0;
-        while (s[n]) ++n;
-        us.Length = static_cast<USHORT>(n * 2);
-        us.MaximumLength = static_cast<USHORT>(n * 2 + 2);
-        us.Buffer = const_cast<wchar_t*>(s);
-    }
-    PUNICODE_STRING get() { return &us; }
-};
+UNICODE_STRING Us(const wchar_t* s) {
+    UNICODE_STRING u;
+    RtlInitUnicodeString(&u, s);
+    return u;
+}
 
 NTSTATUS Open(const wchar_t* path, HANDLE* h, ACCESS_MASK access = KEY_ALL_ACCESS, HANDLE root = nullptr) {
-    Name name(path);
+    UNICODE_STRING name = Us(path);
     OBJECT_ATTRIBUTES oa;
-    InitializeObjectAttributes(&oa, name.get(), OBJ_CASE_INSENSITIVE | OBJ_KERNEL_HANDLE, root, nullptr);
+    InitializeObjectAttributes(&oa, &name, OBJ_CASE_INSENSITIVE | OBJ_KERNEL_HANDLE, root, nullptr);
     return ZwOpenKey(h, access, &oa);
 }
 
 NTSTATUS Create(const wchar_t* path, HANDLE* h, ULONG* disposition, HANDLE root = nullptr,
                 ULONG options = REG_OPTION_NON_VOLATILE) {
-    Name name(path);
+    UNICODE_STRING name = Us(path);
     OBJECT_ATTRIBUTES oa;
-    InitializeObjectAttributes(&oa, name.get(), OBJ_CASE_INSENSITIVE | OBJ_KERNEL_HANDLE, root, nullptr);
+    InitializeObjectAttributes(&oa, &name, OBJ_CASE_INSENSITIVE | OBJ_KERNEL_HANDLE, root, nullptr);
     return ZwCreateKey(h, KEY_ALL_ACCESS, &oa, 0, nullptr, options, disposition);
 }
 
@@ -61,8 +55,8 @@ TEST_F(Registry, OpenIsCaseInsensitiveAndKeepsTheStoredCase) {
     ASSERT_EQ(Open(L"\\REGISTRY\\MACHINE\\SYSTEM\\currentcontrolset\\SERVICES\\usbkv\\DATA", &h), STATUS_SUCCESS);
     UCHAR buffer[64];
     ULONG needed = 0;
-    Name value(L"trackingfocus");
-    ASSERT_EQ(ZwQueryValueKey(h, value.get(), KeyValueBasicInformation, buffer, sizeof buffer, &needed),
+    UNICODE_STRING value = Us(L"trackingfocus");
+    ASSERT_EQ(ZwQueryValueKey(h, &value, KeyValueBasicInformation, buffer, sizeof buffer, &needed),
               STATUS_SUCCESS);
     auto* basic = reinterpret_cast<KEY_VALUE_BASIC_INFORMATION*>(buffer);
     ASSERT_EQ(basic->NameLength, 13u * 2);
@@ -84,12 +78,12 @@ TEST_F(Registry, MissingKeyAndMissingValueAreNameNotFound) {
     EXPECT_EQ(Open(L"\\Registry\\Machine\\Nope\\Deeper\\Still", &h), STATUS_OBJECT_NAME_NOT_FOUND);
     EXPECT_EQ(Open(L"Registry\\Machine", &h), STATUS_OBJECT_PATH_SYNTAX_BAD);  // relative without a root
     ASSERT_EQ(Open(L"\\Registry\\Machine\\System\\CurrentControlSet\\Services\\USBKV\\Data", &h), STATUS_SUCCESS);
-    Name value(L"DropFrameCntVGA");
+    UNICODE_STRING value = Us(L"DropFrameCntVGA");
     UCHAR buffer[32];
     ULONG needed = 0xDEAD;
-    EXPECT_EQ(ZwQueryValueKey(h, value.get(), KeyValuePartialInformation, buffer, sizeof buffer, &needed),
+    EXPECT_EQ(ZwQueryValueKey(h, &value, KeyValuePartialInformation, buffer, sizeof buffer, &needed),
               STATUS_OBJECT_NAME_NOT_FOUND);
-    EXPECT_EQ(ZwDeleteValueKey(h, value.get()), STATUS_OBJECT_NAME_NOT_FOUND);
+    EXPECT_EQ(ZwDeleteValueKey(h, &value), STATUS_OBJECT_NAME_NOT_FOUND);
     ZwClose(h);
 }
 
@@ -120,22 +114,22 @@ TEST_F(Registry, QueryValueKeyHasThreeSizeOutcomes) {
     HANDLE h = nullptr;
     ASSERT_EQ(Open(L"\\Registry\\Machine\\System\\CurrentControlSet\\Services\\USBKV\\Data", &h), STATUS_SUCCESS);
     const UCHAR sw[3] = {0x00, 0xC0, 0x01};
-    Name name(L"SWSetting");
-    ASSERT_EQ(ZwSetValueKey(h, name.get(), 0, REG_BINARY, const_cast<UCHAR*>(sw), sizeof sw), STATUS_SUCCESS);
+    UNICODE_STRING name = Us(L"SWSetting");
+    ASSERT_EQ(ZwSetValueKey(h, &name, 0, REG_BINARY, const_cast<UCHAR*>(sw), sizeof sw), STATUS_SUCCESS);
     const ULONG needed = FIELD_OFFSET(KEY_VALUE_PARTIAL_INFORMATION, Data) + 3;  // 15
 
     // Too small for the fixed part: nothing written, the size needed reported.
     UCHAR buffer[32];
     std::memset(buffer, 0xAB, sizeof buffer);
     ULONG result = 0;
-    EXPECT_EQ(ZwQueryValueKey(h, name.get(), KeyValuePartialInformation, buffer, 11, &result),
+    EXPECT_EQ(ZwQueryValueKey(h, &name, KeyValuePartialInformation, buffer, 11, &result),
               STATUS_BUFFER_TOO_SMALL);
     EXPECT_EQ(result, needed);
     for (UCHAR b : buffer) ASSERT_EQ(b, 0xAB);
 
     // The fixed part fits but not the data: fixed part only.
     result = 0;
-    EXPECT_EQ(ZwQueryValueKey(h, name.get(), KeyValuePartialInformation, buffer, 13, &result),
+    EXPECT_EQ(ZwQueryValueKey(h, &name, KeyValuePartialInformation, buffer, 13, &result),
               STATUS_BUFFER_OVERFLOW);
     EXPECT_EQ(result, needed);
     auto* info = reinterpret_cast<KEY_VALUE_PARTIAL_INFORMATION*>(buffer);
@@ -145,7 +139,7 @@ TEST_F(Registry, QueryValueKeyHasThreeSizeOutcomes) {
 
     // Everything fits.
     result = 0;
-    EXPECT_EQ(ZwQueryValueKey(h, name.get(), KeyValuePartialInformation, buffer, needed, &result), STATUS_SUCCESS);
+    EXPECT_EQ(ZwQueryValueKey(h, &name, KeyValuePartialInformation, buffer, needed, &result), STATUS_SUCCESS);
     EXPECT_EQ(result, needed);
     EXPECT_EQ(std::memcmp(info->Data, sw, 3), 0);
     EXPECT_EQ(buffer[needed], 0xAB);  // nothing beyond the record
@@ -156,8 +150,8 @@ TEST_F(Registry, DataAreStoredExactlyAsSet) {
     HANDLE h = nullptr;
     ASSERT_EQ(Open(L"\\Registry\\Machine\\System\\CurrentControlSet\\Services\\USBKV\\Data", &h), STATUS_SUCCESS);
     const UCHAR two[2] = {0x34, 0x12};
-    Name name(L"BW");
-    ASSERT_EQ(ZwSetValueKey(h, name.get(), 0, REG_DWORD, const_cast<UCHAR*>(two), 2), STATUS_SUCCESS);
+    UNICODE_STRING name = Us(L"BW");
+    ASSERT_EQ(ZwSetValueKey(h, &name, 0, REG_DWORD, const_cast<UCHAR*>(two), 2), STATUS_SUCCESS);
     auto v = kvsim::RegGetValue(std::string(kService) + "\\Data", "bw");
     ASSERT_TRUE(v.has_value());
     EXPECT_EQ(v->type, static_cast<uint32_t>(REG_DWORD));
@@ -165,12 +159,12 @@ TEST_F(Registry, DataAreStoredExactlyAsSet) {
     EXPECT_FALSE(kvsim::RegGetDword(std::string(kService) + "\\Data", "BW").has_value());  // not 4 bytes
 
     // Overwriting keeps the first name's case; the default value has the empty name.
-    Name upper(L"BW_X");
+    UNICODE_STRING upper = Us(L"BW_X");
     ULONG four = 7;
-    ASSERT_EQ(ZwSetValueKey(h, upper.get(), 0, REG_DWORD, &four, 4), STATUS_SUCCESS);
-    Name lower(L"bw_x");
+    ASSERT_EQ(ZwSetValueKey(h, &upper, 0, REG_DWORD, &four, 4), STATUS_SUCCESS);
+    UNICODE_STRING lower = Us(L"bw_x");
     four = 8;
-    ASSERT_EQ(ZwSetValueKey(h, lower.get(), 0, REG_DWORD, &four, 4), STATUS_SUCCESS);
+    ASSERT_EQ(ZwSetValueKey(h, &lower, 0, REG_DWORD, &four, 4), STATUS_SUCCESS);
     EXPECT_EQ(kvsim::RegGetDword(std::string(kService) + "\\Data", "BW_X"), 8u);
     EXPECT_EQ(kvsim::RegListValues(std::string(kService) + "\\Data"), (std::vector<std::string>{"BW", "BW_X"}));
     UNICODE_STRING empty{0, 0, nullptr};
@@ -235,8 +229,8 @@ TEST_F(Registry, DeletedKeyFailsEverythingButClose) {
     ASSERT_EQ(Open(L"Data", &data, KEY_ALL_ACCESS, service), STATUS_SUCCESS);
     EXPECT_EQ(ZwDeleteKey(data), STATUS_SUCCESS);
     ULONG v = 1;
-    Name name(L"X");
-    EXPECT_EQ(ZwSetValueKey(data, name.get(), 0, REG_DWORD, &v, 4), STATUS_KEY_DELETED);
+    UNICODE_STRING name = Us(L"X");
+    EXPECT_EQ(ZwSetValueKey(data, &name, 0, REG_DWORD, &v, 4), STATUS_KEY_DELETED);
     EXPECT_EQ(ZwClose(data), STATUS_SUCCESS);
     EXPECT_FALSE(kvsim::RegKeyExists(std::string(kService) + "\\Data"));
     ZwClose(service);
@@ -247,8 +241,8 @@ TEST_F(Registry, AccessRightsOfTheHandleAreChecked) {
     ASSERT_EQ(Open(L"\\Registry\\Machine\\System\\CurrentControlSet\\Services\\USBKV\\Data", &h, KEY_READ),
               STATUS_SUCCESS);
     ULONG v = 1;
-    Name name(L"X");
-    EXPECT_EQ(ZwSetValueKey(h, name.get(), 0, REG_DWORD, &v, 4), STATUS_ACCESS_DENIED);
+    UNICODE_STRING name = Us(L"X");
+    EXPECT_EQ(ZwSetValueKey(h, &name, 0, REG_DWORD, &v, 4), STATUS_ACCESS_DENIED);
     ZwClose(h);
 }
 
