@@ -1,6 +1,6 @@
-// The virtual camera's view of its own descriptors (issue 3; Parts 1.2, 1.3
-// seen from the device side): what a UVC camera needs to know about itself to
-// behave - its units and their control bitmaps, its streaming interfaces with
+// The virtual camera's view of its own descriptors (the device's side of the
+// configuration and format tables a host driver reads at start): what a UVC
+// camera needs to know about itself to behave - its units and their control bitmaps, its streaming interfaces with
 // formats, frames, intervals, still sizes and alternate settings, and its
 // interrupt endpoint. ParseCameraModel builds it from ANY device +
 // configuration descriptor pair (the built-in default or a real camera's);

@@ -1,4 +1,4 @@
-// The virtual camera's descriptor sets (issue 3): a small builder that turns
+// The virtual camera's descriptor sets: a small builder that turns
 // a readable camera table (CameraSpec) into the device descriptor and the
 // whole configuration descriptor of a UVC 1.0 camera, the table of the
 // built-in default camera, and a loader for real cameras' captured
@@ -54,7 +54,7 @@ struct CameraSpec {
     std::vector<uint16_t> altPacketSizes;  // wMaxPacketSize of alternate settings 1..n
 };
 
-// The built-in default camera of issue 3 (product id 0x8034), as a table.
+// The built-in default camera (product id 0x8034), as a table.
 const CameraSpec& DefaultCameraSpec();
 
 // Builds the descriptor set that a camera described by spec returns.

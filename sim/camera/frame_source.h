@@ -1,4 +1,4 @@
-// Pictures for the virtual camera (issue 3, Part 2.2 seen from the device):
+// Pictures for the virtual camera (what its sensor delivers while it streams):
 // frame sources (a moving test pattern, a still picture, a sequence of
 // pictures), the frame-number stamp that tests read back, and the motion-JPEG
 // codec glue over libjpeg-turbo (4:2:2 encoding, optional removal of the DHT

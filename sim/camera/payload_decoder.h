@@ -1,8 +1,9 @@
-// A reference decoder of what the virtual camera sends (issue 3): strips the
+// A reference decoder of what the virtual camera sends: strips the
 // UVC payload headers of isochronous packets and splits the payload into
 // frames on FID changes and EOF bits, the way a careful host driver does
 // (UVC 1.1 section 2.4.3.3; Linux uvcvideo's rules). Used by the camera's
-// tests and by the bus tests; it is not the driver's algorithm (Part 2.2).
+// tests and by the bus tests; it is written apart from kvdrv's own
+// reassembly, so that the two can be compared.
 //
 // Protocol, per packet:
 //   status not kOk        -> the frame being collected is marked bad (a lost

@@ -1,6 +1,8 @@
-// The virtual UVC camera, device side (issue 3; the device's half of Parts
-// 1.2, 2.1, 2.2, 3.2 and 3.4). A plain C++ model with no dependency on the
-// simulated kernel: the simulated USB bus (sim/usb, later) calls it for
+// The virtual UVC camera, device side: the device's half of what a host
+// driver does with it (descriptors and configuration, probe/commit,
+// isochronous streaming, control requests, the interrupt endpoint of the
+// still-image button). A plain C++ model with no dependency on the
+// simulated kernel: the simulated USB bus (sim/usb) calls it for
 // every control transfer on the default pipe, every isochronous packet slot
 // and every interrupt transfer.
 //
@@ -19,8 +21,9 @@
 //   bmControls bit is set; each has a size, a range and a default (table in
 //   uvc_camera.cpp). GET requests answer min(wLength, size) bytes (a longer
 //   wLength gets a short answer; a shorter one stalls). SET_CUR needs at
-//   least the control's size (extra bytes ignored, as the firmware the spec's
-//   Part 3.2 describes accepts 2 bytes for 1-byte controls), a value inside
+//   least the control's size (extra bytes ignored: the cameras kvdrv drives
+//   accept the 2 bytes it sends for 1-byte controls such as power-line
+//   frequency, see driver/controls/requests.cpp), a value inside
 //   [min, max] on the resolution grid, and the control not disabled by its
 //   automatic mode (exposure time while auto-exposure is in an automatic
 //   mode, white-balance temperature while its auto is on): otherwise STALL.
@@ -28,7 +31,7 @@
 //   that GET_CUR then reads; unannounced controls stall with "invalid
 //   control", unknown entities with "invalid unit".
 // - Extension unit 4, selector 3 (when announced): the register window of
-//   Part 3.2's AccessExtensionRegister over a 256-byte register file.
+//   kvdrv's AccessExtensionRegister over a 256-byte register file.
 //     SET_CUR {0x80, reg}        selects reg for reading;
 //     SET_CUR {0x00, reg, value} writes value into reg (and selects it);
 //     GET_CUR 2 bytes            answers {reg, value};
@@ -57,7 +60,7 @@
 //   numbers show dropped sensor frames). A frame goes out as packets of
 //   12-byte header + payload, each at most min(capacity,
 //   dwMaxPayloadTransferSize); then one 12-byte header-only packet with EOF
-//   (the cameras of this driver, Part 2.2); FID toggles per frame; PTS (the
+//   (as the cameras kvdrv drives end a frame); FID toggles per frame; PTS (the
 //   frame's capture time) and SCR (time of the packet + 1 ms SOF counter)
 //   in dwClockFrequency units are in every header. Between frames: empty
 //   packets (or header-only without EOF, IdleFill::kHeaderOnly).
@@ -197,7 +200,7 @@ public:
     std::optional<std::vector<uint8_t>> ReadInterrupt(size_t maxLength);
     size_t PendingInterruptPackets() const { return interrupt_.size(); }
 
-    // The extension unit's register file (Part 3.2), for tests.
+    // The extension unit's register file, for tests.
     uint8_t Register(uint8_t address) const { return registers_[address]; }
     void SetRegister(uint8_t address, uint8_t value) { registers_[address] = value; }
 

@@ -17,7 +17,8 @@
 //    submitted there, as the hub does.
 //  - Transfers pending when the device disappears complete with
 //    USBD_STATUS_DEVICE_GONE and (we) STATUS_NO_SUCH_DEVICE: the device
-//    handle is gone, and Part 2.2's completion routine stops on it.
+//    handle is gone, and a client's isochronous completion routine stops on
+//    it instead of resubmitting.
 //  - Control transfers (descriptors, class/vendor requests) are queued to
 //    the default pipe and complete kControlTransferLatency later at
 //    DISPATCH_LEVEL; short IN data is fine (USBPORT sets

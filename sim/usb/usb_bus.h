@@ -1,4 +1,4 @@
-// The simulated USB bus (issue 3, "The bus"): the host side that plugs a
+// The simulated USB bus: the host side that plugs a
 // virtual camera (sim/camera) into a port and gives the driver under test the
 // physical device object (PDO) that the USB hub would enumerate for it. The
 // PDO answers IRP_MJ_INTERNAL_DEVICE_CONTROL / IOCTL_INTERNAL_USB_SUBMIT_URB

@@ -15,10 +15,8 @@ namespace camtest {
 
 using namespace kvsim::camera;
 
-inline const std::vector<std::string>& RealCameras() {
-    static const std::vector<std::string> names = {"trust_webcam", "logitech_c270", "elp_h264"};
-    return names;
-}
+// The built-in camera and the real cameras of ../shared/cameras.
+inline const std::vector<std::string> kAllCameras = {"default", "trust_webcam", "logitech_c270", "elp_h264"};
 
 inline DescriptorSet LoadReal(const std::string& name) {
     auto set = LoadDescriptorFiles(std::string(KV_SHARED_DIR) + "/cameras", name);
@@ -76,7 +74,7 @@ inline std::optional<ProbeControl> ProbeGet(UvcCamera& c, uint8_t iface, uint8_t
 }
 
 // The smallest alternate setting of the interface whose capacity carries
-// maxPayload (the driver's rule, Part 2.1).
+// maxPayload, as a host driver picks it.
 inline const AltSetting* AlternateFor(const StreamingInterface& vs, uint32_t maxPayload) {
     for (const auto& a : vs.alternates)
         if (a.alternate != 0 && a.capacity >= maxPayload) return &a;

@@ -15,16 +15,11 @@ namespace fs = std::filesystem;
 
 namespace {
 
-struct Name {
-    UNICODE_STRING us{};
-    explicit Name(const wchar_t* s) {
-        size_t n = 0;
-        while (s[n]) ++n;
-        us.Length = static_cast<USHORT>(n * 2);
-        us.MaximumLength = static_cast<USHORT>(n * 2 + 2);
-        us.Buffer = const_cast<wchar_t*>(s);
-    }
-};
+UNICODE_STRING Us(const wchar_t* s) {
+    UNICODE_STRING u;
+    RtlInitUnicodeString(&u, s);
+    return u;
+}
 
 class Files : public testing::Test {
 protected:
@@ -42,12 +37,13 @@ protected:
         fs::remove_all(root_);
     }
 
-    // Opens as the driver's bitmap reader and writer do (spec Part 4.2).
+    // Opens as a driver that reads and writes bitmap files does: synchronous
+    // I/O, read and write sharing, a file and never a directory.
     NTSTATUS Create(const wchar_t* path, HANDLE* h, ULONG disposition, IO_STATUS_BLOCK* iosb,
                     ACCESS_MASK access = GENERIC_READ | GENERIC_WRITE | SYNCHRONIZE) {
-        Name name(path);
+        UNICODE_STRING name = Us(path);
         OBJECT_ATTRIBUTES oa;
-        InitializeObjectAttributes(&oa, &name.us, OBJ_CASE_INSENSITIVE | OBJ_KERNEL_HANDLE, nullptr, nullptr);
+        InitializeObjectAttributes(&oa, &name, OBJ_CASE_INSENSITIVE | OBJ_KERNEL_HANDLE, nullptr, nullptr);
         return ZwCreateFile(h, access, &oa, iosb, nullptr, FILE_ATTRIBUTE_NORMAL, FILE_SHARE_READ | FILE_SHARE_WRITE,
                             disposition, FILE_SYNCHRONOUS_IO_NONALERT | FILE_NON_DIRECTORY_FILE, nullptr, 0);
     }
@@ -166,9 +162,9 @@ TEST_F(Files, SynchronousIoWithoutSynchronizeAccessIsRejected) {
 TEST_F(Files, SharingViolationBetweenOpens) {
     HANDLE first = nullptr, second = nullptr;
     IO_STATUS_BLOCK iosb{};
-    Name name(L"\\SystemRoot\\shared.bin");
+    UNICODE_STRING name = Us(L"\\SystemRoot\\shared.bin");
     OBJECT_ATTRIBUTES oa;
-    InitializeObjectAttributes(&oa, &name.us, OBJ_CASE_INSENSITIVE | OBJ_KERNEL_HANDLE, nullptr, nullptr);
+    InitializeObjectAttributes(&oa, &name, OBJ_CASE_INSENSITIVE | OBJ_KERNEL_HANDLE, nullptr, nullptr);
     ASSERT_EQ(ZwCreateFile(&first, GENERIC_WRITE | SYNCHRONIZE, &oa, &iosb, nullptr, FILE_ATTRIBUTE_NORMAL, 0,
                            FILE_OVERWRITE_IF, FILE_SYNCHRONOUS_IO_NONALERT, nullptr, 0),
               STATUS_SUCCESS);
@@ -195,9 +191,9 @@ TEST_F(Files, FileCallAtDispatchLevelIsReported) {
 TEST_F(Files, AsynchronousHandleNeedsAnOffsetAndEndOfFileOffsetAppends) {
     HANDLE h = nullptr;
     IO_STATUS_BLOCK iosb{};
-    Name name(L"\\SystemRoot\\log.bin");
+    UNICODE_STRING name = Us(L"\\SystemRoot\\log.bin");
     OBJECT_ATTRIBUTES oa;
-    InitializeObjectAttributes(&oa, &name.us, OBJ_CASE_INSENSITIVE | OBJ_KERNEL_HANDLE, nullptr, nullptr);
+    InitializeObjectAttributes(&oa, &name, OBJ_CASE_INSENSITIVE | OBJ_KERNEL_HANDLE, nullptr, nullptr);
     ASSERT_EQ(ZwCreateFile(&h, FILE_READ_DATA | FILE_WRITE_DATA, &oa, &iosb, nullptr, FILE_ATTRIBUTE_NORMAL, 0,
                            FILE_OVERWRITE_IF, FILE_NON_DIRECTORY_FILE, nullptr, 0),
               STATUS_SUCCESS);

@@ -1,12 +1,15 @@
 // Tests of the simulated kernel's dispatcher objects, waits, timers, DPCs,
-// IRQL and spin locks, in the default Virtual clock mode.
+// IRQL and spin locks, system threads, work items, the end-of-test check and
+// deadlock detection, in the default Virtual clock mode.
 #include <gtest/gtest.h>
 
 #include <chrono>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "kvsim/diag.h"
+#include "kvsim/object.h"
 #include "kvsim/sched.h"
 #include "wdm.h"
 
@@ -55,7 +58,7 @@ bool ContainsViolation(const std::vector<std::string>& violations, const std::st
     return false;
 }
 
-TEST(KeEvents, NotificationEventStaysSignalledAcrossSatisfiedWaits) {
+TEST(KeEvents, NotificationEventStaysSignalledSynchronizationEventResetsAfterOneWait) {
     KEVENT event;
     KeInitializeEvent(&event, NotificationEvent, FALSE);
     LARGE_INTEGER zero{};
@@ -67,12 +70,8 @@ TEST(KeEvents, NotificationEventStaysSignalledAcrossSatisfiedWaits) {
     EXPECT_EQ(KeSetEvent(&event, IO_NO_INCREMENT, FALSE), 1);
     EXPECT_EQ(KeResetEvent(&event), 1);
     EXPECT_EQ(KeReadStateEvent(&event), 0);
-}
 
-TEST(KeEvents, SynchronizationEventResetsAfterOneSatisfiedWait) {
-    KEVENT event;
     KeInitializeEvent(&event, SynchronizationEvent, TRUE);
-    LARGE_INTEGER zero{};
     EXPECT_EQ(KeWaitForSingleObject(&event, Executive, KernelMode, FALSE, &zero), STATUS_WAIT_0);
     EXPECT_EQ(KeReadStateEvent(&event), 0);
     EXPECT_EQ(KeWaitForSingleObject(&event, Executive, KernelMode, FALSE, &zero), STATUS_TIMEOUT);
@@ -102,7 +101,7 @@ TEST(KeEvents, SetEventWakesOnlyOneSynchronizationWaiterAllNotificationWaiters) 
     EXPECT_EQ(notificationWoken, 3);
 }
 
-TEST(KeSemaphores, ReleasedNTimesSatisfiesNWaits) {
+TEST(KeSemaphores, ReleasedNTimesSatisfiesNWaitsAndReleasePastTheLimitIsAViolation) {
     KSEMAPHORE semaphore;
     KeInitializeSemaphore(&semaphore, 0, 10);
     EXPECT_EQ(KeReleaseSemaphore(&semaphore, SEMAPHORE_INCREMENT, 3, FALSE), 0);
@@ -111,10 +110,7 @@ TEST(KeSemaphores, ReleasedNTimesSatisfiesNWaits) {
     for (int i = 0; i < 3; ++i)
         EXPECT_EQ(KeWaitForSingleObject(&semaphore, Executive, KernelMode, FALSE, &zero), STATUS_WAIT_0) << i;
     EXPECT_EQ(KeWaitForSingleObject(&semaphore, Executive, KernelMode, FALSE, &zero), STATUS_TIMEOUT);
-}
 
-TEST(KeSemaphores, ReleasePastTheLimitIsAViolation) {
-    KSEMAPHORE semaphore;
     KeInitializeSemaphore(&semaphore, 1, 1);
     EXPECT_EQ(KeReleaseSemaphore(&semaphore, SEMAPHORE_INCREMENT, 1, FALSE), 1);
     EXPECT_TRUE(ContainsViolation(kvsim::TakeViolations(), "STATUS_SEMAPHORE_LIMIT_EXCEEDED"));
@@ -191,23 +187,19 @@ TEST(KeWaits, ManyObjectsNeedAWaitBlockArray) {
     EXPECT_TRUE(ContainsViolation(kvsim::TakeViolations(), "WaitBlockArray"));
 }
 
-TEST(KeWaits, TimesOutAfterExactlyTheRequestedVirtualTime) {
+TEST(KeWaits, RelativeAndAbsoluteTimeoutsTakeExactlyTheirVirtualTime) {
     KEVENT event;
     KeInitializeEvent(&event, NotificationEvent, FALSE);
     LONGLONG start = kvsim::Now();
     LARGE_INTEGER timeout = Relative(250 * kMillisecond);
     EXPECT_EQ(KeWaitForSingleObject(&event, Executive, KernelMode, FALSE, &timeout), STATUS_TIMEOUT);
     EXPECT_EQ(kvsim::Now() - start, 250 * kMillisecond);
-}
-
-TEST(KeWaits, AbsoluteTimeoutIsSystemTime) {
-    KEVENT event;
-    KeInitializeEvent(&event, NotificationEvent, FALSE);
+    // An absolute time-out is system time.
     LARGE_INTEGER now;
     KeQuerySystemTime(&now);
     LARGE_INTEGER due;
     due.QuadPart = now.QuadPart + 2 * kSecond;
-    LONGLONG start = kvsim::Now();
+    start = kvsim::Now();
     EXPECT_EQ(KeWaitForSingleObject(&event, Executive, KernelMode, FALSE, &due), STATUS_TIMEOUT);
     EXPECT_EQ(kvsim::Now() - start, 2 * kSecond);
 }
@@ -271,7 +263,7 @@ TEST(KeTimers, PeriodicTimerDpcRunsOncePerPeriodAtDispatchLevel) {
     EXPECT_EQ(kvsim::GetSchedCounters().timersArmed, 0u);
 }
 
-TEST(KeTimers, OneShotTimerSignalsAWaitingThread) {
+TEST(KeTimers, OneShotTimerSignalsAWaitingThreadAndSettingItAgainCancelsItFirst) {
     KTIMER timer;
     KeInitializeTimer(&timer);
     LONGLONG wokeAt = -1;
@@ -285,14 +277,11 @@ TEST(KeTimers, OneShotTimerSignalsAWaitingThread) {
     EXPECT_EQ(wokeAt - start, 3 * kSecond);
     EXPECT_TRUE(KeReadStateTimer(&timer));
     EXPECT_EQ(kvsim::GetSchedCounters().timersArmed, 0u);
-}
 
-TEST(KeTimers, SettingASetTimerCancelsItFirst) {
-    KTIMER timer;
-    KeInitializeTimer(&timer);
+    // Setting a set timer cancels it first.
     EXPECT_FALSE(KeSetTimer(&timer, Relative(1 * kSecond), nullptr));
     EXPECT_TRUE(KeSetTimer(&timer, Relative(2 * kSecond), nullptr));
-    LONGLONG start = kvsim::Now();
+    start = kvsim::Now();
     EXPECT_EQ(KeWaitForSingleObject(&timer, Executive, KernelMode, FALSE, nullptr), STATUS_WAIT_0);
     EXPECT_EQ(kvsim::Now() - start, 2 * kSecond);
 }
@@ -329,7 +318,7 @@ TEST(KeDpcs, DpcReturningAtAnotherIrqlIsAViolation) {
     EXPECT_TRUE(ContainsViolation(kvsim::TakeViolations(), "returned at IRQL 15"));
 }
 
-TEST(KeDpcs, ScheduledCallbackRunsAtItsTimeInDpcContext) {
+TEST(KeDpcs, ScheduledCallbackRunsAtItsTimeInDpcContextAndRunUntilGivesUp) {
     LONGLONG ranAt = -1;
     KIRQL irql = 0;
     LONGLONG start = kvsim::Now();
@@ -344,10 +333,8 @@ TEST(KeDpcs, ScheduledCallbackRunsAtItsTimeInDpcContext) {
     EXPECT_EQ(ranAt - start, 7 * kMillisecond);
     EXPECT_EQ(kvsim::Now() - start, 7 * kMillisecond) << "RunUntil stops when the predicate holds";
     EXPECT_EQ(irql, DISPATCH_LEVEL);
-}
-
-TEST(KeDpcs, RunUntilGivesUpAfterTheTimeout) {
-    LONGLONG start = kvsim::Now();
+    // RunUntil gives up after its time-out.
+    start = kvsim::Now();
     EXPECT_FALSE(kvsim::RunUntil([] { return false; }, 3 * kSecond));
     EXPECT_EQ(kvsim::Now() - start, 3 * kSecond);
 }
@@ -487,16 +474,194 @@ TEST(KeFastMutex, RaisesToApcLevelAndExcludes) {
     EXPECT_EQ(waiterSaw, 1);
 }
 
-TEST(KeTime, SystemTimeIsTheEpochPlusInterruptTime) {
-    LARGE_INTEGER system;
-    KeQuerySystemTime(&system);
-    ULONGLONG interrupt = KeQueryInterruptTime();
-    EXPECT_EQ(static_cast<ULONGLONG>(system.QuadPart) - interrupt, 134116992000000000ull);
-    LARGE_INTEGER frequency;
-    LARGE_INTEGER counter = KeQueryPerformanceCounter(&frequency);
-    EXPECT_EQ(frequency.QuadPart, 10000000);
-    EXPECT_EQ(static_cast<ULONGLONG>(counter.QuadPart), interrupt);
-    EXPECT_EQ(KeQueryTimeIncrement(), 156250u);
+// ---- system threads ------------------------------------------------------------------------
+struct PriorityThreadContext {
+    KEVENT started;
+    KPRIORITY oldPriority = -1;
+    KPRIORITY priority = -1;
+    bool ran = false;
+};
+
+void PriorityThread(PVOID context) {
+    auto* c = static_cast<PriorityThreadContext*>(context);
+    c->oldPriority = KeSetPriorityThread(KeGetCurrentThread(), LOW_REALTIME_PRIORITY);
+    c->priority = KeQueryPriorityThread(KeGetCurrentThread());
+    c->ran = KeGetCurrentIrql() == PASSIVE_LEVEL;
+    KeSetEvent(&c->started, IO_NO_INCREMENT, FALSE);
+    PsTerminateSystemThread(STATUS_SUCCESS);
+    ADD_FAILURE() << "PsTerminateSystemThread returned";
+}
+
+TEST(KeSystemThreads, ThreadAtPriority16RunsSignalsTerminatesAndItsObjectIsSignalled) {
+    PriorityThreadContext context;
+    KeInitializeEvent(&context.started, NotificationEvent, FALSE);
+    HANDLE handle = nullptr;
+    CLIENT_ID cid{};
+    ASSERT_EQ(PsCreateSystemThread(&handle, THREAD_ALL_ACCESS, nullptr, nullptr, &cid, PriorityThread, &context),
+              STATUS_SUCCESS);
+    EXPECT_NE(handle, nullptr);
+    EXPECT_NE(cid.UniqueThread, nullptr);
+    EXPECT_EQ(kvsim::GetSchedCounters().liveSystemThreads, 1u);
+    PVOID thread = nullptr;
+    ASSERT_EQ(ObReferenceObjectByHandle(handle, SYNCHRONIZE, *PsThreadType, KernelMode, &thread, nullptr),
+              STATUS_SUCCESS);
+    ZwClose(handle);
+    EXPECT_EQ(KeWaitForSingleObject(&context.started, Executive, KernelMode, FALSE, nullptr), STATUS_WAIT_0);
+    EXPECT_EQ(KeWaitForSingleObject(thread, Executive, KernelMode, FALSE, nullptr), STATUS_WAIT_0);
+    EXPECT_EQ(static_cast<ETHREAD*>(thread)->ExitStatus, STATUS_SUCCESS);
+    ObDereferenceObject(thread);
+    EXPECT_TRUE(context.ran);
+    EXPECT_EQ(context.oldPriority, 8);
+    EXPECT_EQ(context.priority, LOW_REALTIME_PRIORITY);
+    EXPECT_EQ(kvsim::GetSchedCounters().liveSystemThreads, 0u);
+}
+
+TEST(KeSystemThreads, ReturningFromTheStartRoutineEndsTheThread) {
+    int value = 0;
+    auto body = [&] { value = 42; };
+    JoinThread(StartThread(&body));  // StartThread's routine returns without PsTerminateSystemThread
+    EXPECT_EQ(value, 42);
+}
+
+TEST(KeSystemThreads, TerminateFromANonSystemThreadIsAViolation) {
+    EXPECT_EQ(PsTerminateSystemThread(STATUS_SUCCESS), STATUS_INVALID_PARAMETER);
+    auto violations = kvsim::TakeViolations();
+    ASSERT_EQ(violations.size(), 1u);
+    EXPECT_NE(violations[0].find("not a driver-created system thread"), std::string::npos);
+}
+
+void BlockForever(PVOID context) {
+    kvsim::SetCurrentThreadName("blocker");
+    KeWaitForSingleObject(context, Executive, KernelMode, FALSE, nullptr);
+    PsTerminateSystemThread(STATUS_SUCCESS);
+}
+
+TEST(KeSystemThreads, EndOfTestCheckNamesAThreadStillRunning) {
+    static KEVENT never;  // outlives the test: the thread stays blocked on it
+    KeInitializeEvent(&never, NotificationEvent, FALSE);
+    HANDLE handle = nullptr;
+    ASSERT_EQ(PsCreateSystemThread(&handle, THREAD_ALL_ACCESS, nullptr, nullptr, nullptr, BlockForever, &never),
+              STATUS_SUCCESS);
+    ZwClose(handle);
+    kvsim::RunUntilIdle();
+    auto problems = kvsim::SchedEndOfTestCheck();
+    ASSERT_EQ(problems.size(), 1u);
+    EXPECT_NE(problems[0].find("system thread 'blocker'"), std::string::npos) << problems[0];
+    // Let it end so that the real end-of-test check passes.
+    EXPECT_TRUE(kvsim::SchedEndOfTestCheck().empty()) << "reported once only";
+    KeSetEvent(&never, IO_NO_INCREMENT, FALSE);
+    kvsim::RunUntilIdle();
+    EXPECT_EQ(kvsim::GetSchedCounters().liveSystemThreads, 0u);
+}
+
+// ---- work items ---------------------------------------------------------------------------
+struct DummyDevice {
+    bool destroyed = false;
+};
+
+void DestroyDummy(void* body) { static_cast<DummyDevice*>(body)->destroyed = true; }
+
+struct WorkContext {
+    DummyDevice* device;
+    KIRQL irql = 0xFF;
+    bool deviceAliveDuringRoutine = false;
+    PDEVICE_OBJECT deviceSeen = nullptr;
+    PIO_WORKITEM item = nullptr;
+};
+
+void WorkRoutine(PDEVICE_OBJECT device, PVOID context) {
+    auto* c = static_cast<WorkContext*>(context);
+    c->irql = KeGetCurrentIrql();
+    c->deviceSeen = device;
+    c->deviceAliveDuringRoutine = !c->device->destroyed;
+    IoFreeWorkItem(c->item);  // drivers commonly free the item here
+}
+
+TEST(KeWorkItems, RunAtPassiveLevelAndDropTheDeviceReferenceAfterwards) {
+    DummyDevice dummy;
+    kvsim::ObRegisterObject(&dummy, nullptr, DestroyDummy);
+    auto* device = reinterpret_cast<PDEVICE_OBJECT>(&dummy);
+    WorkContext context{&dummy};
+    context.item = IoAllocateWorkItem(device);
+    ASSERT_NE(context.item, nullptr);
+    KIRQL old;
+    KeRaiseIrql(DISPATCH_LEVEL, &old);  // work items may be queued from a DPC
+    IoQueueWorkItem(context.item, WorkRoutine, DelayedWorkQueue, &context);
+    KeLowerIrql(old);
+    EXPECT_EQ(kvsim::GetSchedCounters().workItemsPending, 1u);
+    ObDereferenceObject(device);  // the driver's own reference goes first
+    EXPECT_FALSE(dummy.destroyed) << "the queued work item holds a reference";
+    kvsim::RunUntilIdle();
+    EXPECT_EQ(context.irql, PASSIVE_LEVEL);
+    EXPECT_EQ(context.deviceSeen, device);
+    EXPECT_TRUE(context.deviceAliveDuringRoutine);
+    EXPECT_TRUE(dummy.destroyed) << "the reference is dropped after the routine returned";
+    auto counters = kvsim::GetSchedCounters();
+    EXPECT_EQ(counters.workItemsQueued, 1u);
+    EXPECT_EQ(counters.workItemsRun, 1u);
+    EXPECT_EQ(counters.workItemsPending, 0u);
+}
+
+TEST(KeWorkItems, PostRunsAtPassiveLevelOnAWorkerThread) {
+    KIRQL irql = 0xFF;
+    PKTHREAD thread = nullptr;
+    kvsim::Post([&] {
+        irql = KeGetCurrentIrql();
+        thread = KeGetCurrentThread();
+    });
+    kvsim::RunUntilIdle();
+    EXPECT_EQ(irql, PASSIVE_LEVEL);
+    EXPECT_NE(thread, nullptr);
+    EXPECT_NE(thread, KeGetCurrentThread());
+}
+
+TEST(KeHostThreads, AnAdoptedHostThreadRunsWhenTheBatonIsFreeAndReleasesItWhenItEnds) {
+    KEVENT done;
+    KeInitializeEvent(&done, NotificationEvent, FALSE);
+    KIRQL irql = 0xFF;
+    std::thread host([&] {
+        irql = KeGetCurrentIrql();  // adopted here, at PASSIVE_LEVEL
+        KeSetEvent(&done, IO_NO_INCREMENT, FALSE);
+    });
+    EXPECT_EQ(KeWaitForSingleObject(&done, Executive, KernelMode, FALSE, nullptr), STATUS_WAIT_0);
+    host.join();
+    EXPECT_EQ(irql, PASSIVE_LEVEL);
+    kvsim::RunFor(kSecond);  // the ended host thread no longer holds the baton
+}
+
+TEST(KeEndOfTest, ArmedTimerIsReportedAndCancelled) {
+    static KTIMER timer;
+    KeInitializeTimer(&timer);
+    LARGE_INTEGER due;
+    due.QuadPart = -1 * kSecond;
+    KeSetTimer(&timer, due, nullptr);
+    kvsim::ScheduleAt(kvsim::Now() + kSecond, [] {});
+    auto problems = kvsim::SchedEndOfTestCheck();
+    ASSERT_EQ(problems.size(), 2u);
+    EXPECT_NE(problems[0].find("timer"), std::string::npos);
+    EXPECT_NE(problems[1].find("scheduled callback"), std::string::npos);
+    EXPECT_EQ(kvsim::GetSchedCounters().timersArmed, 0u);
+    EXPECT_EQ(kvsim::GetSchedCounters().scheduledPending, 0u);
+}
+
+// ---- deadlock ----------------------------------------------------------------------------------
+void WaitOnContext(PVOID context) {
+    KeWaitForSingleObject(context, Executive, KernelMode, FALSE, nullptr);
+    PsTerminateSystemThread(STATUS_SUCCESS);
+}
+
+void DeadlockedWait() {
+    KEVENT a, b;
+    KeInitializeEvent(&a, NotificationEvent, FALSE);
+    KeInitializeEvent(&b, NotificationEvent, FALSE);
+    HANDLE handle;
+    PsCreateSystemThread(&handle, THREAD_ALL_ACCESS, nullptr, nullptr, nullptr, WaitOnContext, &b);
+    KeWaitForSingleObject(&a, Executive, KernelMode, FALSE, nullptr);
+}
+
+TEST(KeDeadlockDeathTest, AllThreadsBlockedWithNothingDueAborts) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_DEATH(DeadlockedWait(), "deadlock: no thread can run(.|\n)*'main thread' waits for any of: notification event");
 }
 
 }  // namespace

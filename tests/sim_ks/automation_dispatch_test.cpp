@@ -1,232 +1,21 @@
-// Tests of the simulated ks.sys's property dispatch (sim/ks/automation*.cpp)
-// with a filter built by hand in the test: an automation table of the test's
-// own, the built-in KSPROPSETID_Pin / Topology / General sets answered from
-// the filter descriptor, and IOCTL_KS_PROPERTY IRPs made by hand and sent
-// straight to DispatchAutomationIoctl.
-#include <gtest/gtest.h>
-
+// The simulated ks.sys's property and event dispatch (sim/ks/automation*.cpp)
+// on the test minidriver's filter, through IOCTL_KS_PROPERTY,
+// IOCTL_KS_ENABLE_EVENT and IOCTL_KS_DISABLE_EVENT as a client sends them:
+// the minidriver's automation table, and the built-in KSPROPSETID_Pin /
+// Topology / General sets answered from the filter descriptor.
+#include <algorithm>
 #include <cstring>
 #include <vector>
 
 #include "../../sim/ks/automation.h"
-#include "ksmedia.h"
-#include "kvsim/io.h"
 #include "kvsim/object.h"
+#include "kvsim/sched.h"
+#include "sim_ks/ks_fixture.h"
 
-// ---- the hand-made filter, its tables, and sending IRPs ------------------------------------------
-namespace kvtest::ksauto {
-using namespace kvsim::ks;
-
-constexpr GUID kSet = {0x7e57a070, 0x1111, 0x4c2e, {0x9b, 0x6f, 0x01, 0x02, 0x03, 0x04, 0x05, 0x06}};
-constexpr GUID kEventSet = {0x7e57a071, 0x1111, 0x4c2e, {0x9b, 0x6f, 0x01, 0x02, 0x03, 0x04, 0x05, 0x06}};
-constexpr GUID kSubA = {0x7e57a0a0, 0x2222, 0x4c2e, {0x9b, 0x6f, 0x01, 0x02, 0x03, 0x04, 0x05, 0x06}};
-constexpr GUID kSubB = {0x7e57a0b0, 0x2222, 0x4c2e, {0x9b, 0x6f, 0x01, 0x02, 0x03, 0x04, 0x05, 0x06}};
-constexpr GUID kSubNone = {0x7e57a0c0, 0x2222, 0x4c2e, {0x9b, 0x6f, 0x01, 0x02, 0x03, 0x04, 0x05, 0x06}};
-constexpr GUID kMajor = {0x7e57a0d0, 0x2222, 0x4c2e, {0x9b, 0x6f, 0x01, 0x02, 0x03, 0x04, 0x05, 0x06}};
-enum : ULONG { kValueId = 0, kReadOnlyId = 1, kBlobId = 2, kNodeLikeId = 3 };
-constexpr LONG kReadOnlyValue = 0x5150;
-constexpr ULONG kBlobSize = 12;
-constexpr LONG kValueMin = -10, kValueMax = 10;
-constexpr ULONG kOverriddenCTypes = 99;
-constexpr ULONG kIntersectFormatSize = 80;
-enum : ULONG { kTickEvent = 0, kOtherEvent = 1 };
-
-struct Log {
-    ULONG calls = 0;
-    LONG value = 0;
-    KIRQL lastIrql = 0xFF;
-    bool was32bit = false;
-    ULONG intersectCalls = 0;
-    PVOID intersectContext = nullptr;
-    KSDATARANGE intersectMatching{};
-};
-inline Log g_log;
-inline Log& HandlerLog() { return g_log; }
-inline void ResetHandlerLog() { g_log = Log{}; }
-
-inline void Note(PIRP irp) {
-    ++g_log.calls;
-    g_log.lastIrql = KeGetCurrentIrql();
-    g_log.was32bit = IoIs32bitProcess(irp) != FALSE;
-}
-
-inline NTSTATUS GetValue(PIRP irp, PKSPROPERTY, PVOID data) {
-    Note(irp);
-    std::memcpy(data, &g_log.value, sizeof(LONG));
-    irp->IoStatus.Information = sizeof(LONG);
-    return STATUS_SUCCESS;
-}
-inline NTSTATUS SetValue(PIRP irp, PKSPROPERTY, PVOID data) {
-    Note(irp);
-    std::memcpy(&g_log.value, data, sizeof(LONG));
-    return STATUS_SUCCESS;
-}
-inline NTSTATUS GetReadOnly(PIRP irp, PKSPROPERTY, PVOID data) {
-    Note(irp);
-    std::memcpy(data, &kReadOnlyValue, sizeof(LONG));
-    irp->IoStatus.Information = sizeof(LONG);
-    return STATUS_SUCCESS;
-}
-// Answers its own size query, as driver handlers with MinData 0 do.
-inline NTSTATUS GetBlob(PIRP irp, PKSPROPERTY, PVOID data) {
-    Note(irp);
-    ULONG length = IoGetCurrentIrpStackLocation(irp)->Parameters.DeviceIoControl.OutputBufferLength;
-    irp->IoStatus.Information = kBlobSize;
-    if (length == 0) return STATUS_BUFFER_OVERFLOW;
-    if (length < kBlobSize) return STATUS_BUFFER_TOO_SMALL;
-    auto* bytes = static_cast<UCHAR*>(data);
-    for (ULONG i = 0; i < kBlobSize; ++i) bytes[i] = UCHAR(0xB0 + i);
-    return STATUS_SUCCESS;
-}
-inline NTSTATUS GetCTypes(PIRP irp, PKSPROPERTY, PVOID data) {
-    std::memcpy(data, &kOverriddenCTypes, sizeof(ULONG));
-    irp->IoStatus.Information = sizeof(ULONG);
-    return STATUS_SUCCESS;
-}
-
-inline const KSPROPERTY_STEPPING_LONG kValueStepping[] = {{1, 0, {{kValueMin, kValueMax}}}};
-inline const KSPROPERTY_MEMBERSLIST kValueMembers[] = {
-    {{KSPROPERTY_MEMBER_STEPPEDRANGES, sizeof(KSPROPERTY_STEPPING_LONG), 1, 0}, kValueStepping}};
-inline const KSPROPERTY_VALUES kValueValues = {{{{{STATIC_KSPROPTYPESETID_General}, VT_I4, 0}}}, 1, kValueMembers};
-
-inline const KSPROPERTY_ITEM kItems[] = {
-    DEFINE_KSPROPERTY_ITEM(kValueId, GetValue, sizeof(KSPROPERTY), sizeof(LONG), SetValue, &kValueValues, 0, nullptr,
-                           nullptr, 0),
-    DEFINE_KSPROPERTY_ITEM(kReadOnlyId, GetReadOnly, sizeof(KSPROPERTY), sizeof(LONG), nullptr, nullptr, 0, nullptr,
-                           nullptr, 0),
-    DEFINE_KSPROPERTY_ITEM(kBlobId, GetBlob, sizeof(KSPROPERTY), 0, nullptr, nullptr, 0, nullptr, nullptr, 0),
-    DEFINE_KSPROPERTY_ITEM(kNodeLikeId, GetReadOnly, sizeof(KSP_NODE), sizeof(LONG), nullptr, nullptr, 0, nullptr,
-                           nullptr, 0),
-};
-inline const KSPROPERTY_ITEM kPinOverride[] = {
-    DEFINE_KSPROPERTY_ITEM(KSPROPERTY_PIN_CTYPES, GetCTypes, sizeof(KSPROPERTY), sizeof(ULONG), nullptr, nullptr, 0,
-                           nullptr, nullptr, 0),
-};
-inline const KSPROPERTY_SET kSets[] = {
-    DEFINE_KSPROPERTY_SET(&kSet, SIZEOF_ARRAY(kItems), kItems, 0, nullptr),
-    DEFINE_KSPROPERTY_SET(&KSPROPSETID_Pin, SIZEOF_ARRAY(kPinOverride), kPinOverride, 0, nullptr),
-};
-inline const KSEVENT_ITEM kEvents[] = {
-    DEFINE_KSEVENT_ITEM(kTickEvent, sizeof(KSEVENTDATA), 0, nullptr, nullptr, nullptr),
-    DEFINE_KSEVENT_ITEM(kOtherEvent, sizeof(KSEVENTDATA), 16, nullptr, nullptr, nullptr),
-};
-inline const KSEVENT_SET kEventSets[] = {DEFINE_KSEVENT_SET(&kEventSet, SIZEOF_ARRAY(kEvents), kEvents)};
-inline const KSAUTOMATION_TABLE kTable = {DEFINE_KSAUTOMATION_PROPERTIES(kSets), DEFINE_KSAUTOMATION_METHODS_NULL,
-                                          DEFINE_KSAUTOMATION_EVENTS(kEventSets)};
-
-inline KSDATARANGE MakeRange(const GUID& sub, ULONG formatSize = sizeof(KSDATARANGE)) {
-    KSDATARANGE r{};
-    r.FormatSize = formatSize;
-    r.MajorFormat = kMajor;
-    r.SubFormat = sub;
-    r.Specifier = KSDATAFORMAT_SPECIFIER_NONE;
-    return r;
-}
-// A range with 4 bytes of its own behind the header: FormatSize 68.
-struct LongRange {
-    KSDATARANGE range;
-    ULONG extra;
-};
-inline KSDATARANGE g_rangeA = MakeRange(kSubA);
-inline LongRange g_rangeB = {MakeRange(kSubB, 68), 0xABCD};
-inline const PKSDATARANGE kCaptureRanges[] = {&g_rangeA, &g_rangeB.range};
-inline KSDATARANGE g_bridgeRange = MakeRange(kSubNone);
-inline const PKSDATARANGE kBridgeRanges[] = {&g_bridgeRange};
-
-inline NTSTATUS Intersect(PVOID context, PIRP, PKSP_PIN, PKSDATARANGE, PKSDATARANGE matching, ULONG bufferSize,
-                          PVOID data, PULONG dataSize) {
-    ++g_log.intersectCalls;
-    g_log.intersectContext = context;
-    g_log.intersectMatching = *matching;
-    *dataSize = kIntersectFormatSize;
-    if (bufferSize == 0) return STATUS_BUFFER_OVERFLOW;
-    if (bufferSize < kIntersectFormatSize) return STATUS_BUFFER_TOO_SMALL;
-    std::memset(data, 0, kIntersectFormatSize);
-    KSDATAFORMAT format = *matching;
-    format.FormatSize = kIntersectFormatSize;
-    std::memcpy(data, &format, sizeof format);
-    return STATUS_SUCCESS;
-}
-
-inline const KSPIN_DESCRIPTOR_EX kPins[] = {
-    {nullptr, nullptr,
-     {0, nullptr, 0, nullptr, SIZEOF_ARRAY(kCaptureRanges), kCaptureRanges, KSPIN_DATAFLOW_OUT,
-      KSPIN_COMMUNICATION_SINK, &PINNAME_VIDEO_CAPTURE, nullptr, {0}},
-     0, 1, 0, nullptr, Intersect},
-    {nullptr, nullptr,
-     {0, nullptr, 0, nullptr, SIZEOF_ARRAY(kBridgeRanges), kBridgeRanges, KSPIN_DATAFLOW_IN,
-      KSPIN_COMMUNICATION_BRIDGE, &PINNAME_VIDEO_ANALOGVIDEOIN, nullptr, {0}},
-     0, 0, 0, nullptr, nullptr},
-};
-inline const GUID kCategories[] = {KSCATEGORY_VIDEO_CAMERA, KSCATEGORY_CAPTURE};
-inline const KSFILTER_DESCRIPTOR kDescriptor = {
-    nullptr, &kTable, KSFILTER_DESCRIPTOR_VERSION, 0, nullptr, DEFINE_KSFILTER_PIN_DESCRIPTORS(kPins),
-    DEFINE_KSFILTER_CATEGORIES(kCategories), DEFINE_KSFILTER_NODE_DESCRIPTORS_NULL,
-    DEFINE_KSFILTER_DEFAULT_CONNECTIONS, nullptr};
-
-// A filter object as H7's code would make it, without a device behind it.
-class FakeFilter {
-public:
-    FakeFilter() {
-        filter_.pub.Descriptor = &kDescriptor;
-        ObjectHeader& h = filter_.header;
-        h.kind = ObjectKind::Filter;
-        h.publicObject = &filter_;
-        h.automationTable = kDescriptor.AutomationTable;
-        h.fileObject = &file_;
-        KeInitializeMutex(&h.controlMutex, 0);
-        InitializeListHead(&h.eventList);
-        KeInitializeSpinLock(&h.eventLock);
-        file_.Type = IO_TYPE_FILE;
-        file_.FsContext = &h;
-    }
-    ~FakeFilter() { AutomationObjectClosing(&filter_.header); }
-    ObjectHeader* header() { return &filter_.header; }
-    PFILE_OBJECT file() { return &file_; }
-    KsFilter& filter() { return filter_; }
-
-private:
-    KsFilter filter_{};
-    FILE_OBJECT file_{};
-};
-
-struct Result {
-    NTSTATUS status;
-    ULONG_PTR information;
-};
-
-inline NTSTATUS KeepIrp(PDEVICE_OBJECT, PIRP, PVOID) { return STATUS_MORE_PROCESSING_REQUIRED; }
-
-// One METHOD_NEITHER KS ioctl as DeviceIoControl makes it, on `file`,
-// dispatched by ks.sys's automation code; `fileForIrp` may differ from the
-// object's own handle (another client's file object).
-inline Result SendIoctl(ObjectHeader* object, PFILE_OBJECT file, ULONG code, const void* in, ULONG inLength, void* out,
-                        ULONG outLength, bool from32bit = false) {
-    PIRP irp = IoAllocateIrp(1, FALSE);
-    if (from32bit) kvsim::SetIrpFrom32bitProcess(irp, true);
-    irp->RequestorMode = UserMode;
-    irp->UserBuffer = out;
-    PIO_STACK_LOCATION sp = IoGetNextIrpStackLocation(irp);
-    sp->MajorFunction = IRP_MJ_DEVICE_CONTROL;
-    sp->FileObject = file;
-    sp->Parameters.DeviceIoControl.IoControlCode = code;
-    sp->Parameters.DeviceIoControl.InputBufferLength = inLength;
-    sp->Parameters.DeviceIoControl.OutputBufferLength = outLength;
-    sp->Parameters.DeviceIoControl.Type3InputBuffer = const_cast<void*>(in);
-    IoSetCompletionRoutine(irp, KeepIrp, nullptr, TRUE, TRUE, TRUE);
-    IoSetNextIrpStackLocation(irp);
-    DispatchAutomationIoctl(irp, object);
-    Result result{irp->IoStatus.Status, irp->IoStatus.Information};
-    IoFreeIrp(irp);
-    return result;
-}
-
-}  // namespace kvtest::ksauto
-
-namespace kvsim::ks {
+namespace kvtest::ks {
 namespace {
 
-using namespace kvtest::ksauto;
+using kvsim::client::IoResult;
 
 KSPROPERTY Prop(const GUID& set, ULONG id, ULONG flags) {
     KSPROPERTY p{};
@@ -243,34 +32,39 @@ KSP_PIN PinProp(ULONG id, ULONG pinId) {
     return p;
 }
 
-class AutomationProperty : public ::testing::Test {
+class Automation : public KsTest {
 protected:
-    void SetUp() override { ResetHandlerLog(); }
-    FakeFilter filter_;
-    Result Get(const void* request, ULONG requestLength, void* data, ULONG dataLength) {
-        return SendIoctl(filter_.header(), filter_.file(), IOCTL_KS_PROPERTY, request, requestLength, data, dataLength);
+    void SetUp() override {
+        KsTest::SetUp();
+        if (HasFatalFailure()) return;
+        AddAndStart();
+        if (HasFatalFailure()) return;
+        OpenFilter();
+    }
+    IoResult Get(const void* request, ULONG requestLength, void* data, ULONG dataLength) {
+        return filter_->PropertyRaw(request, requestLength, data, dataLength);
     }
 };
 
-TEST_F(AutomationProperty, UnknownSetIsPropertySetNotFoundAndUnknownIdIsNotFound) {
+TEST_F(Automation, UnknownSetIsPropertySetNotFoundAndUnknownIdIsNotFound) {
     const GUID unknown = {0x12345678, 0x1, 0x2, {3, 4, 5, 6, 7, 8, 9, 10}};
     KSPROPERTY p = Prop(unknown, 0, KSPROPERTY_TYPE_GET);
     LONG value = 0;
     EXPECT_EQ(Get(&p, sizeof p, &value, sizeof value).status, STATUS_PROPERTY_SET_NOT_FOUND);
-    p = Prop(kSet, 77, KSPROPERTY_TYPE_GET);
+    p = Prop(kTestPropertySet, 77, KSPROPERTY_TYPE_GET);
     EXPECT_EQ(Get(&p, sizeof p, &value, sizeof value).status, STATUS_NOT_FOUND);
     // A built-in set answers the same way for an id it lacks.
     p = Prop(KSPROPSETID_Topology, 55, KSPROPERTY_TYPE_GET);
     EXPECT_EQ(Get(&p, sizeof p, &value, sizeof value).status, STATUS_NOT_FOUND);
 }
 
-TEST_F(AutomationProperty, GetAndSetReachTheHandlersWithTheCallersData) {
-    KSPROPERTY p = Prop(kSet, kValueId, KSPROPERTY_TYPE_SET);
+TEST_F(Automation, GetAndSetReachTheHandlersWithTheCallersData) {
+    KSPROPERTY p = Prop(kTestPropertySet, kTestPropertyValue, KSPROPERTY_TYPE_SET);
     LONG value = -42;
-    Result r = Get(&p, sizeof p, &value, sizeof value);
+    IoResult r = Get(&p, sizeof p, &value, sizeof value);
     EXPECT_EQ(r.status, STATUS_SUCCESS);
-    EXPECT_EQ(HandlerLog().value, -42);
-    EXPECT_EQ(HandlerLog().lastIrql, PASSIVE_LEVEL);
+    EXPECT_EQ(Recorder().propertyValue, -42);
+    EXPECT_EQ(Recorder().propertyIrql, PASSIVE_LEVEL);
     p.Flags = KSPROPERTY_TYPE_GET;
     value = 0;
     r = Get(&p, sizeof p, &value, sizeof value);
@@ -279,21 +73,21 @@ TEST_F(AutomationProperty, GetAndSetReachTheHandlersWithTheCallersData) {
     EXPECT_EQ(value, -42);
 }
 
-TEST_F(AutomationProperty, ADirectionWithoutHandlerIsNotFound) {
-    KSPROPERTY p = Prop(kSet, kReadOnlyId, KSPROPERTY_TYPE_SET);
+TEST_F(Automation, ADirectionWithoutHandlerIsNotFound) {
+    KSPROPERTY p = Prop(kTestPropertySet, kTestPropertyReadOnly, KSPROPERTY_TYPE_SET);
     LONG value = 5;
     EXPECT_EQ(Get(&p, sizeof p, &value, sizeof value).status, STATUS_NOT_FOUND);
-    EXPECT_EQ(HandlerLog().calls, 0u);
+    EXPECT_EQ(Recorder().propertyCalls, 0u);
     p.Flags = KSPROPERTY_TYPE_GET;
     EXPECT_EQ(Get(&p, sizeof p, &value, sizeof value).status, STATUS_SUCCESS);
-    EXPECT_EQ(value, kReadOnlyValue);
+    EXPECT_EQ(value, kTestReadOnlyValue);
 }
 
-TEST_F(AutomationProperty, ShortRequestFailsTheMinPropertyCheck) {
-    KSPROPERTY p = Prop(kSet, kNodeLikeId, KSPROPERTY_TYPE_GET);  // MinProperty is sizeof(KSP_NODE)
+TEST_F(Automation, ShortRequestFailsTheMinPropertyCheck) {
+    KSPROPERTY p = Prop(kTestPropertySet, kTestPropertyNodeLike, KSPROPERTY_TYPE_GET);  // MinProperty: KSP_NODE
     LONG value = 0;
     EXPECT_EQ(Get(&p, sizeof p, &value, sizeof value).status, STATUS_INVALID_PARAMETER);
-    EXPECT_EQ(HandlerLog().calls, 0u);
+    EXPECT_EQ(Recorder().propertyCalls, 0u);
     // Shorter than any KSPROPERTY at all.
     EXPECT_EQ(Get(&p, sizeof(GUID), &value, sizeof value).status, STATUS_INVALID_BUFFER_SIZE);
     KSP_NODE node{};
@@ -301,46 +95,46 @@ TEST_F(AutomationProperty, ShortRequestFailsTheMinPropertyCheck) {
     EXPECT_EQ(Get(&node, sizeof node, &value, sizeof value).status, STATUS_SUCCESS);
 }
 
-TEST_F(AutomationProperty, MinDataSizeQueryThenShortBufferThenFill) {
-    KSPROPERTY p = Prop(kSet, kValueId, KSPROPERTY_TYPE_GET);
-    Result r = Get(&p, sizeof p, nullptr, 0);
+TEST_F(Automation, MinDataSizeQueryThenShortBufferThenFill) {
+    KSPROPERTY p = Prop(kTestPropertySet, kTestPropertyValue, KSPROPERTY_TYPE_GET);
+    IoResult r = Get(&p, sizeof p, nullptr, 0);
     EXPECT_EQ(r.status, STATUS_BUFFER_OVERFLOW);
     EXPECT_EQ(r.information, sizeof(LONG));
     UCHAR two[2] = {};
     r = Get(&p, sizeof p, two, sizeof two);
     EXPECT_EQ(r.status, STATUS_BUFFER_TOO_SMALL);
-    EXPECT_EQ(HandlerLog().calls, 0u);  // neither reached the handler
+    EXPECT_EQ(Recorder().propertyCalls, 0u);  // neither reached the handler
     LONG value = 0;
     EXPECT_EQ(Get(&p, sizeof p, &value, sizeof value).status, STATUS_SUCCESS);
-    EXPECT_EQ(HandlerLog().calls, 1u);
+    EXPECT_EQ(Recorder().propertyCalls, 1u);
 }
 
-TEST_F(AutomationProperty, HandlerSizeQueryReturnsItsInformation) {
+TEST_F(Automation, HandlerSizeQueryReturnsItsInformation) {
     // The blob item has MinData 0: the handler answers the size query itself.
-    KSPROPERTY p = Prop(kSet, kBlobId, KSPROPERTY_TYPE_GET);
-    Result r = Get(&p, sizeof p, nullptr, 0);
+    KSPROPERTY p = Prop(kTestPropertySet, kTestPropertyBlob, KSPROPERTY_TYPE_GET);
+    IoResult r = Get(&p, sizeof p, nullptr, 0);
     EXPECT_EQ(r.status, STATUS_BUFFER_OVERFLOW);
-    EXPECT_EQ(r.information, kBlobSize);
-    std::vector<UCHAR> blob(kBlobSize + 8, 0xEE);
+    EXPECT_EQ(r.information, kTestBlobSize);
+    std::vector<UCHAR> blob(kTestBlobSize + 8, 0xEE);
     r = Get(&p, sizeof p, blob.data(), ULONG(blob.size()));
     EXPECT_EQ(r.status, STATUS_SUCCESS);
-    EXPECT_EQ(r.information, kBlobSize);
-    for (ULONG i = 0; i < kBlobSize; ++i) EXPECT_EQ(blob[i], UCHAR(0xB0 + i)) << i;
+    EXPECT_EQ(r.information, kTestBlobSize);
+    for (ULONG i = 0; i < kTestBlobSize; ++i) EXPECT_EQ(blob[i], UCHAR(0xB0 + i)) << i;
     // Bytes past Information are not copied back.
-    EXPECT_EQ(blob[kBlobSize], 0xEE);
+    EXPECT_EQ(blob[kTestBlobSize], 0xEE);
 }
 
-TEST_F(AutomationProperty, BasicSupportReportsAccessAndValues) {
-    KSPROPERTY p = Prop(kSet, kValueId, KSPROPERTY_TYPE_BASICSUPPORT);
+TEST_F(Automation, BasicSupportReportsAccessAndValues) {
+    KSPROPERTY p = Prop(kTestPropertySet, kTestPropertyValue, KSPROPERTY_TYPE_BASICSUPPORT);
     ULONG access = 0;
-    Result r = Get(&p, sizeof p, &access, sizeof access);
+    IoResult r = Get(&p, sizeof p, &access, sizeof access);
     EXPECT_EQ(r.status, STATUS_SUCCESS);
     EXPECT_EQ(access, ULONG(KSPROPERTY_TYPE_GET | KSPROPERTY_TYPE_SET));
-    p.Id = kReadOnlyId;
+    p.Id = kTestPropertyReadOnly;
     Get(&p, sizeof p, &access, sizeof access);
     EXPECT_EQ(access, ULONG(KSPROPERTY_TYPE_GET));
 
-    p.Id = kValueId;  // has a stepped range as its Values
+    p.Id = kTestPropertyValue;  // has a stepped range as its Values
     KSPROPERTY_DESCRIPTION header{};
     r = Get(&p, sizeof p, &header, sizeof header);
     EXPECT_EQ(r.status, STATUS_SUCCESS);
@@ -353,12 +147,12 @@ TEST_F(AutomationProperty, BasicSupportReportsAccessAndValues) {
     KSPROPERTY_STEPPING_LONG stepping;
     std::memcpy(&stepping, all.data() + sizeof(KSPROPERTY_DESCRIPTION) + sizeof(KSPROPERTY_MEMBERSHEADER),
                 sizeof stepping);
-    EXPECT_EQ(stepping.Bounds.SignedMinimum, kValueMin);
-    EXPECT_EQ(stepping.Bounds.SignedMaximum, kValueMax);
+    EXPECT_EQ(stepping.Bounds.SignedMinimum, kTestValueMin);
+    EXPECT_EQ(stepping.Bounds.SignedMaximum, kTestValueMax);
 }
 
-TEST_F(AutomationProperty, SetSupportAnswersForKnownSetsOnly) {
-    KSPROPERTY p = Prop(kSet, 0, KSPROPERTY_TYPE_SETSUPPORT);
+TEST_F(Automation, SetSupportAnswersForKnownSetsOnly) {
+    KSPROPERTY p = Prop(kTestPropertySet, 0, KSPROPERTY_TYPE_SETSUPPORT);
     EXPECT_EQ(Get(&p, sizeof p, nullptr, 0).status, STATUS_SUCCESS);
     p.Set = KSPROPSETID_Topology;
     EXPECT_EQ(Get(&p, sizeof p, nullptr, 0).status, STATUS_SUCCESS);
@@ -366,52 +160,40 @@ TEST_F(AutomationProperty, SetSupportAnswersForKnownSetsOnly) {
     EXPECT_EQ(Get(&p, sizeof p, nullptr, 0).status, STATUS_PROPERTY_SET_NOT_FOUND);
 }
 
-TEST_F(AutomationProperty, ThirtyTwoBitCallerIsVisibleToTheHandler) {
-    KSPROPERTY p = Prop(kSet, kValueId, KSPROPERTY_TYPE_GET);
-    LONG value = 0;
-    SendIoctl(filter_.header(), filter_.file(), IOCTL_KS_PROPERTY, &p, sizeof p, &value, sizeof value, true);
-    EXPECT_TRUE(HandlerLog().was32bit);
-    SendIoctl(filter_.header(), filter_.file(), IOCTL_KS_PROPERTY, &p, sizeof p, &value, sizeof value, false);
-    EXPECT_FALSE(HandlerLog().was32bit);
-}
-
 // ---- built-in KSPROPSETID_Pin ----------------------------------------------------------------
-TEST_F(AutomationProperty, MinidriverItemInABuiltinSetWinsTheMerge) {
-    // The test table overrides KSPROPERTY_PIN_CTYPES; the other Pin items stay ks.sys's.
-    KSPROPERTY p = Prop(KSPROPSETID_Pin, KSPROPERTY_PIN_CTYPES, KSPROPERTY_TYPE_GET);
-    ULONG count = 0;
-    EXPECT_EQ(Get(&p, sizeof p, &count, sizeof count).status, STATUS_SUCCESS);
-    EXPECT_EQ(count, kOverriddenCTypes);
-    KSP_PIN flow = PinProp(KSPROPERTY_PIN_DATAFLOW, 1);
+TEST_F(Automation, MinidriverItemInABuiltinSetWinsTheMerge) {
+    // The minidriver overrides KSPROPERTY_PIN_GLOBALCINSTANCES; the other Pin items stay ks.sys's.
+    KSP_PIN global = PinProp(KSPROPERTY_PIN_GLOBALCINSTANCES, kCapturePinId);
+    KSPIN_CINSTANCES ci{};
+    EXPECT_EQ(Get(&global, sizeof global, &ci, sizeof ci).status, STATUS_SUCCESS);
+    EXPECT_EQ(ci.PossibleCount, kTestGlobalInstances);
+    KSP_PIN flow = PinProp(KSPROPERTY_PIN_DATAFLOW, kBridgePinId);
     KSPIN_DATAFLOW dataFlow{};
     EXPECT_EQ(Get(&flow, sizeof flow, &dataFlow, sizeof dataFlow).status, STATUS_SUCCESS);
     EXPECT_EQ(dataFlow, KSPIN_DATAFLOW_IN);
+    // A pin id the descriptor lacks.
+    flow = PinProp(KSPROPERTY_PIN_DATAFLOW, kPinCount);
+    EXPECT_EQ(Get(&flow, sizeof flow, &dataFlow, sizeof dataFlow).status, STATUS_INVALID_PARAMETER);
 }
 
-TEST_F(AutomationProperty, PinIdIsValidated) {
-    KSP_PIN p = PinProp(KSPROPERTY_PIN_DATAFLOW, 2);
-    KSPIN_DATAFLOW dataFlow{};
-    EXPECT_EQ(Get(&p, sizeof p, &dataFlow, sizeof dataFlow).status, STATUS_INVALID_PARAMETER);
-}
-
-TEST_F(AutomationProperty, CInstancesCountsOpenPins) {
-    KSP_PIN p = PinProp(KSPROPERTY_PIN_CINSTANCES, 0);
+TEST_F(Automation, CInstancesCountsOpenPins) {
+    KSP_PIN p = PinProp(KSPROPERTY_PIN_CINSTANCES, kCapturePinId);
     KSPIN_CINSTANCES ci{};
     EXPECT_EQ(Get(&p, sizeof p, &ci, sizeof ci).status, STATUS_SUCCESS);
     EXPECT_EQ(ci.PossibleCount, 1u);
     EXPECT_EQ(ci.CurrentCount, 0u);
-    filter_.filter().pinInstanceCounts = {1, 0};
+    ASSERT_EQ(ConnectCapture(0), STATUS_SUCCESS);
     Get(&p, sizeof p, &ci, sizeof ci);
     EXPECT_EQ(ci.CurrentCount, 1u);
-    KSP_PIN n = PinProp(KSPROPERTY_PIN_NECESSARYINSTANCES, 1);
+    KSP_PIN n = PinProp(KSPROPERTY_PIN_NECESSARYINSTANCES, kBridgePinId);
     ULONG necessary = 99;
     Get(&n, sizeof n, &necessary, sizeof necessary);
     EXPECT_EQ(necessary, 0u);
 }
 
-TEST_F(AutomationProperty, DataRangesAreAListOfEightByteAlignedRanges) {
-    KSP_PIN p = PinProp(KSPROPERTY_PIN_DATARANGES, 0);
-    Result r = Get(&p, sizeof p, nullptr, 0);
+TEST_F(Automation, DataRangesAreAListOfEightByteAlignedRanges) {
+    KSP_PIN p = PinProp(KSPROPERTY_PIN_DATARANGES, kBridgePinId);
+    IoResult r = Get(&p, sizeof p, nullptr, 0);
     ULONG expected = sizeof(KSMULTIPLE_ITEM) + sizeof(KSDATARANGE) + 72;  // 68 rounded up
     EXPECT_EQ(r.status, STATUS_BUFFER_OVERFLOW);
     EXPECT_EQ(r.information, expected);
@@ -432,22 +214,24 @@ TEST_F(AutomationProperty, DataRangesAreAListOfEightByteAlignedRanges) {
     std::memcpy(&first, list.data() + 8, sizeof first);
     std::memcpy(&second, list.data() + 8 + sizeof(KSDATARANGE), sizeof second);
     EXPECT_EQ(first.FormatSize, sizeof(KSDATARANGE));
-    EXPECT_TRUE(IsEqualGUID(first.SubFormat, kSubA));
+    EXPECT_TRUE(IsEqualGUID(first.MajorFormat, KSDATAFORMAT_TYPE_ANALOGVIDEO));
     EXPECT_EQ(second.FormatSize, 68u);
-    EXPECT_TRUE(IsEqualGUID(second.SubFormat, kSubB));
+    ULONG extra = 0;
+    std::memcpy(&extra, list.data() + 8 + 2 * sizeof(KSDATARANGE), sizeof extra);
+    EXPECT_EQ(extra, 0xABCDu);  // the range's own bytes come along
 }
 
-TEST_F(AutomationProperty, CategoryNameAndCommunicationComeFromTheDescriptor) {
-    KSP_PIN p = PinProp(KSPROPERTY_PIN_CATEGORY, 0);
+TEST_F(Automation, CategoryNameAndCommunicationComeFromTheDescriptor) {
+    KSP_PIN p = PinProp(KSPROPERTY_PIN_CATEGORY, kCapturePinId);
     GUID category{};
     EXPECT_EQ(Get(&p, sizeof p, &category, sizeof category).status, STATUS_SUCCESS);
     EXPECT_TRUE(IsEqualGUID(category, PINNAME_VIDEO_CAPTURE));
-    p = PinProp(KSPROPERTY_PIN_CATEGORY, 1);
+    p = PinProp(KSPROPERTY_PIN_CATEGORY, kBridgePinId);
     Get(&p, sizeof p, &category, sizeof category);
     EXPECT_TRUE(IsEqualGUID(category, PINNAME_VIDEO_ANALOGVIDEOIN));
 
-    p = PinProp(KSPROPERTY_PIN_NAME, 0);  // no Name: the category's name
-    Result r = Get(&p, sizeof p, nullptr, 0);
+    p = PinProp(KSPROPERTY_PIN_NAME, kCapturePinId);  // no Name: the category's name
+    IoResult r = Get(&p, sizeof p, nullptr, 0);
     EXPECT_EQ(r.status, STATUS_BUFFER_OVERFLOW);
     EXPECT_EQ(r.information, sizeof(u"Capture"));
     char16_t name[16] = {};
@@ -455,12 +239,12 @@ TEST_F(AutomationProperty, CategoryNameAndCommunicationComeFromTheDescriptor) {
     EXPECT_EQ(r.status, STATUS_SUCCESS);
     EXPECT_EQ(std::u16string(name), u"Capture");
 
-    p = PinProp(KSPROPERTY_PIN_COMMUNICATION, 1);
+    p = PinProp(KSPROPERTY_PIN_COMMUNICATION, kBridgePinId);
     KSPIN_COMMUNICATION communication{};
     Get(&p, sizeof p, &communication, sizeof communication);
     EXPECT_EQ(communication, KSPIN_COMMUNICATION_BRIDGE);
 
-    p = PinProp(KSPROPERTY_PIN_INTERFACES, 0);  // none declared: standard streaming
+    p = PinProp(KSPROPERTY_PIN_INTERFACES, kCapturePinId);  // none declared: standard streaming
     UCHAR interfaces[sizeof(KSMULTIPLE_ITEM) + sizeof(KSPIN_INTERFACE)] = {};
     r = Get(&p, sizeof p, interfaces, sizeof interfaces);
     EXPECT_EQ(r.status, STATUS_SUCCESS);
@@ -470,9 +254,19 @@ TEST_F(AutomationProperty, CategoryNameAndCommunicationComeFromTheDescriptor) {
     EXPECT_EQ(standard.Id, ULONG(KSINTERFACE_STANDARD_STREAMING));
 }
 
-// A KSP_PIN followed by a KSMULTIPLE_ITEM of the given ranges (8-aligned).
-std::vector<UCHAR> IntersectionRequest(ULONG pinId, const std::vector<KSDATARANGE>& ranges) {
+// A KSP_PIN followed by a KSMULTIPLE_ITEM of video ranges with the given
+// subformats (plain KSDATARANGEs, 8-aligned).
+std::vector<UCHAR> IntersectionRequest(ULONG pinId, const std::vector<GUID>& subformats) {
     KSP_PIN p = PinProp(KSPROPERTY_PIN_DATAINTERSECTION, pinId);
+    std::vector<KSDATARANGE> ranges;
+    for (const GUID& sub : subformats) {
+        KSDATARANGE r{};
+        r.FormatSize = sizeof r;
+        r.MajorFormat = KSDATAFORMAT_TYPE_VIDEO;
+        r.SubFormat = sub;
+        r.Specifier = KSDATAFORMAT_SPECIFIER_VIDEOINFO;
+        ranges.push_back(r);
+    }
     std::vector<UCHAR> bytes(sizeof p + sizeof(KSMULTIPLE_ITEM) + ranges.size() * sizeof(KSDATARANGE));
     std::memcpy(bytes.data(), &p, sizeof p);
     KSMULTIPLE_ITEM header{ULONG(sizeof(KSMULTIPLE_ITEM) + ranges.size() * sizeof(KSDATARANGE)), ULONG(ranges.size())};
@@ -481,230 +275,180 @@ std::vector<UCHAR> IntersectionRequest(ULONG pinId, const std::vector<KSDATARANG
     return bytes;
 }
 
-TEST_F(AutomationProperty, DataIntersectionSizeQueryThenFillThroughTheIntersectHandler) {
-    // The caller offers a range the pin lacks, then one matching range B.
-    std::vector<UCHAR> request = IntersectionRequest(0, {MakeRange(kSubNone), MakeRange(kSubB)});
-    Result r = Get(request.data(), ULONG(request.size()), nullptr, 0);
+size_t IntersectCalls() { return std::count(Recorder().calls.begin(), Recorder().calls.end(), "Intersect"); }
+
+TEST_F(Automation, DataIntersectionSizeQueryThenFillThroughTheIntersectHandler) {
+    // The caller offers a range the pin lacks (MJPG), then a YUY2 one.
+    std::vector<UCHAR> request =
+        IntersectionRequest(kCapturePinId, {KSDATAFORMAT_SUBTYPE_MJPG, KSDATAFORMAT_SUBTYPE_YUY2});
+    IoResult r = Get(request.data(), ULONG(request.size()), nullptr, 0);
     EXPECT_EQ(r.status, STATUS_BUFFER_OVERFLOW);
-    EXPECT_EQ(r.information, kIntersectFormatSize);
-    std::vector<UCHAR> format(kIntersectFormatSize);
+    EXPECT_EQ(r.information, sizeof(KS_DATAFORMAT_VIDEOINFOHEADER));
+    std::vector<UCHAR> format(sizeof(KS_DATAFORMAT_VIDEOINFOHEADER));
     r = Get(request.data(), ULONG(request.size()), format.data(), ULONG(format.size()));
     EXPECT_EQ(r.status, STATUS_SUCCESS);
-    EXPECT_EQ(r.information, kIntersectFormatSize);
-    KSDATAFORMAT answer;
-    std::memcpy(&answer, format.data(), sizeof answer);
-    EXPECT_TRUE(IsEqualGUID(answer.SubFormat, kSubB));
-    // The handler saw the filter as its context and the matching pin range.
-    EXPECT_EQ(HandlerLog().intersectContext, &filter_.filter().pub);
-    EXPECT_TRUE(IsEqualGUID(HandlerLog().intersectMatching.SubFormat, kSubB));
+    EXPECT_EQ(r.information, sizeof(KS_DATAFORMAT_VIDEOINFOHEADER));
+    // The pin's first matching range answered.
+    KS_DATAFORMAT_VIDEOINFOHEADER expected = MakeTestFormat(0);
+    EXPECT_EQ(std::memcmp(format.data(), &expected, sizeof expected), 0);
+    // The handler saw the filter as its context.
+    EXPECT_EQ(Recorder().intersectContext, Recorder().filter);
 }
 
-TEST_F(AutomationProperty, DataIntersectionWithoutAMatchIsNoMatch) {
-    std::vector<UCHAR> request = IntersectionRequest(0, {MakeRange(kSubNone)});
-    UCHAR buffer[128];
+TEST_F(Automation, DataIntersectionWithoutAMatchIsNoMatch) {
+    std::vector<UCHAR> request = IntersectionRequest(kCapturePinId, {KSDATAFORMAT_SUBTYPE_MJPG});
+    UCHAR buffer[256];
     EXPECT_EQ(Get(request.data(), ULONG(request.size()), buffer, sizeof buffer).status, STATUS_NO_MATCH);
-    EXPECT_EQ(HandlerLog().intersectCalls, 0u);
+    EXPECT_EQ(IntersectCalls(), 0u);
 }
 
 // ---- built-in Topology and General ---------------------------------------------------------
-TEST_F(AutomationProperty, TopologyCategoriesInDescriptorOrder) {
+TEST_F(Automation, TopologyCategoriesInDescriptorOrderAndDefaultConnectionsFromInputsToOutputs) {
     KSPROPERTY p = Prop(KSPROPSETID_Topology, KSPROPERTY_TOPOLOGY_CATEGORIES, KSPROPERTY_TYPE_GET);
     UCHAR list[sizeof(KSMULTIPLE_ITEM) + 2 * sizeof(GUID)] = {};
-    Result r = Get(&p, sizeof p, list, sizeof list);
+    IoResult r = Get(&p, sizeof p, list, sizeof list);
     ASSERT_EQ(r.status, STATUS_SUCCESS);
     GUID first, second;
     std::memcpy(&first, list + 8, sizeof first);
     std::memcpy(&second, list + 8 + sizeof(GUID), sizeof second);
-    EXPECT_TRUE(IsEqualGUID(first, KSCATEGORY_VIDEO_CAMERA));
-    EXPECT_TRUE(IsEqualGUID(second, KSCATEGORY_CAPTURE));
-}
+    EXPECT_TRUE(IsEqualGUID(first, KSCATEGORY_CAPTURE));
+    EXPECT_TRUE(IsEqualGUID(second, KSCATEGORY_VIDEO));
 
-TEST_F(AutomationProperty, DefaultTopologyConnectsInputPinsToOutputPins) {
-    KSPROPERTY p = Prop(KSPROPSETID_Topology, KSPROPERTY_TOPOLOGY_CONNECTIONS, KSPROPERTY_TYPE_GET);
-    UCHAR list[sizeof(KSMULTIPLE_ITEM) + sizeof(KSTOPOLOGY_CONNECTION)] = {};
-    Result r = Get(&p, sizeof p, list, sizeof list);
+    p = Prop(KSPROPSETID_Topology, KSPROPERTY_TOPOLOGY_CONNECTIONS, KSPROPERTY_TYPE_GET);
+    UCHAR connections[sizeof(KSMULTIPLE_ITEM) + sizeof(KSTOPOLOGY_CONNECTION)] = {};
+    r = Get(&p, sizeof p, connections, sizeof connections);
     ASSERT_EQ(r.status, STATUS_SUCCESS);
     KSTOPOLOGY_CONNECTION c;
-    std::memcpy(&c, list + 8, sizeof c);
+    std::memcpy(&c, connections + 8, sizeof c);
     EXPECT_EQ(c.FromNode, KSFILTER_NODE);
-    EXPECT_EQ(c.FromNodePin, 1u);
+    EXPECT_EQ(c.FromNodePin, kBridgePinId);
     EXPECT_EQ(c.ToNode, KSFILTER_NODE);
-    EXPECT_EQ(c.ToNodePin, 0u);
-}
+    EXPECT_EQ(c.ToNodePin, kCapturePinId);
 
-TEST_F(AutomationProperty, ComponentIdIsNotFoundWithoutOne) {
-    KSPROPERTY p = Prop(KSPROPSETID_General, 0, KSPROPERTY_TYPE_GET);
+    // No component id in the descriptor.
+    p = Prop(KSPROPSETID_General, 0, KSPROPERTY_TYPE_GET);
     KSCOMPONENTID id{};
     EXPECT_EQ(Get(&p, sizeof p, &id, sizeof id).status, STATUS_NOT_FOUND);
 }
 
-}  // namespace
-}  // namespace kvsim::ks
-
 // ---- events -------------------------------------------------------------------------------------
-namespace kvsim::ks {
-namespace {
-
-using namespace kvtest::ksauto;
-
-// A client's event object: a KEVENT registered with the object manager and a
-// handle to it, as a user-mode CreateEvent gives one.
-class ClientEvent {
-public:
-    ClientEvent() {
-        KeInitializeEvent(&event_, NotificationEvent, FALSE);
-        kvsim::ObRegisterObject(&event_, *ExEventObjectType, [](void*) {});
-        handle_ = kvsim::ObInsertHandle(&event_);
-        data_.NotificationType = KSEVENTF_EVENT_HANDLE;
-        data_.EventHandle.Event = handle_;
-    }
-    ~ClientEvent() {
-        ZwClose(handle_);
-        ObDereferenceObject(&event_);
-    }
-    bool Signalled() { return KeReadStateEvent(&event_) != 0; }
-    void Reset() { KeClearEvent(&event_); }
-    KSEVENTDATA* data() { return &data_; }
-
-private:
-    KEVENT event_;
-    HANDLE handle_ = nullptr;
-    KSEVENTDATA data_{};
-};
-
-KSEVENT EventRequest(const GUID& set, ULONG id, ULONG flags) {
-    KSEVENT e{};
-    e.Set = set;
-    e.Id = id;
-    e.Flags = flags;
-    return e;
-}
-
-class AutomationEvents : public ::testing::Test {
+class AutomationEvents : public Automation {
 protected:
-    FakeFilter filter_;
-    FILE_OBJECT otherClient_{};  // a second handle on the same filter
-    void SetUp() override { otherClient_.FsContext = filter_.header(); }
-    NTSTATUS Enable(PFILE_OBJECT file, ClientEvent& client, ULONG id = kTickEvent,
-                    ULONG flags = KSEVENT_TYPE_ENABLE) {
-        KSEVENT e = EventRequest(kEventSet, id, flags);
-        return SendIoctl(filter_.header(), file, IOCTL_KS_ENABLE_EVENT, &e, sizeof e, client.data(),
-                         sizeof(KSEVENTDATA))
-            .status;
+    NTSTATUS Enable(kvsim::client::KsObject& object, const kvsim::client::EventWaiter& waiter, ULONG id, ULONG flags) {
+        KSEVENT e{};
+        e.Set = kTestEventSet;
+        e.Id = id;
+        e.Flags = flags;
+        KSEVENTDATA data = waiter.eventData();
+        return object.Ioctl(IOCTL_KS_ENABLE_EVENT, &e, sizeof e, &data, sizeof data).status;
     }
-    NTSTATUS Disable(PFILE_OBJECT file, ClientEvent& client) {
-        return SendIoctl(filter_.header(), file, IOCTL_KS_DISABLE_EVENT, client.data(), sizeof(KSEVENTDATA), nullptr,
-                         0)
-            .status;
+    NTSTATUS Disable(kvsim::client::KsObject& object, const kvsim::client::EventWaiter& waiter) {
+        KSEVENTDATA data = waiter.eventData();
+        return object.Ioctl(IOCTL_KS_DISABLE_EVENT, &data, sizeof data, nullptr, 0).status;
     }
-    void Generate(ULONG id = kTickEvent) { GenerateEvents(filter_.header(), &kEventSet, id, nullptr, nullptr); }
+    // A second client's handle on the same filter.
+    std::unique_ptr<kvsim::client::Filter> Second() {
+        std::unique_ptr<kvsim::client::Filter> second;
+        EXPECT_EQ(kvsim::client::Filter::Open(filter_->where(), &second), STATUS_SUCCESS);
+        return second;
+    }
+    // The filter the minidriver sees for filter_ (the second open replaces Recorder().filter).
+    PKSFILTER filter() { return KsGetFilterFromFileObject(filter_->fileObject()); }
 };
 
 TEST_F(AutomationEvents, GeneratedEventReachesTheEnabledClientAndNotTheDisabledOne) {
-    ClientEvent a, b;
-    ASSERT_EQ(Enable(filter_.file(), a), STATUS_SUCCESS);
-    ASSERT_EQ(Enable(&otherClient_, b), STATUS_SUCCESS);
-    EXPECT_EQ(EnabledEventCount(), 2u);
-    EXPECT_EQ(Disable(&otherClient_, b), STATUS_SUCCESS);
-    EXPECT_EQ(EnabledEventCount(), 1u);
-    Generate();
-    EXPECT_TRUE(a.Signalled());
-    EXPECT_FALSE(b.Signalled());
-    EXPECT_EQ(Disable(filter_.file(), a), STATUS_SUCCESS);
+    auto other = Second();
+    ASSERT_TRUE(other);
+    kvsim::client::EventWaiter a, b;
+    ASSERT_EQ(a.Enable(*filter_, kTestEventSet, kTestEventTick), STATUS_SUCCESS);
+    ASSERT_EQ(b.Enable(*other, kTestEventSet, kTestEventTick), STATUS_SUCCESS);
+    EXPECT_EQ(kvsim::ks::EnabledEventCount(), 2u);
+    EXPECT_EQ(b.Disable(), STATUS_SUCCESS);
+    EXPECT_EQ(kvsim::ks::EnabledEventCount(), 1u);
+    EXPECT_FALSE(a.IsSignalled());
+    FireTestEvent(filter());
+    EXPECT_TRUE(a.Wait(kvsim::kMillisecond));
+    EXPECT_FALSE(b.IsSignalled());
+    ASSERT_EQ(a.Disable(), STATUS_SUCCESS);
+    FireTestEvent(filter());
+    EXPECT_FALSE(a.Wait(kvsim::kMillisecond));
 }
 
-TEST_F(AutomationEvents, OnlyTheGeneratedIdIsSignalled) {
-    ClientEvent tick, other;
-    ASSERT_EQ(Enable(filter_.file(), tick, kTickEvent), STATUS_SUCCESS);
-    ASSERT_EQ(Enable(filter_.file(), other, kOtherEvent), STATUS_SUCCESS);
-    Generate(kOtherEvent);
-    EXPECT_FALSE(tick.Signalled());
-    EXPECT_TRUE(other.Signalled());
-}
-
-TEST_F(AutomationEvents, GenerateWorksAtDispatchLevel) {
-    ClientEvent a;
-    ASSERT_EQ(Enable(filter_.file(), a), STATUS_SUCCESS);
+TEST_F(AutomationEvents, OnlyTheGeneratedIdIsSignalledAlsoAtDispatchLevel) {
+    kvsim::client::EventWaiter tick, other;
+    ASSERT_EQ(tick.Enable(*filter_, kTestEventSet, kTestEventTick), STATUS_SUCCESS);
+    ASSERT_EQ(other.Enable(*filter_, kTestEventSet, kTestEventOther), STATUS_SUCCESS);
+    FireTestEvent(filter(), kTestEventOther);
+    EXPECT_FALSE(tick.IsSignalled());
+    EXPECT_TRUE(other.IsSignalled());
     KIRQL old;
     KeRaiseIrql(DISPATCH_LEVEL, &old);
-    Generate();
+    FireTestEvent(filter(), kTestEventTick);
     KeLowerIrql(old);
-    EXPECT_TRUE(a.Signalled());
+    EXPECT_TRUE(tick.IsSignalled());
 }
 
 TEST_F(AutomationEvents, OneShotEventFiresOnce) {
-    ClientEvent a;
-    ASSERT_EQ(Enable(filter_.file(), a, kTickEvent, KSEVENT_TYPE_ONESHOT), STATUS_SUCCESS);
-    Generate();
-    EXPECT_TRUE(a.Signalled());
-    a.Reset();
-    Generate();
-    EXPECT_FALSE(a.Signalled());
+    kvsim::client::EventWaiter a;
+    ASSERT_EQ(Enable(*filter_, a, kTestEventTick, KSEVENT_TYPE_ONESHOT), STATUS_SUCCESS);
+    FireTestEvent(filter());
+    EXPECT_TRUE(a.Wait(kvsim::kMillisecond));  // and reset
+    FireTestEvent(filter());
+    EXPECT_FALSE(a.IsSignalled());
 }
 
 TEST_F(AutomationEvents, EnableFailuresHaveTheirStatuses) {
-    ClientEvent a;
+    kvsim::client::EventWaiter a;
     const GUID unknown = {0x1, 0x2, 0x3, {4, 5, 6, 7, 8, 9, 10, 11}};
-    KSEVENT e = EventRequest(unknown, kTickEvent, KSEVENT_TYPE_ENABLE);
-    EXPECT_EQ(SendIoctl(filter_.header(), filter_.file(), IOCTL_KS_ENABLE_EVENT, &e, sizeof e, a.data(),
-                        sizeof(KSEVENTDATA))
-                  .status,
+    KSEVENT e{};
+    e.Set = unknown;
+    e.Flags = KSEVENT_TYPE_ENABLE;
+    KSEVENTDATA data = a.eventData();
+    EXPECT_EQ(filter_->Ioctl(IOCTL_KS_ENABLE_EVENT, &e, sizeof e, &data, sizeof data).status,
               STATUS_PROPERTY_SET_NOT_FOUND);
-    EXPECT_EQ(Enable(filter_.file(), a, 42), STATUS_NOT_FOUND);
-    e = EventRequest(kEventSet, kTickEvent, KSEVENT_TYPE_ENABLE);
-    EXPECT_EQ(SendIoctl(filter_.header(), filter_.file(), IOCTL_KS_ENABLE_EVENT, &e, sizeof e, a.data(), 8).status,
-              STATUS_BUFFER_TOO_SMALL);
+    EXPECT_EQ(Enable(*filter_, a, 42, KSEVENT_TYPE_ENABLE), STATUS_NOT_FOUND);
+    e.Set = kTestEventSet;
+    e.Id = kTestEventTick;
+    EXPECT_EQ(filter_->Ioctl(IOCTL_KS_ENABLE_EVENT, &e, sizeof e, &data, 8).status, STATUS_BUFFER_TOO_SMALL);
     KSEVENTDATA bad{};
     bad.NotificationType = KSEVENTF_EVENT_HANDLE;
     bad.EventHandle.Event = reinterpret_cast<HANDLE>(0x7777);
-    EXPECT_FALSE(NT_SUCCESS(SendIoctl(filter_.header(), filter_.file(), IOCTL_KS_ENABLE_EVENT, &e, sizeof e, &bad,
-                                      sizeof bad)
-                                .status));
+    EXPECT_FALSE(NT_SUCCESS(filter_->Ioctl(IOCTL_KS_ENABLE_EVENT, &e, sizeof e, &bad, sizeof bad).status));
     // Kernel pointers are not taken from user mode.
     KSEVENTDATA object{};
     object.NotificationType = KSEVENTF_EVENT_OBJECT;
     object.EventObject.Event = &bad;
-    EXPECT_EQ(SendIoctl(filter_.header(), filter_.file(), IOCTL_KS_ENABLE_EVENT, &e, sizeof e, &object,
-                        sizeof object)
-                  .status,
+    EXPECT_EQ(filter_->Ioctl(IOCTL_KS_ENABLE_EVENT, &e, sizeof e, &object, sizeof object).status,
               STATUS_INVALID_PARAMETER);
-    EXPECT_EQ(EnabledEventCount(), 0u);
-    EXPECT_EQ(Disable(filter_.file(), a), STATUS_UNSUCCESSFUL);
+    EXPECT_EQ(kvsim::ks::EnabledEventCount(), 0u);
+    EXPECT_EQ(Disable(*filter_, a), STATUS_UNSUCCESSFUL);
 }
 
-TEST_F(AutomationEvents, DisablingNeedsTheSameClient) {
-    ClientEvent a;
-    ASSERT_EQ(Enable(filter_.file(), a), STATUS_SUCCESS);
-    EXPECT_EQ(Disable(&otherClient_, a), STATUS_UNSUCCESSFUL);
-    EXPECT_EQ(SendIoctl(filter_.header(), filter_.file(), IOCTL_KS_DISABLE_EVENT, nullptr, 0, nullptr, 0).status,
+TEST_F(AutomationEvents, DisablingNeedsTheSameClientAndClosingTheHandleDisablesItsEvents) {
+    auto other = Second();
+    ASSERT_TRUE(other);
+    kvsim::client::EventWaiter a, b;
+    ASSERT_EQ(Enable(*filter_, a, kTestEventTick, KSEVENT_TYPE_ENABLE), STATUS_SUCCESS);
+    EXPECT_EQ(Disable(*other, a), STATUS_UNSUCCESSFUL);
+    EXPECT_EQ(filter_->Ioctl(IOCTL_KS_DISABLE_EVENT, nullptr, 0, nullptr, 0).status,
               STATUS_SUCCESS);  // no input: all of this client's events
-    EXPECT_EQ(EnabledEventCount(), 0u);
-}
-
-TEST(AutomationEventsClose, ClosingTheObjectDisablesItsEvents) {
-    ClientEvent a;
-    {
-        FakeFilter filter;
-        KSEVENT e = EventRequest(kEventSet, kTickEvent, KSEVENT_TYPE_ENABLE);
-        ASSERT_EQ(SendIoctl(filter.header(), filter.file(), IOCTL_KS_ENABLE_EVENT, &e, sizeof e, a.data(),
-                            sizeof(KSEVENTDATA))
-                      .status,
-                  STATUS_SUCCESS);
-        EXPECT_EQ(EnabledEventCount(), 1u);
-    }  // AutomationObjectClosing
-    EXPECT_EQ(EnabledEventCount(), 0u);
+    EXPECT_EQ(kvsim::ks::EnabledEventCount(), 0u);
+    ASSERT_EQ(Enable(*other, b, kTestEventTick, KSEVENT_TYPE_ENABLE), STATUS_SUCCESS);
+    EXPECT_EQ(kvsim::ks::EnabledEventCount(), 1u);
+    other.reset();
+    EXPECT_EQ(kvsim::ks::EnabledEventCount(), 0u);
 }
 
 TEST_F(AutomationEvents, SupportQueries) {
-    ClientEvent a;
-    KSEVENT e = EventRequest(kEventSet, 0, KSEVENT_TYPE_SETSUPPORT);
-    EXPECT_EQ(SendIoctl(filter_.header(), filter_.file(), IOCTL_KS_ENABLE_EVENT, &e, sizeof e, nullptr, 0).status,
-              STATUS_SUCCESS);
-    e = EventRequest(kEventSet, kOtherEvent, KSEVENT_TYPE_BASICSUPPORT);
-    EXPECT_EQ(SendIoctl(filter_.header(), filter_.file(), IOCTL_KS_ENABLE_EVENT, &e, sizeof e, nullptr, 0).status,
-              STATUS_SUCCESS);
-    EXPECT_EQ(EnabledEventCount(), 0u);
+    KSEVENT e{};
+    e.Set = kTestEventSet;
+    e.Flags = KSEVENT_TYPE_SETSUPPORT;
+    EXPECT_EQ(filter_->Ioctl(IOCTL_KS_ENABLE_EVENT, &e, sizeof e, nullptr, 0).status, STATUS_SUCCESS);
+    e.Id = kTestEventOther;
+    e.Flags = KSEVENT_TYPE_BASICSUPPORT;
+    EXPECT_EQ(filter_->Ioctl(IOCTL_KS_ENABLE_EVENT, &e, sizeof e, nullptr, 0).status, STATUS_SUCCESS);
+    EXPECT_EQ(kvsim::ks::EnabledEventCount(), 0u);
 }
 
 }  // namespace
-}  // namespace kvsim::ks
+}  // namespace kvtest::ks

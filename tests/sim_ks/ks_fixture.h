@@ -1,9 +1,9 @@
-// Test fixture for the ks.sys simulation's tests: a simulated bus PDO that
-// answers IRP_MN_QUERY_CAPABILITIES as a bus driver does (S0 -> D0, the
-// sleep states -> D3), the test minidriver loaded on it through the
-// simulated PnP manager, and helpers to open its filter and capture pin with
-// the client API. TearDown closes what is open and removes the device, so
-// that the end-of-test checks see no leaks.
+// Test fixture for the ks.sys simulation's tests: the test minidriver loaded
+// through the simulated PnP manager on the PDO of a plugged USB camera (the
+// simulated hub answers PnP, capabilities and power as for kvdrv), and
+// helpers to open its filter and capture pin with the client API. TearDown
+// closes what is open and removes the device, so that the end-of-test checks
+// see no leaks.
 #pragma once
 #include <gtest/gtest.h>
 
@@ -13,46 +13,15 @@
 #include "ks/pnp.h"
 #include "kvsim/io.h"
 #include "sim_ks/test_minidriver.h"
+#include "usb/usb_bus.h"
 
 namespace kvtest::ks {
-
-inline NTSTATUS BusPnp(PDEVICE_OBJECT, PIRP irp) {
-    PIO_STACK_LOCATION sp = IoGetCurrentIrpStackLocation(irp);
-    NTSTATUS status = irp->IoStatus.Status;
-    switch (sp->MinorFunction) {
-        case IRP_MN_QUERY_CAPABILITIES: {
-            PDEVICE_CAPABILITIES caps = sp->Parameters.DeviceCapabilities.Capabilities;
-            caps->Removable = 1;
-            caps->DeviceState[PowerSystemWorking] = PowerDeviceD0;
-            for (int s = PowerSystemSleeping1; s < PowerSystemMaximum; ++s) caps->DeviceState[s] = PowerDeviceD3;
-            status = STATUS_SUCCESS;
-            break;
-        }
-        case IRP_MN_START_DEVICE:
-        case IRP_MN_QUERY_STOP_DEVICE:
-        case IRP_MN_CANCEL_STOP_DEVICE:
-        case IRP_MN_STOP_DEVICE:
-        case IRP_MN_QUERY_REMOVE_DEVICE:
-        case IRP_MN_CANCEL_REMOVE_DEVICE:
-        case IRP_MN_REMOVE_DEVICE:
-        case IRP_MN_SURPRISE_REMOVAL:
-            status = STATUS_SUCCESS;
-            break;
-        default:
-            break;
-    }
-    irp->IoStatus.Status = status;
-    IoCompleteRequest(irp, IO_NO_INCREMENT);
-    return status;
-}
 
 class KsTest : public ::testing::Test {
 protected:
     void SetUp() override {
         ResetTestRecorder();
-        kvsim::PdoCallbacks callbacks;
-        callbacks.pnp = BusPnp;
-        pdo_ = kvsim::CreateBusPdo(u"kstestbus", callbacks);
+        pdo_ = kvsim::usb::PlugCamera(kvsim::camera::UvcCamera::CreateDefault(), kvsim::usb::Speed::kHigh);
         NTSTATUS status = STATUS_UNSUCCESSFUL;
         driver_ = kvsim::pnp::LoadDriver(u"kstestdrv", TestDriverEntry, &status);
         ASSERT_NE(driver_, nullptr);
@@ -69,7 +38,7 @@ protected:
                 kvsim::pnp::RemoveDevice(pdo_);
             }
         }
-        kvsim::DeleteBusPdo(pdo_);
+        kvsim::usb::Unplug(pdo_);
         if (driver_) kvsim::pnp::UnloadDriver(driver_);
     }
 

@@ -1,6 +1,12 @@
 // The ks.sys simulation's objects: the filter's object bag is emptied (free
 // routines run) when the filter closes, the hierarchy accessors link
-// device, factory, filters and pins, and the IRP-to-object lookups work.
+// device, factory, filters and pins, the IRP-to-object lookups work, and a
+// property read made by the client "as a 32-bit caller" reaches the
+// minidriver's handler with IoIs32bitProcess(Irp) TRUE (a WOW64
+// application's request), a normal read with FALSE
+// (https://learn.microsoft.com/windows-hardware/drivers/ddi/wdm/nf-wdm-iois32bitprocess).
+
+
 #include "kvsim/sched.h"
 #include "sim_ks/ks_fixture.h"
 
@@ -70,22 +76,21 @@ TEST_F(KsTest, OpeningAnUnknownReferenceStringFails) {
     EXPECT_EQ(kvsim::client::Filter::Open(where, &filter), STATUS_SUCCESS);
 }
 
-TEST_F(KsTest, TestPropertyAndEventGoThroughTheClient) {
+TEST_F(KsTest, APropertyReadAsA32BitCallerReachesTheHandlerAs32Bit) {
     AddAndStart();
     OpenFilter();
-    ASSERT_EQ(filter_->Set(kTestPropertySet, kTestPropertyValue, LONG(42)), STATUS_SUCCESS);
-    EXPECT_EQ(Recorder().propertyValue, 42);
+    Recorder().propertyValue = 41;
     LONG value = 0;
-    ASSERT_EQ(filter_->Get(kTestPropertySet, kTestPropertyValue, &value), STATUS_SUCCESS);
-    EXPECT_EQ(value, 42);
-    kvsim::client::EventWaiter waiter;
-    ASSERT_EQ(waiter.Enable(*filter_, kTestEventSet, kTestEventTick), STATUS_SUCCESS);
-    EXPECT_FALSE(waiter.IsSignalled());
-    FireTestEvent(Recorder().filter);
-    EXPECT_TRUE(waiter.Wait(kvsim::kMillisecond));
-    ASSERT_EQ(waiter.Disable(), STATUS_SUCCESS);
-    FireTestEvent(Recorder().filter);
-    EXPECT_FALSE(waiter.Wait(kvsim::kMillisecond));
+    auto r = filter_->Property(kTestPropertySet, kTestPropertyValue, KSPROPERTY_TYPE_GET, &value, sizeof value,
+                               nullptr, 0, /*as32bit=*/true);
+    EXPECT_EQ(r.status, STATUS_SUCCESS);
+    EXPECT_EQ(r.information, sizeof(LONG));
+    EXPECT_EQ(value, 41);
+    EXPECT_TRUE(Recorder().valueReadFrom32bit);
+
+    r = filter_->Property(kTestPropertySet, kTestPropertyValue, KSPROPERTY_TYPE_GET, &value, sizeof value);
+    EXPECT_EQ(r.status, STATUS_SUCCESS);
+    EXPECT_FALSE(Recorder().valueReadFrom32bit);
 }
 
 }  // namespace

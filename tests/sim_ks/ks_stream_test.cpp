@@ -1,9 +1,27 @@
 // The ks.sys simulation's queue: client buffers reach the minidriver's
 // Process as the leading-edge stream pointer, a filled and ejected frame
 // reaches the client with its stream header and KS_FRAME_INFO, a pin with
-// nothing queued has no stream pointer, and the reference clock reads the
-// simulated clock once the client assigned one (KSPROPERTY_STREAM_MASTERCLOCK).
+// nothing queued has no stream pointer; the master clock property
+// (KSPROPERTY_STREAM_MASTERCLOCK); the processing rules of the pin flags
+// (KSPIN_DESCRIPTOR_EX.Flags):
+//  - KSPIN_FLAG_DO_NOT_INITIATE_PROCESSING: "processing will occur only
+//    when KsPinAttemptProcessing is called" - never when buffers arrive or
+//    the pin reaches PAUSE/RUN;
+//  - KSPIN_FLAG_PROCESS_IN_RUN_STATE_ONLY: Process is called in RUN only,
+//    not in PAUSE (not even through KsPinAttemptProcessing),
+// each rule next to the same steps with the flag cleared, so that a
+// simulation that ignored the flag fails
+// (https://learn.microsoft.com/windows-hardware/drivers/ddi/ks/ns-ks-_kspin_descriptor_ex);
+// and the cancellation of queued stream IRPs: IoCancelIrp of a pending
+// IOCTL_KS_READ_STREAM completes it with STATUS_CANCELLED and its frame
+// leaves the queue (the minidriver's leading edge no longer sees it), unless
+// a locked stream pointer holds the frame: then the cancellation waits until
+// the pointer is unlocked
+// (https://learn.microsoft.com/windows-hardware/drivers/stream/stream-pointers-and-irp-cancellation).
+
+
 #include <algorithm>
+#include <vector>
 
 #include "kvsim/object.h"
 #include "kvsim/sched.h"
@@ -109,16 +127,6 @@ TEST_F(KsTest, BuffersQueuedInTheStopStateAreRefused) {
     EXPECT_EQ(pin_->CollectFrames().size(), 1u);
 }
 
-TEST_F(KsTest, ProcessInRunStateOnlyWaitsForRun) {
-    OpenCapturePin();
-    ASSERT_EQ(pin_->SetState(KSSTATE_PAUSE), STATUS_SUCCESS);
-    ASSERT_EQ(pin_->QueueBuffers(1, TestFrameBytes(0)), STATUS_PENDING);
-    EXPECT_EQ(Recorder().processCalls, 0u);  // KSPIN_FLAG_PROCESS_IN_RUN_STATE_ONLY
-    ASSERT_EQ(pin_->SetState(KSSTATE_RUN), STATUS_SUCCESS);
-    EXPECT_EQ(Recorder().framesFilled, 1u);
-    EXPECT_EQ(pin_->CollectFrames().size(), 1u);
-}
-
 TEST_F(KsTest, StoppingThePinCancelsItsQueuedBuffers) {
     OpenCapturePin();
     Recorder().fillOnProcess = false;
@@ -130,20 +138,7 @@ TEST_F(KsTest, StoppingThePinCancelsItsQueuedBuffers) {
     for (auto& f : frames) EXPECT_EQ(f.status, STATUS_CANCELLED);
 }
 
-// AttemptProcessingAsynchronouslyRunsProcessOnAWorker and
-// ReferenceClockReadsTheSimulatedClockOnceTheClientAssignsOne: ks_reference_clock_test.cpp (virtual
-// mode).
-
-TEST_F(KsTest, MasterClockGetAnswersANullHandle) {
-    OpenCapturePin();
-    kvsim::client::MasterClock master;
-    ASSERT_EQ(pin_->SetMasterClock(master.handle()), STATUS_SUCCESS);
-    HANDLE answered = reinterpret_cast<HANDLE>(0x77);
-    EXPECT_EQ(pin_->GetMasterClock(&answered), STATUS_SUCCESS);
-    EXPECT_EQ(answered, nullptr);
-}
-
-TEST_F(KsTest, MasterClockSetWithABadHandleFailsAndAssignsNothing) {
+TEST_F(KsTest, MasterClockPropertyChecksItsHandleAndThePinKeepsTheClockUntilItCloses) {
     OpenCapturePin();
     EXPECT_EQ(pin_->SetMasterClock(reinterpret_cast<HANDLE>(0x1234)), STATUS_INVALID_HANDLE);
     // A handle to an object that is no file object.
@@ -154,19 +149,175 @@ TEST_F(KsTest, MasterClockSetWithABadHandleFailsAndAssignsNothing) {
     // The master clock property is answered on pins only.
     HANDLE none = nullptr;
     EXPECT_EQ(filter_->Set(KSPROPSETID_Stream, KSPROPERTY_STREAM_MASTERCLOCK, none), STATUS_PROPERTY_SET_NOT_FOUND);
-}
-
-TEST_F(KsTest, ClosingThePinReleasesItsMasterClock) {
-    OpenCapturePin();
     size_t before = kvsim::ObLiveObjectCount();
     {
         kvsim::client::MasterClock master;
         ASSERT_EQ(pin_->SetMasterClock(master.handle()), STATUS_SUCCESS);
+        // KSPROPERTY_STREAM_MASTERCLOCK's get answers a NULL handle.
+        HANDLE answered = reinterpret_cast<HANDLE>(0x77);
+        EXPECT_EQ(pin_->GetMasterClock(&answered), STATUS_SUCCESS);
+        EXPECT_EQ(answered, nullptr);
     }
     // The client's handle is closed; the pin's reference keeps the clock.
     EXPECT_EQ(kvsim::ObLiveObjectCount(), before + 1);
     ASSERT_EQ(pin_->Close(), STATUS_SUCCESS);
     EXPECT_EQ(kvsim::ObLiveObjectCount(), before);
+}
+
+
+TEST_F(KsTest, DoNotInitiateProcessingLeavesArrivingBuffersToAttemptProcessing) {
+    SetCapturePinFlags(KSPIN_FLAG_DO_NOT_INITIATE_PROCESSING);
+    OpenCapturePin();
+    ASSERT_EQ(pin_->SetState(KSSTATE_RUN), STATUS_SUCCESS);
+    ASSERT_EQ(pin_->QueueBuffers(2, TestFrameBytes(0)), STATUS_PENDING);
+    EXPECT_EQ(Recorder().processCalls, 0u);
+    EXPECT_EQ(pin_->PendingBuffers(), 2u);
+    // Going through PAUSE to RUN again does not start processing either.
+    ASSERT_EQ(pin_->SetState(KSSTATE_PAUSE), STATUS_SUCCESS);
+    ASSERT_EQ(pin_->SetState(KSSTATE_RUN), STATUS_SUCCESS);
+    EXPECT_EQ(Recorder().processCalls, 0u);
+
+    KsPinAttemptProcessing(Recorder().capturePin, FALSE);
+    // Process made progress and frames remain: ks.sys calls it again.
+    EXPECT_EQ(Recorder().framesFilled, 2u);
+    auto frames = pin_->CollectFrames();
+    ASSERT_EQ(frames.size(), 2u);
+    for (auto& f : frames) EXPECT_EQ(f.status, STATUS_SUCCESS);
+}
+
+TEST_F(KsTest, WithoutDoNotInitiateProcessingAnArrivingBufferIsProcessed) {
+    SetCapturePinFlags(0);
+    OpenCapturePin();
+    ASSERT_EQ(pin_->SetState(KSSTATE_RUN), STATUS_SUCCESS);
+    ASSERT_EQ(pin_->QueueBuffers(1, TestFrameBytes(0)), STATUS_PENDING);
+    EXPECT_EQ(Recorder().processCalls, 1u);
+    EXPECT_EQ(pin_->CollectFrames().size(), 1u);
+}
+
+TEST_F(KsTest, ProcessInRunStateOnlyIgnoresPauseEvenForAttemptProcessing) {
+    SetCapturePinFlags(KSPIN_FLAG_PROCESS_IN_RUN_STATE_ONLY);
+    OpenCapturePin();
+    ASSERT_EQ(pin_->SetState(KSSTATE_PAUSE), STATUS_SUCCESS);
+    ASSERT_EQ(pin_->QueueBuffers(1, TestFrameBytes(0)), STATUS_PENDING);
+    KsPinAttemptProcessing(Recorder().capturePin, FALSE);
+    EXPECT_EQ(Recorder().processCalls, 0u);
+    ASSERT_EQ(pin_->SetState(KSSTATE_RUN), STATUS_SUCCESS);
+    EXPECT_EQ(Recorder().processCalls, 1u);
+    EXPECT_EQ(pin_->CollectFrames().size(), 1u);
+    // Back in PAUSE, a new buffer waits again.
+    ASSERT_EQ(pin_->SetState(KSSTATE_PAUSE), STATUS_SUCCESS);
+    ASSERT_EQ(pin_->QueueBuffers(1, TestFrameBytes(0)), STATUS_PENDING);
+    EXPECT_EQ(Recorder().processCalls, 1u);
+    EXPECT_EQ(pin_->PendingBuffers(), 1u);
+}
+
+TEST_F(KsTest, WithoutProcessInRunStateOnlyPauseProcesses) {
+    SetCapturePinFlags(0);
+    OpenCapturePin();
+    ASSERT_EQ(pin_->SetState(KSSTATE_PAUSE), STATUS_SUCCESS);
+    ASSERT_EQ(pin_->QueueBuffers(1, TestFrameBytes(0)), STATUS_PENDING);
+    EXPECT_EQ(Recorder().processCalls, 1u);
+    EXPECT_EQ(pin_->CollectFrames().size(), 1u);
+}
+
+
+class KsCancelTest : public KsTest {
+protected:
+    // RUN with `count` buffers queued that Process leaves alone.
+    void QueueUnprocessed(ULONG count) {
+        OpenCapturePin();
+        Recorder().fillOnProcess = false;
+        ASSERT_EQ(pin_->SetState(KSSTATE_RUN), STATUS_SUCCESS);
+        ASSERT_EQ(pin_->QueueBuffers(count, 1000), STATUS_PENDING);
+    }
+};
+
+TEST_F(KsCancelTest, CancellingAQueuedReadCompletesItCancelled) {
+    QueueUnprocessed(3);
+    EXPECT_TRUE(pin_->CancelBuffer(1));
+    auto frames = pin_->CollectFrames();
+    ASSERT_EQ(frames.size(), 1u);
+    EXPECT_EQ(frames[0].status, STATUS_CANCELLED);
+    EXPECT_EQ(frames[0].information, 0u);
+    EXPECT_EQ(pin_->PendingBuffers(), 2u);
+
+    // The minidriver walks the two frames left, then there is none.
+    PKSSTREAM_POINTER sp = KsPinGetLeadingEdgeStreamPointer(Recorder().capturePin, KSSTREAM_POINTER_STATE_LOCKED);
+    ASSERT_NE(sp, nullptr);
+    sp->StreamHeader->DataUsed = 1;
+    EXPECT_EQ(KsStreamPointerAdvance(sp), STATUS_SUCCESS);
+    sp->StreamHeader->DataUsed = 3;
+    EXPECT_EQ(KsStreamPointerAdvance(sp), STATUS_DEVICE_NOT_READY);
+    frames = pin_->CollectFrames();
+    ASSERT_EQ(frames.size(), 2u);
+    EXPECT_EQ(frames[0].status, STATUS_SUCCESS);
+    EXPECT_EQ(frames[0].header.DataUsed, 1u);
+    EXPECT_EQ(frames[1].status, STATUS_SUCCESS);
+    EXPECT_EQ(frames[1].header.DataUsed, 3u);
+}
+
+TEST_F(KsCancelTest, CancellingTheFrameUnderAnUnlockedEdgeMovesTheEdgeOn) {
+    QueueUnprocessed(2);
+    PKSPIN pin = Recorder().capturePin;
+    PKSSTREAM_POINTER sp = KsPinGetLeadingEdgeStreamPointer(pin, KSSTREAM_POINTER_STATE_UNLOCKED);
+    ASSERT_NE(sp, nullptr);
+    PKSSTREAM_HEADER first = sp->StreamHeader;
+    EXPECT_TRUE(pin_->CancelBuffer(0));
+    ASSERT_EQ(pin_->PendingBuffers(), 1u);
+    sp = KsPinGetLeadingEdgeStreamPointer(pin, KSSTREAM_POINTER_STATE_UNLOCKED);
+    ASSERT_NE(sp, nullptr);
+    EXPECT_NE(sp->StreamHeader, first);
+    // Cancelling the last one leaves no stream pointer at all.
+    EXPECT_TRUE(pin_->CancelBuffer(0));
+    EXPECT_EQ(KsPinGetLeadingEdgeStreamPointer(pin, KSSTREAM_POINTER_STATE_LOCKED), nullptr);
+    auto frames = pin_->CollectFrames();
+    ASSERT_EQ(frames.size(), 2u);
+    for (auto& f : frames) EXPECT_EQ(f.status, STATUS_CANCELLED);
+}
+
+TEST_F(KsCancelTest, ALockedStreamPointerHoldsTheCancellationUntilUnlocked) {
+    QueueUnprocessed(2);
+    PKSPIN pin = Recorder().capturePin;
+    PKSSTREAM_POINTER sp = KsPinGetLeadingEdgeStreamPointer(pin, KSSTREAM_POINTER_STATE_LOCKED);
+    ASSERT_NE(sp, nullptr);
+    PKSSTREAM_HEADER first = sp->StreamHeader;
+    EXPECT_TRUE(pin_->CancelBuffer(0));
+    // Still queued: the frame is locked.
+    EXPECT_EQ(pin_->PendingBuffers(), 2u);
+    EXPECT_EQ(sp->StreamHeader, first);
+    KsStreamPointerUnlock(sp, FALSE);
+    EXPECT_EQ(pin_->PendingBuffers(), 1u);
+    auto frames = pin_->CollectFrames();
+    ASSERT_EQ(frames.size(), 1u);
+    EXPECT_EQ(frames[0].status, STATUS_CANCELLED);
+    sp = KsPinGetLeadingEdgeStreamPointer(pin, KSSTREAM_POINTER_STATE_LOCKED);
+    ASSERT_NE(sp, nullptr);
+    EXPECT_NE(sp->StreamHeader, first);
+    KsStreamPointerUnlock(sp, FALSE);
+}
+
+TEST_F(KsCancelTest, ALockedFrameEjectedAfterTheCancelCompletesNormally) {
+    QueueUnprocessed(1);
+    PKSSTREAM_POINTER sp = KsPinGetLeadingEdgeStreamPointer(Recorder().capturePin, KSSTREAM_POINTER_STATE_LOCKED);
+    ASSERT_NE(sp, nullptr);
+    EXPECT_TRUE(pin_->CancelBuffer(0));
+    sp->StreamHeader->DataUsed = 7;
+    KsStreamPointerUnlock(sp, TRUE);
+    auto frames = pin_->CollectFrames();
+    ASSERT_EQ(frames.size(), 1u);
+    EXPECT_EQ(frames[0].status, STATUS_SUCCESS);
+    EXPECT_EQ(frames[0].header.DataUsed, 7u);
+}
+
+TEST_F(KsCancelTest, ACompletedReadCannotBeCancelled) {
+    OpenCapturePin();
+    ASSERT_EQ(pin_->SetState(KSSTATE_RUN), STATUS_SUCCESS);
+    ASSERT_EQ(pin_->QueueBuffers(1, TestFrameBytes(0)), STATUS_PENDING);
+    ASSERT_EQ(pin_->PendingBuffers(), 0u);
+    EXPECT_FALSE(pin_->CancelBuffer(0));
+    auto frames = pin_->CollectFrames();
+    ASSERT_EQ(frames.size(), 1u);
+    EXPECT_EQ(frames[0].status, STATUS_SUCCESS);
 }
 
 }  // namespace

@@ -57,7 +57,15 @@ const PKSDATARANGE g_captureRanges[kRangeCount] = {
 
 const KSDATARANGE g_bridgeRange = {{sizeof(KSDATARANGE), 0, 0, 0, {STATIC_KSDATAFORMAT_TYPE_ANALOGVIDEO},
                                     {STATIC_KSDATAFORMAT_SUBTYPE_NONE}, {STATIC_KSDATAFORMAT_SPECIFIER_ANALOGVIDEO}}};
-const PKSDATARANGE g_bridgeRanges[] = {const_cast<PKSDATARANGE>(&g_bridgeRange)};
+struct LongRange {  // FormatSize 68: 4 bytes of its own behind the header
+    KSDATARANGE range;
+    ULONG extra;
+};
+const LongRange g_bridgeLongRange = {{{68, 0, 0, 0, {STATIC_KSDATAFORMAT_TYPE_ANALOGVIDEO},
+                                       {STATIC_KSDATAFORMAT_SUBTYPE_NONE}, {STATIC_KSDATAFORMAT_SPECIFIER_ANALOGVIDEO}}},
+                                     0xABCD};
+const PKSDATARANGE g_bridgeRanges[] = {const_cast<PKSDATARANGE>(&g_bridgeRange),
+                                       const_cast<PKSDATARANGE>(&g_bridgeLongRange.range)};
 
 ULONG FrameBytesOf(const KSPIN* pin) {
     auto* format = reinterpret_cast<const KS_DATAFORMAT_VIDEOINFOHEADER*>(pin->ConnectionFormat);
@@ -68,9 +76,10 @@ ULONG FrameBytesOf(const KSPIN* pin) {
 // ---- intersection --------------------------------------------------------------------
 bool Matches(const GUID& wanted, const GUID& ours) { return wanted == GUID_NULL || wanted == ours; }
 
-NTSTATUS IntersectHandler(PVOID, PIRP, PKSP_PIN, PKSDATARANGE callerRange, PKSDATARANGE ourRange, ULONG bufferSize,
-                          PVOID data, PULONG dataSize) {
+NTSTATUS IntersectHandler(PVOID context, PIRP, PKSP_PIN, PKSDATARANGE callerRange, PKSDATARANGE ourRange,
+                          ULONG bufferSize, PVOID data, PULONG dataSize) {
     Record("Intersect");
+    g_recorder.intersectContext = context;
     if (!Matches(callerRange->MajorFormat, ourRange->MajorFormat) ||
         !Matches(callerRange->SubFormat, ourRange->SubFormat) ||
         !Matches(callerRange->Specifier, ourRange->Specifier)) {
@@ -185,7 +194,7 @@ KSPIN_DESCRIPTOR_EX g_pins[kPinCount] = {
     {&g_captureDispatch,
      nullptr,
      {0, nullptr, 0, nullptr, kRangeCount, g_captureRanges, KSPIN_DATAFLOW_OUT, KSPIN_COMMUNICATION_SINK,
-      &PINNAME_VIDEO_CAPTURE, &PINNAME_VIDEO_CAPTURE, {0}},
+      &PINNAME_VIDEO_CAPTURE, nullptr, {0}},
      kDefaultCaptureFlags,
      1,
      0,
@@ -193,7 +202,7 @@ KSPIN_DESCRIPTOR_EX g_pins[kPinCount] = {
      IntersectHandler},
     {nullptr,
      nullptr,
-     {0, nullptr, 0, nullptr, 1, g_bridgeRanges, KSPIN_DATAFLOW_IN, KSPIN_COMMUNICATION_BRIDGE,
+     {0, nullptr, 0, nullptr, 2, g_bridgeRanges, KSPIN_DATAFLOW_IN, KSPIN_COMMUNICATION_BRIDGE,
       &PINNAME_VIDEO_ANALOGVIDEOIN, nullptr, {0}},
      0,
      0,
@@ -230,40 +239,70 @@ NTSTATUS FilterClose(PKSFILTER filter, PIRP) {
 const KSFILTER_DISPATCH g_filterDispatch = {FilterCreate, FilterClose, nullptr, nullptr};
 
 // The test property set.
-NTSTATUS GetValue(PIRP irp, PKSIDENTIFIER, PVOID data) {
+void Note(PIRP irp) {
+    ++g_recorder.propertyCalls;
+    g_recorder.propertyIrql = KeGetCurrentIrql();
     g_recorder.valueReadFrom32bit = IoIs32bitProcess(irp) != FALSE;
+}
+NTSTATUS GetValue(PIRP irp, PKSIDENTIFIER, PVOID data) {
+    Note(irp);
     *static_cast<PLONG>(data) = g_recorder.propertyValue;
     irp->IoStatus.Information = sizeof(LONG);
     return STATUS_SUCCESS;
 }
-NTSTATUS SetValue(PIRP, PKSIDENTIFIER, PVOID data) {
+NTSTATUS SetValue(PIRP irp, PKSIDENTIFIER, PVOID data) {
+    Note(irp);
     g_recorder.propertyValue = *static_cast<PLONG>(data);
     return STATUS_SUCCESS;
 }
 NTSTATUS GetReadOnly(PIRP irp, PKSIDENTIFIER, PVOID data) {
+    Note(irp);
     *static_cast<PLONG>(data) = kTestReadOnlyValue;
     irp->IoStatus.Information = sizeof(LONG);
     return STATUS_SUCCESS;
 }
+// Answers its own size query, as driver handlers with MinData 0 do.
 NTSTATUS GetBlob(PIRP irp, PKSIDENTIFIER, PVOID data) {
-    for (ULONG i = 0; i < kTestBlobSize; ++i) static_cast<PUCHAR>(data)[i] = static_cast<UCHAR>(i + 1);
+    Note(irp);
+    ULONG length = IoGetCurrentIrpStackLocation(irp)->Parameters.DeviceIoControl.OutputBufferLength;
     irp->IoStatus.Information = kTestBlobSize;
+    if (length == 0) return STATUS_BUFFER_OVERFLOW;
+    if (length < kTestBlobSize) return STATUS_BUFFER_TOO_SMALL;
+    for (ULONG i = 0; i < kTestBlobSize; ++i) static_cast<PUCHAR>(data)[i] = static_cast<UCHAR>(0xB0 + i);
+    return STATUS_SUCCESS;
+}
+NTSTATUS GetGlobalInstances(PIRP irp, PKSIDENTIFIER, PVOID data) {
+    *static_cast<PKSPIN_CINSTANCES>(data) = {kTestGlobalInstances, kTestGlobalInstances};
+    irp->IoStatus.Information = sizeof(KSPIN_CINSTANCES);
     return STATUS_SUCCESS;
 }
 
+const KSPROPERTY_STEPPING_LONG g_valueStepping[] = {{1, 0, {{kTestValueMin, kTestValueMax}}}};
+const KSPROPERTY_MEMBERSLIST g_valueMembers[] = {
+    {{KSPROPERTY_MEMBER_STEPPEDRANGES, sizeof(KSPROPERTY_STEPPING_LONG), 1, 0}, g_valueStepping}};
+const KSPROPERTY_VALUES g_valueValues = {{{{{STATIC_KSPROPTYPESETID_General}, VT_I4, 0}}}, 1, g_valueMembers};
+
 DEFINE_KSPROPERTY_TABLE(g_testProperties){
-    DEFINE_KSPROPERTY_ITEM(kTestPropertyValue, GetValue, sizeof(KSPROPERTY), sizeof(LONG), SetValue, nullptr, 0,
-                           nullptr, nullptr, 0),
+    DEFINE_KSPROPERTY_ITEM(kTestPropertyValue, GetValue, sizeof(KSPROPERTY), sizeof(LONG), SetValue, &g_valueValues,
+                           0, nullptr, nullptr, 0),
     DEFINE_KSPROPERTY_ITEM(kTestPropertyReadOnly, GetReadOnly, sizeof(KSPROPERTY), sizeof(LONG), nullptr, nullptr, 0,
                            nullptr, nullptr, 0),
-    DEFINE_KSPROPERTY_ITEM(kTestPropertyBlob, GetBlob, sizeof(KSPROPERTY), kTestBlobSize, nullptr, nullptr, 0, nullptr,
-                           nullptr, 0),
+    DEFINE_KSPROPERTY_ITEM(kTestPropertyBlob, GetBlob, sizeof(KSPROPERTY), 0, nullptr, nullptr, 0, nullptr, nullptr,
+                           0),
+    DEFINE_KSPROPERTY_ITEM(kTestPropertyNodeLike, GetReadOnly, sizeof(KSP_NODE), sizeof(LONG), nullptr, nullptr, 0,
+                           nullptr, nullptr, 0),
+};
+DEFINE_KSPROPERTY_TABLE(g_pinOverride){
+    DEFINE_KSPROPERTY_ITEM(KSPROPERTY_PIN_GLOBALCINSTANCES, GetGlobalInstances, sizeof(KSP_PIN),
+                           sizeof(KSPIN_CINSTANCES), nullptr, nullptr, 0, nullptr, nullptr, 0),
 };
 DEFINE_KSPROPERTY_SET_TABLE(g_propertySets){
     DEFINE_KSPROPERTY_SET(&kTestPropertySet, SIZEOF_ARRAY(g_testProperties), g_testProperties, 0, nullptr),
+    DEFINE_KSPROPERTY_SET(&KSPROPSETID_Pin, SIZEOF_ARRAY(g_pinOverride), g_pinOverride, 0, nullptr),
 };
 DEFINE_KSEVENT_TABLE(g_testEvents){
     DEFINE_KSEVENT_ITEM(kTestEventTick, sizeof(KSEVENTDATA), 0, nullptr, nullptr, nullptr),
+    DEFINE_KSEVENT_ITEM(kTestEventOther, sizeof(KSEVENTDATA), 16, nullptr, nullptr, nullptr),
 };
 DEFINE_KSEVENT_SET_TABLE(g_eventSets){
     DEFINE_KSEVENT_SET(&kTestEventSet, SIZEOF_ARRAY(g_testEvents), g_testEvents),
@@ -385,8 +424,8 @@ KS_DATAFORMAT_VIDEOINFOHEADER MakeTestFormat(ULONG index) {
 
 ULONG TestFrameBytes(ULONG index) { return static_cast<ULONG>(kRangeWidth[index] * kRangeHeight[index] * 2); }
 
-void FireTestEvent(PKSFILTER filter) {
-    KsFilterGenerateEvents(filter, &kTestEventSet, kTestEventTick, 0, nullptr, nullptr, nullptr);
+void FireTestEvent(PKSFILTER filter, ULONG id) {
+    KsFilterGenerateEvents(filter, &kTestEventSet, id, 0, nullptr, nullptr, nullptr);
 }
 
 }  // namespace kvtest::ks

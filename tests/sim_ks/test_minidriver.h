@@ -11,7 +11,8 @@
 //          stream header; KSPIN_FLAG_PROCESS_IN_RUN_STATE_ONLY (a test may
 //          change the flags with SetCapturePinFlags).
 //   pin 1: IN bridge pin (KSPIN_COMMUNICATION_BRIDGE, 0 instances possible),
-//          one KSDATARANGE of major type ANALOGVIDEO.
+//          two ranges of major type ANALOGVIDEO: a KSDATARANGE and one of
+//          FormatSize 68 (not a multiple of 8, for the list's alignment).
 // The filter's automation table has one property set (kTestPropertySet) and
 // one event set (kTestEventSet), for the automation tests.
 //
@@ -43,21 +44,26 @@ constexpr LONG kRangeWidth[kRangeCount] = {320, 640};
 constexpr LONG kRangeHeight[kRangeCount] = {240, 480};
 constexpr LONGLONG kFrameInterval = 333333;  // 100 ns units
 
-// The test property set: item 0 is a LONG read/write (MinData 4), item 1 a
-// LONG read-only, item 2 a 16-byte get whose handler answers with
-// Information = 16.
+// The test property set: item 0 is a LONG read/write (MinData 4, a stepped
+// range [kTestValueMin, kTestValueMax] as its Values), item 1 a LONG
+// read-only, item 2 a kTestBlobSize-byte get with MinData 0 whose handler
+// answers the size query itself, item 3 a LONG get whose request is a
+// KSP_NODE (MinProperty). The set also overrides ks.sys's
+// KSPROPERTY_PIN_GLOBALCINSTANCES, which then answers kTestGlobalInstances.
 #define STATIC_KVTEST_PROPSETID 0x4b1d0e57, 0x7a31, 0x4c2e, 0x9b, 0x6f, 0x11, 0x22, 0x33, 0x44, 0x55, 0x66
 inline constexpr GUID kTestPropertySet = {STATIC_KVTEST_PROPSETID};
-enum : ULONG { kTestPropertyValue = 0, kTestPropertyReadOnly = 1, kTestPropertyBlob = 2 };
-constexpr ULONG kTestBlobSize = 16;
-// The read-only item's value.
+enum : ULONG { kTestPropertyValue = 0, kTestPropertyReadOnly = 1, kTestPropertyBlob = 2, kTestPropertyNodeLike = 3 };
+constexpr ULONG kTestBlobSize = 12;
 constexpr LONG kTestReadOnlyValue = 0x1234;
+constexpr LONG kTestValueMin = -100, kTestValueMax = 100;
+constexpr ULONG kTestGlobalInstances = 99;
 
-// The test event set: item 0 is a plain KSEVENTDATA event (DataInput
-// sizeof(KSEVENTDATA), no extra entry data, default add/remove handlers).
+// The test event set: plain KSEVENTDATA events (DataInput
+// sizeof(KSEVENTDATA), default add/remove handlers); kTestEventOther has 16
+// bytes of extra entry data.
 #define STATIC_KVTEST_EVENTSETID 0x4b1d0e58, 0x7a31, 0x4c2e, 0x9b, 0x6f, 0x11, 0x22, 0x33, 0x44, 0x55, 0x66
 inline constexpr GUID kTestEventSet = {STATIC_KVTEST_EVENTSETID};
-enum : ULONG { kTestEventTick = 0 };
+enum : ULONG { kTestEventTick = 0, kTestEventOther = 1 };
 
 // ---- what the minidriver saw, and its knobs ----------------------------------------------
 struct StateStep {
@@ -96,9 +102,14 @@ struct TestRecorder {
     // counts here.
     ULONG bagItemsFreed = 0;
     // The test property's value, and whether its last read came from a
-    // 32-bit caller (IoIs32bitProcess in the get handler).
+    // 32-bit caller (IoIs32bitProcess in the get handler); calls of the test
+    // property handlers and the IRQL of the last one; the context of the
+    // last intersect handler call.
     LONG propertyValue = 0;
     bool valueReadFrom32bit = false;
+    ULONG propertyCalls = 0;
+    KIRQL propertyIrql = 0xFF;
+    PVOID intersectContext = nullptr;
 
     // Knobs.
     bool fillOnProcess = true;           // Process fills and ejects a frame
@@ -130,7 +141,7 @@ const KS_DATARANGE_VIDEO& TestRange(ULONG index);
 KS_DATAFORMAT_VIDEOINFOHEADER MakeTestFormat(ULONG index);
 // The bytes of one frame of range `index` (width x height x 2).
 ULONG TestFrameBytes(ULONG index);
-// Raises the test event on the filter (KsFilterGenerateEvents).
-void FireTestEvent(PKSFILTER filter);
+// Raises a test event on the filter (KsFilterGenerateEvents).
+void FireTestEvent(PKSFILTER filter, ULONG id = kTestEventTick);
 
 }  // namespace kvtest::ks

@@ -1,27 +1,15 @@
 // The simulated USB bus's requests, one behaviour each: asynchronous control
 // transfers, descriptor reads, pipe information (3072 for 0x1400), stalled
-// class requests, select-interface checks, bad pipe handles, cancel and
-// abort of pending isochronous transfers, interrupt transfers, surprise
+// class requests, select-interface checks, the checks of isochronous
+// transfers, cancel and abort of pending ones, interrupt transfers, surprise
 // removal, the USBDI bus interface, capabilities and power.
 #include <gtest/gtest.h>
 
-#include "usb_request_fixture.h"
+#include "usb_test_util.h"
 
 using namespace usbtest;
 
 namespace {
-
-constexpr UCHAR kVs = kRequestsVs;
-
-NTSTATUS PipeRequest(PDEVICE_OBJECT pdo, USHORT function, USBD_PIPE_HANDLE pipe, USBD_STATUS* usbd = nullptr) {
-    UrbBuffer urb(sizeof(struct _URB_PIPE_REQUEST));
-    urb.get()->UrbHeader.Length = sizeof(struct _URB_PIPE_REQUEST);
-    urb.get()->UrbHeader.Function = function;
-    urb.get()->UrbPipeRequest.PipeHandle = pipe;
-    NTSTATUS s = Submit(pdo, urb.get());
-    if (usbd) *usbd = urb.get()->UrbHeader.Status;
-    return s;
-}
 
 USB_BUS_INTERFACE_USBDI_V1 QueryBusInterface(PDEVICE_OBJECT pdo, NTSTATUS* status) {
     USB_BUS_INTERFACE_USBDI_V1 bi{};
@@ -38,7 +26,7 @@ USB_BUS_INTERFACE_USBDI_V1 QueryBusInterface(PDEVICE_OBJECT pdo, NTSTATUS* statu
 }  // namespace
 
 TEST(UsbBusRequests, ControlTransfersCompleteLaterAtDispatchLevel) {
-    Fixture f;
+    Session f;
     UrbBuffer urb(sizeof(struct _URB_CONTROL_DESCRIPTOR_REQUEST));
     std::vector<uint8_t> buffer(18);
     UsbBuildGetDescriptorRequest(urb.get(), (USHORT)sizeof(struct _URB_CONTROL_DESCRIPTOR_REQUEST),
@@ -58,7 +46,7 @@ TEST(UsbBusRequests, ControlTransfersCompleteLaterAtDispatchLevel) {
 }
 
 TEST(UsbBusRequests, PartialConfigurationReadGivesTheHeaderAndStringZeroTheLanguage) {
-    Fixture f;
+    Session f;
     std::vector<uint8_t> head;
     ASSERT_EQ(GetDescriptor(f.dev.pdo, USB_CONFIGURATION_DESCRIPTOR_TYPE, 0, 9, &head), STATUS_SUCCESS);
     ASSERT_EQ(head.size(), 9u);
@@ -71,9 +59,9 @@ TEST(UsbBusRequests, PartialConfigurationReadGivesTheHeaderAndStringZeroTheLangu
 }
 
 TEST(UsbBusRequests, HighSpeedIsochronousPipeReportsThreeTransactionsAs3072) {
-    Fixture f;
+    Session f;
     ASSERT_EQ(f.cfg.status, STATUS_SUCCESS);
-    USBD_PIPE_INFORMATION pipe = f.Stream(0x1400);
+    USBD_PIPE_INFORMATION pipe = f.Stream();
     EXPECT_EQ(pipe.MaximumPacketSize, 3072);
     EXPECT_EQ(pipe.EndpointAddress, 0x81);
     EXPECT_EQ(pipe.PipeType, UsbdPipeTypeIsochronous);
@@ -91,7 +79,7 @@ TEST(UsbBusRequests, HighSpeedIsochronousPipeReportsThreeTransactionsAs3072) {
 }
 
 TEST(UsbBusRequests, StalledClassRequestFailsWithStallPid) {
-    Fixture f;
+    Session f;
     ProbeControl bad;
     bad.formatIndex = 99;  // no such format: the camera stalls
     bad.frameIndex = 1;
@@ -107,7 +95,7 @@ TEST(UsbBusRequests, StalledClassRequestFailsWithStallPid) {
 }
 
 TEST(UsbBusRequests, SelectInterfaceChecksLengthAndAlternate) {
-    Fixture f;
+    Session f;
     ASSERT_EQ(f.cfg.status, STATUS_SUCCESS);
     Selected tooShort = SelectInterface(f.dev.pdo, f.cfg.handle, kVs, 1, 1,
                                         (USHORT)(sizeof(USBD_INTERFACE_INFORMATION) - sizeof(USBD_PIPE_INFORMATION)));
@@ -121,25 +109,35 @@ TEST(UsbBusRequests, SelectInterfaceChecksLengthAndAlternate) {
     EXPECT_EQ(f.dev.camera->CurrentAlternate(kVs), 0);
 }
 
-TEST(UsbBusRequests, BadAndStalePipeHandlesAreRejected) {
-    Fixture f;
+TEST(UsbBusRequests, IsochronousTransfersWithBadHandlesOrPacketCountsAreRejected) {
+    Session f;
     USBD_PIPE_INFORMATION pipe = f.Stream();
     IsoTransfer bogus(f.dev.pdo, 8, 3072);
     EXPECT_EQ(bogus.Submit(reinterpret_cast<USBD_PIPE_HANDLE>(0x5678)), STATUS_UNSUCCESSFUL);
     EXPECT_EQ(bogus.Iso().Hdr.Status, USBD_STATUS_INVALID_PIPE_HANDLE);
+    // The interrupt pipe is not an isochronous one.
+    IsoTransfer wrongType(f.dev.pdo, 8, 16);
+    EXPECT_EQ(wrongType.Submit(f.InterruptPipe().PipeHandle), STATUS_UNSUCCESSFUL);
+    EXPECT_EQ(wrongType.Iso().Hdr.Status, USBD_STATUS_INVALID_PIPE_HANDLE);
+    // High speed takes multiples of 8 packets, at most 1024.
+    IsoTransfer odd(f.dev.pdo, 12, pipe.MaximumPacketSize);
+    EXPECT_EQ(odd.Submit(pipe.PipeHandle), STATUS_INVALID_PARAMETER);
+    EXPECT_EQ(odd.Iso().Hdr.Status, USBD_STATUS_INVALID_PARAMETER);
+    IsoTransfer tooMany(f.dev.pdo, 1032, 16);
+    EXPECT_EQ(tooMany.Submit(pipe.PipeHandle), STATUS_INVALID_PARAMETER);
+    IsoTransfer ok(f.dev.pdo, 8, pipe.MaximumPacketSize);
+    EXPECT_EQ(ok.Submit(pipe.PipeHandle), STATUS_PENDING);
+    ASSERT_TRUE(ok.irp.Wait());
+    EXPECT_EQ(ok.irp.Status(), STATUS_SUCCESS);
     // Back to alternate setting 0: the old handle is closed.
     ASSERT_EQ(SelectInterface(f.dev.pdo, f.cfg.handle, kVs, 0, 0).status, STATUS_SUCCESS);
     IsoTransfer stale(f.dev.pdo, 8, 3072);
     EXPECT_EQ(stale.Submit(pipe.PipeHandle), STATUS_UNSUCCESSFUL);
     EXPECT_EQ(stale.Iso().Hdr.Status, USBD_STATUS_INVALID_PIPE_HANDLE);
-    // The interrupt pipe is not an isochronous one.
-    IsoTransfer wrongType(f.dev.pdo, 8, 16);
-    EXPECT_EQ(wrongType.Submit(f.InterruptPipe().PipeHandle), STATUS_UNSUCCESSFUL);
-    EXPECT_EQ(wrongType.Iso().Hdr.Status, USBD_STATUS_INVALID_PIPE_HANDLE);
 }
 
-TEST(UsbBusRequests, CancelOfAPendingIsochronousTransfer) {
-    Fixture f;
+TEST(UsbBusRequests, CancelAndAbortOfPendingIsochronousTransfers) {
+    Session f;
     USBD_PIPE_INFORMATION pipe = f.Stream();
     IsoTransfer first(f.dev.pdo, 128, pipe.MaximumPacketSize), second(f.dev.pdo, 128, pipe.MaximumPacketSize);
     ASSERT_EQ(first.Submit(pipe.PipeHandle), STATUS_PENDING);
@@ -152,11 +150,8 @@ TEST(UsbBusRequests, CancelOfAPendingIsochronousTransfer) {
     ASSERT_TRUE(first.irp.Wait());
     EXPECT_EQ(first.irp.Status(), STATUS_SUCCESS);
     EXPECT_EQ(kvsim::usb::GetDeviceState(f.dev.pdo).pendingTransfers, 0u);
-}
 
-TEST(UsbBusRequests, AbortPipeCompletesEveryPendingTransfer) {
-    Fixture f;
-    USBD_PIPE_INFORMATION pipe = f.Stream();
+    // URB_FUNCTION_ABORT_PIPE completes every pending transfer.
     std::vector<std::unique_ptr<IsoTransfer>> xfers;
     for (int i = 0; i < 3; ++i) {
         xfers.push_back(std::make_unique<IsoTransfer>(f.dev.pdo, 128, pipe.MaximumPacketSize));
@@ -179,7 +174,7 @@ TEST(UsbBusRequests, AbortPipeCompletesEveryPendingTransfer) {
 }
 
 TEST(UsbBusRequests, InterruptTransferWaitsForAStatusPacket) {
-    Fixture f;
+    Session f;
     USBD_PIPE_INFORMATION pipe = f.InterruptPipe();
     UrbBuffer urb(sizeof(struct _URB_BULK_OR_INTERRUPT_TRANSFER));
     std::vector<uint8_t> buffer(64);
@@ -217,7 +212,7 @@ TEST(UsbBusRequests, InterruptTransferWaitsForAStatusPacket) {
 }
 
 TEST(UsbBusRequests, SurpriseRemovalWithTransfersPending) {
-    Fixture f;
+    Session f;
     USBD_PIPE_INFORMATION pipe = f.Stream();
     std::vector<std::unique_ptr<IsoTransfer>> xfers;
     for (int i = 0; i < 3; ++i) {
@@ -252,7 +247,7 @@ TEST(UsbBusRequests, SurpriseRemovalWithTransfersPending) {
 
 TEST(UsbBusRequests, BusInterfaceReportsTheSpeed) {
     for (Speed speed : {Speed::kHigh, Speed::kFull}) {
-        Fixture f(speed);
+        Session f(speed);
         NTSTATUS status;
         auto bi = QueryBusInterface(f.dev.pdo, &status);
         ASSERT_EQ(status, STATUS_SUCCESS);
@@ -279,22 +274,8 @@ TEST(UsbBusRequests, BusInterfaceReportsTheSpeed) {
     }
 }
 
-TEST(UsbBusRequests, OtherInterfacesAndMinorCodesKeepTheIrpStatus) {
-    Fixture f;
-    static const GUID other = {0x12345678, 1, 2, {3, 4, 5, 6, 7, 8, 9, 10}};
-    INTERFACE iface{};
-    auto r = kvsim::SendPnpIrp(f.dev.pdo, IRP_MN_QUERY_INTERFACE, [&](PIO_STACK_LOCATION sp) {
-        sp->Parameters.QueryInterface.InterfaceType = &other;
-        sp->Parameters.QueryInterface.Size = sizeof(iface);
-        sp->Parameters.QueryInterface.Interface = &iface;
-    });
-    EXPECT_EQ(r.status, STATUS_NOT_SUPPORTED);
-    EXPECT_EQ(kvsim::SendPnpIrp(f.dev.pdo, IRP_MN_QUERY_RESOURCES).status, STATUS_NOT_SUPPORTED);
-    EXPECT_EQ(kvsim::SendPnpIrp(f.dev.pdo, IRP_MN_START_DEVICE).status, STATUS_SUCCESS);
-}
-
-TEST(UsbBusRequests, CapabilitiesAreThoseOfARemovableUsbDevice) {
-    Fixture f;
+TEST(UsbBusRequests, CapabilitiesAreThoseOfARemovableUsbDeviceAndOtherQueriesKeepTheIrpStatus) {
+    Session f;
     DEVICE_CAPABILITIES caps{};
     caps.Size = sizeof(caps);
     caps.Version = 1;
@@ -306,10 +287,21 @@ TEST(UsbBusRequests, CapabilitiesAreThoseOfARemovableUsbDevice) {
     EXPECT_EQ(caps.DeviceState[PowerSystemWorking], PowerDeviceD0);
     EXPECT_EQ(caps.DeviceState[PowerSystemSleeping3], PowerDeviceD3);
     EXPECT_EQ(caps.DeviceState[PowerSystemHibernate], PowerDeviceD3);
+
+    static const GUID other = {0x12345678, 1, 2, {3, 4, 5, 6, 7, 8, 9, 10}};
+    INTERFACE iface{};
+    r = kvsim::SendPnpIrp(f.dev.pdo, IRP_MN_QUERY_INTERFACE, [&](PIO_STACK_LOCATION sp) {
+        sp->Parameters.QueryInterface.InterfaceType = &other;
+        sp->Parameters.QueryInterface.Size = sizeof(iface);
+        sp->Parameters.QueryInterface.Interface = &iface;
+    });
+    EXPECT_EQ(r.status, STATUS_NOT_SUPPORTED);
+    EXPECT_EQ(kvsim::SendPnpIrp(f.dev.pdo, IRP_MN_QUERY_RESOURCES).status, STATUS_NOT_SUPPORTED);
+    EXPECT_EQ(kvsim::SendPnpIrp(f.dev.pdo, IRP_MN_START_DEVICE).status, STATUS_SUCCESS);
 }
 
 TEST(UsbBusRequests, DeviceInD3DoesNotStream) {
-    Fixture f;
+    Session f;
     USBD_PIPE_INFORMATION pipe = f.Stream();
     IsoTransfer pending(f.dev.pdo, 128, pipe.MaximumPacketSize);
     ASSERT_EQ(pending.Submit(pipe.PipeHandle), STATUS_PENDING);
@@ -335,7 +327,7 @@ TEST(UsbBusRequests, DeviceInD3DoesNotStream) {
 }
 
 TEST(UsbBusRequests, SelectConfigurationWithoutDescriptorUnconfigures) {
-    Fixture f;
+    Session f;
     ASSERT_TRUE(f.dev.camera->Configured());
     UrbBuffer urb(sizeof(struct _URB_SELECT_CONFIGURATION));
     UsbBuildSelectConfigurationRequest(urb.get(), (USHORT)sizeof(struct _URB_SELECT_CONFIGURATION), nullptr);
@@ -365,4 +357,3 @@ TEST(UsbBusRequests, EndOfTestCheckReportsAndUnplugsForgottenDevices) {
     EXPECT_TRUE(kvsim::usb::UsbEndOfTestCheck().empty());
 }
 
-// TransferWithAStartFrameInThePastGetsLatePackets: see usb_bus_timing_test.cpp.

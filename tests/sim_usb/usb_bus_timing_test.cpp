@@ -8,8 +8,7 @@
 // does; usb_bus_streaming_test keeps its Parallel coverage.
 #include <gtest/gtest.h>
 
-#include "usb_request_fixture.h"
-#include "usb_streaming_session.h"
+#include "usb_test_util.h"
 
 using namespace usbtest;
 
@@ -24,9 +23,8 @@ const bool g_virtual = [] {
 
 TEST(UsbBusStreaming, TransfersRunBackToBackOnTheMicroframeClock) {
     Session s;
-    Open(s);
-    if (HasFatalFailure()) return;
-    auto p = RunFormat(s, 1, 3, 333333, 5, 3);
+    ASSERT_TRUE(s.Ready());
+    auto p = s.RunFormat(1, 3, 5, 3);
     ASSERT_TRUE(p);
     const Streamer& r = *p;
     ASSERT_GE(r.completionTimes.size(), 4u);
@@ -41,17 +39,15 @@ TEST(UsbBusStreaming, TransfersRunBackToBackOnTheMicroframeClock) {
     }
     // A packet never carries more than the alternate setting's capacity.
     EXPECT_LE(r.maxPacket, 3072u);
-    kvsim::usb::Unplug(s.dev.pdo);
 }
 
 TEST(UsbBusStreaming, FullSpeedTakesOnePacketAMillisecond) {
-    Session s;
-    Open(s, Speed::kFull);
-    if (HasFatalFailure()) return;
+    Session s(Speed::kFull);
+    ASSERT_TRUE(s.Ready());
     auto committed = ProbeCommit(s.dev.pdo, kVs, 1, 5, 333333);  // 160x120
     ASSERT_TRUE(committed);
     // At full speed only bits 0-10 count: 1024 a frame at most.
-    auto [alt, endpoints] = AlternateFor(s.config, kVs, 1);
+    auto [alt, endpoints] = s.AlternateFor(1);
     Selected sel = SelectInterface(s.dev.pdo, s.cfg.handle, kVs, alt, endpoints);
     ASSERT_EQ(sel.status, STATUS_SUCCESS);
     ASSERT_EQ(sel.pipes.size(), 1u);
@@ -68,11 +64,10 @@ TEST(UsbBusStreaming, FullSpeedTakesOnePacketAMillisecond) {
     IsoTransfer big(s.dev.pdo, 256, 64);
     EXPECT_EQ(big.Submit(sel.pipes[0].PipeHandle), STATUS_INVALID_PARAMETER);
     EXPECT_EQ(big.Iso().Hdr.Status, USBD_STATUS_INVALID_PARAMETER);
-    kvsim::usb::Unplug(s.dev.pdo);
 }
 
 TEST(UsbBusRequests, TransferWithAStartFrameInThePastGetsLatePackets) {
-    Fixture f;
+    Session f;
     USBD_PIPE_INFORMATION pipe = f.Stream();
     kvsim::RunFor(20 * kvsim::kMillisecond);
     IsoTransfer t(f.dev.pdo, 24, pipe.MaximumPacketSize);

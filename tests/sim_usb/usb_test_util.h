@@ -2,15 +2,17 @@
 // driver's side of the bus, written directly against the PDO with IRPs and
 // URBs (no driver code): sending an URB and waiting, descriptor reads,
 // configuration and interface selection through the usbd library, class
-// requests, probe/commit, and a set of isochronous transfers kept in flight.
+// requests, probe/commit, a set of isochronous transfers kept in flight, and
+// a session on the default camera that streams a format.
 #pragma once
-#include <atomic>
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cstring>
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "camera/payload_decoder.h"
@@ -25,6 +27,8 @@ namespace usbtest {
 
 using namespace kvsim::camera;
 using kvsim::usb::Speed;
+
+constexpr UCHAR kVs = 1;  // the default camera's streaming interface
 
 // URB storage, 8-byte aligned and zeroed.
 class UrbBuffer {
@@ -54,15 +58,11 @@ public:
         next->Parameters.Others.Argument1 = urb;
         IoSetCompletionRoutine(irp_, &UrbIrp::Completed, this, TRUE, TRUE, TRUE);
         done_.store(false);
-        urb_ = urb;
-        callStatus_ = IoCallDriver(pdo_, irp_);
-        return callStatus_;
+        return IoCallDriver(pdo_, irp_);
     }
     bool Done() const { return done_.load(std::memory_order_acquire); }
     NTSTATUS Status() const { return status_; }
-    NTSTATUS CallStatus() const { return callStatus_; }
     PIRP irp() const { return irp_; }
-    PURB urb() const { return urb_; }
     uint64_t CompletedAt() const { return completedAt_; }
     KIRQL CompletionIrql() const { return completionIrql_; }
     bool Wait(LONGLONG timeout = kvsim::kSecond) {
@@ -82,9 +82,8 @@ private:
     }
     PDEVICE_OBJECT pdo_;
     PIRP irp_;
-    PURB urb_ = nullptr;
     std::atomic<bool> done_{false};
-    NTSTATUS status_ = STATUS_PENDING, callStatus_ = STATUS_PENDING;
+    NTSTATUS status_ = STATUS_PENDING;
     uint64_t completedAt_ = 0;
     KIRQL completionIrql_ = 0;
 };
@@ -97,34 +96,41 @@ inline NTSTATUS Submit(PDEVICE_OBJECT pdo, PURB urb) {
     return irp.Status();
 }
 
+// A _URB_PIPE_REQUEST (abort, reset and clear stall) for `pipe`.
+inline NTSTATUS PipeRequest(PDEVICE_OBJECT pdo, USHORT function, USBD_PIPE_HANDLE pipe, USBD_STATUS* usbd = nullptr) {
+    UrbBuffer urb(sizeof(struct _URB_PIPE_REQUEST));
+    urb.get()->UrbHeader.Length = sizeof(struct _URB_PIPE_REQUEST);
+    urb.get()->UrbHeader.Function = function;
+    urb.get()->UrbPipeRequest.PipeHandle = pipe;
+    NTSTATUS s = Submit(pdo, urb.get());
+    if (usbd) *usbd = urb.get()->UrbHeader.Status;
+    return s;
+}
+
 struct Plugged {
     std::shared_ptr<UvcCamera> camera;
     PDEVICE_OBJECT pdo = nullptr;
 };
 
-inline std::shared_ptr<UvcCamera> LoadCamera(const std::string& name, CameraOptions o = {}) {
-    if (name == "default") return UvcCamera::CreateDefault(o);
-    auto set = LoadDescriptorFiles(std::string(KV_SHARED_DIR) + "/cameras", name);
-    if (!set) return nullptr;
-    return UvcCamera::Create(*set, o);
-}
-
+// The built-in camera ("default") or one of ../shared/cameras, plugged.
 inline Plugged Plug(const std::string& name = "default", Speed speed = Speed::kHigh) {
     Plugged p;
-    p.camera = LoadCamera(name);
+    if (name == "default") {
+        p.camera = UvcCamera::CreateDefault();
+    } else if (auto set = LoadDescriptorFiles(std::string(KV_SHARED_DIR) + "/cameras", name)) {
+        p.camera = UvcCamera::Create(*set);
+    }
     if (p.camera) p.pdo = kvsim::usb::PlugCamera(p.camera, speed);
     return p;
 }
 
 // GET_DESCRIPTOR through URB_FUNCTION_GET_DESCRIPTOR_FROM_DEVICE.
-inline NTSTATUS GetDescriptor(PDEVICE_OBJECT pdo, UCHAR type, UCHAR index, ULONG length, std::vector<uint8_t>* out,
-                              USBD_STATUS* usbd = nullptr, USHORT language = 0) {
+inline NTSTATUS GetDescriptor(PDEVICE_OBJECT pdo, UCHAR type, UCHAR index, ULONG length, std::vector<uint8_t>* out) {
     UrbBuffer urb(sizeof(struct _URB_CONTROL_DESCRIPTOR_REQUEST));
     std::vector<uint8_t> buffer(length);
-    UsbBuildGetDescriptorRequest(urb.get(), (USHORT)sizeof(struct _URB_CONTROL_DESCRIPTOR_REQUEST), type, index,
-                                 language, buffer.data(), nullptr, length, nullptr);
+    UsbBuildGetDescriptorRequest(urb.get(), (USHORT)sizeof(struct _URB_CONTROL_DESCRIPTOR_REQUEST), type, index, 0,
+                                 buffer.data(), nullptr, length, nullptr);
     NTSTATUS s = Submit(pdo, urb.get());
-    if (usbd) *usbd = urb.get()->UrbHeader.Status;
     buffer.resize(std::min<ULONG>(length, urb.get()->UrbControlDescriptorRequest.TransferBufferLength));
     if (out) *out = buffer;
     return s;
@@ -149,9 +155,9 @@ struct Configured {
     }
 };
 
-// Selects the configuration with alternate setting 0 of every interface,
-// as Part 1.2 does: USBD_ParseConfigurationDescriptorEx per interface number,
-// USBD_CreateConfigurationRequestEx, submit, ExFreePool.
+// Selects the configuration with alternate setting 0 of every interface, as
+// a client driver does: USBD_ParseConfigurationDescriptorEx per interface
+// number, USBD_CreateConfigurationRequestEx, submit, ExFreePool.
 inline Configured SelectConfiguration(PDEVICE_OBJECT pdo, std::vector<uint8_t>& config) {
     Configured c;
     auto* cd = reinterpret_cast<PUSB_CONFIGURATION_DESCRIPTOR>(config.data());
@@ -226,18 +232,16 @@ inline std::optional<ProbeControl> ProbeCommit(PDEVICE_OBJECT pdo, UCHAR iface, 
     return p;
 }
 
-// Size of an isochronous URB of n packets, as Part 2.2 allocates it.
-inline size_t IsoUrbSize(ULONG packets) { return GET_ISO_URB_SIZE(packets); }
-
 // One isochronous transfer: IRP, URB and buffer.
 struct IsoTransfer {
     IsoTransfer(PDEVICE_OBJECT pdo, ULONG packets, ULONG packetSize)
-        : irp(pdo), urb(IsoUrbSize(packets)), buffer(packets * packetSize), packets(packets), packetSize(packetSize) {}
+        : irp(pdo), urb(GET_ISO_URB_SIZE(packets)), buffer(packets * packetSize), packets(packets),
+          packetSize(packetSize) {}
     void Build(USBD_PIPE_HANDLE pipe, ULONG flags = USBD_TRANSFER_DIRECTION_IN | USBD_SHORT_TRANSFER_OK |
                                                    USBD_START_ISO_TRANSFER_ASAP) {
         std::memset(urb.get(), 0, urb.size());
         auto& u = urb.get()->UrbIsochronousTransfer;
-        u.Hdr.Length = (USHORT)IsoUrbSize(packets);
+        u.Hdr.Length = (USHORT)GET_ISO_URB_SIZE(packets);
         u.Hdr.Function = URB_FUNCTION_ISOCH_TRANSFER;
         u.PipeHandle = pipe;
         u.TransferFlags = flags;
@@ -286,7 +290,7 @@ public:
         : pdo_(pdo), pipe_(pipe) {
         for (size_t i = 0; i < inFlight; ++i) {
             xfers_.push_back(std::make_unique<IsoTransfer>(pdo, packets, pipe.MaximumPacketSize));
-            submitStatus.push_back(xfers_.back()->Submit(pipe.PipeHandle));
+            xfers_.back()->Submit(pipe.PipeHandle);
         }
         active_.assign(inFlight, true);
     }
@@ -311,8 +315,8 @@ public:
             decoder_.Push(p);
         }
         for (auto& f : decoder_.TakeFrames()) frames.push_back(std::move(f));
-        if (NT_SUCCESS(t.irp.Status()) && resubmit) {
-            submitStatus.push_back(t.Submit(pipe_.PipeHandle));
+        if (NT_SUCCESS(t.irp.Status())) {
+            t.Submit(pipe_.PipeHandle);
         } else {
             failed_ = true;
             active_[next_] = false;
@@ -330,19 +334,19 @@ public:
     void Stop() {
         if (stopped_) return;
         stopped_ = true;
-        UrbBuffer abort(sizeof(struct _URB_PIPE_REQUEST));
-        abort.get()->UrbHeader.Length = sizeof(struct _URB_PIPE_REQUEST);
-        abort.get()->UrbHeader.Function = URB_FUNCTION_ABORT_PIPE;
-        abort.get()->UrbPipeRequest.PipeHandle = pipe_.PipeHandle;
-        usbtest::Submit(pdo_, abort.get());
+        PipeRequest(pdo_, URB_FUNCTION_ABORT_PIPE, pipe_.PipeHandle);
         for (auto& t : xfers_) t->irp.Wait();
     }
     bool Failed() const { return failed_; }
     IsoTransfer& Transfer(size_t i) { return *xfers_[i]; }
+    size_t CountStatus(USBD_STATUS status) const {
+        size_t n = 0;
+        for (const auto& p : packets) n += p.status == status;
+        return n;
+    }
 
-    bool resubmit = true;
     std::vector<ReassembledFrame> frames;
-    std::vector<NTSTATUS> statuses, submitStatus;
+    std::vector<NTSTATUS> statuses;
     std::vector<USBD_STATUS> usbdStatuses;
     std::vector<uint64_t> completionTimes;
     std::vector<ULONG> startFrames, errorCounts;
@@ -358,6 +362,75 @@ private:
     std::vector<bool> active_;  // sent and not yet finished with a failure
     size_t next_ = 0;
     bool failed_ = false, stopped_ = false;
+};
+
+// The default camera plugged at `speed`, its configuration read and selected
+// (alternate setting 0 everywhere); unplugged at the end.
+struct Session {
+    Plugged dev;
+    std::vector<uint8_t> config;
+    Configured cfg;
+    std::optional<ProbeControl> committed;
+
+    explicit Session(Speed speed = Speed::kHigh) : dev(Plug("default", speed)) {
+        if (dev.pdo) config = ReadConfiguration(dev.pdo);
+        if (!config.empty()) cfg = SelectConfiguration(dev.pdo, config);
+    }
+    ~Session() {
+        if (dev.pdo) kvsim::usb::Unplug(dev.pdo);
+    }
+    // The configuration read back byte for byte and selected.
+    bool Ready() const {
+        return dev.pdo && config == dev.camera->Descriptors().configuration && cfg.status == STATUS_SUCCESS &&
+               cfg.usbd == USBD_STATUS_SUCCESS && cfg.handle && cfg.interfaces.size() == 2;
+    }
+    UvcCamera& Camera() { return *dev.camera; }
+    USBD_PIPE_INFORMATION InterruptPipe() const { return cfg.Interface(0)->Pipes[0]; }
+
+    // The smallest alternate setting of the streaming interface whose
+    // endpoint carries `payload` bytes a (micro)frame, read from the
+    // configuration descriptor as a driver does: (alternate, endpoints).
+    std::pair<UCHAR, ULONG> AlternateFor(ULONG payload) {
+        auto* cd = reinterpret_cast<PUSB_CONFIGURATION_DESCRIPTOR>(config.data());
+        for (LONG alt = 1; alt < 32; ++alt) {
+            auto* d = USBD_ParseConfigurationDescriptorEx(cd, cd, kVs, alt, -1, -1, -1);
+            if (!d) continue;
+            auto* e = reinterpret_cast<PUSB_ENDPOINT_DESCRIPTOR>(
+                USBD_ParseDescriptors(cd, cd->wTotalLength, d, USB_ENDPOINT_DESCRIPTOR_TYPE));
+            if (e && uvc::IsoCapacity(e->wMaxPacketSize) >= payload) return {UCHAR(alt), d->bNumEndpoints};
+        }
+        return {0, 0};
+    }
+    // Probe/commit `format` and `frame` at 30 frames a second, then select
+    // the smallest alternate setting that carries `payload` bytes (0: the
+    // committed payload; 3072 is the 0x1400 setting, 3 x 1024).
+    USBD_PIPE_INFORMATION Stream(UCHAR format = 1, UCHAR frame = 3, ULONG payload = 3072) {
+        committed = ProbeCommit(dev.pdo, kVs, format, frame, 333333);
+        EXPECT_TRUE(committed.has_value());
+        if (!committed) return {};
+        auto [alt, endpoints] = AlternateFor(payload ? payload : committed->maxPayloadTransferSize);
+        EXPECT_NE(alt, 0);
+        Selected sel = SelectInterface(dev.pdo, cfg.handle, kVs, alt, endpoints);
+        EXPECT_EQ(sel.status, STATUS_SUCCESS);
+        EXPECT_EQ(sel.pipes.size(), 1u);
+        if (sel.pipes.empty()) return {};
+        EXPECT_EQ(sel.pipes[0].PipeType, UsbdPipeTypeIsochronous);
+        EXPECT_GE(sel.pipes[0].MaximumPacketSize, committed->maxPayloadTransferSize);
+        return sel.pipes[0];
+    }
+    // Stream(format, frame, committed payload), `count` frames with
+    // `inFlight` transfers, then back to alternate setting 0.
+    std::unique_ptr<Streamer> RunFormat(UCHAR format, UCHAR frame, size_t count, size_t inFlight) {
+        USBD_PIPE_INFORMATION pipe = Stream(format, frame, 0);
+        if (!pipe.PipeHandle) return nullptr;
+        auto r = std::make_unique<Streamer>(dev.pdo, pipe, inFlight);
+        r->Frames(count);
+        r->Stop();
+        Selected zero = SelectInterface(dev.pdo, cfg.handle, kVs, 0, 0);
+        EXPECT_EQ(zero.status, STATUS_SUCCESS);
+        EXPECT_TRUE(zero.pipes.empty());
+        return r;
+    }
 };
 
 }  // namespace usbtest
