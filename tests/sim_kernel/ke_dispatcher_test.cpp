@@ -18,11 +18,13 @@ namespace {
 using kvsim::kMillisecond;
 using kvsim::kSecond;
 
-// These tests check exact virtual times and the baton's order, so they run
-// in Virtual mode even where KVSIM_MODE says otherwise (the tsan preset);
-// ke_parallel_test covers Parallel mode.
+// These tests check exact virtual times and the baton's fixed order, so they
+// run in Virtual mode without a seed even where KVSIM_MODE or KVSIM_SEED say
+// otherwise; ke_parallel_test covers Parallel mode, seeded_schedule_test the
+// seeds.
 const bool g_virtual = [] {
     kvsim::SetClockMode(kvsim::ClockMode::Virtual);
+    kvsim::SetSeed(0);
     return true;
 }();
 

@@ -14,6 +14,7 @@ namespace {
 // printer, this listener sees OnTestEnd first (end events go in reverse
 // order), so the printed verdict includes these failures.
 class SimulationChecks : public testing::EmptyTestEventListener {
+    void OnTestStart(const testing::TestInfo&) override { kvsim::PrepareNextTest(); }
     void OnTestEnd(const testing::TestInfo&) override {
         for (const auto& line : kvsim::RunEndOfTestChecks()) ADD_FAILURE() << line;
     }

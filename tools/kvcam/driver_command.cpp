@@ -132,6 +132,10 @@ bool ParseOptions(std::span<const std::string_view> args, DriverOptions& options
             options.path = std::string(args[++i]);
         } else if (a.starts_with("--sys=")) {
             options.path = std::string(a.substr(6));
+        } else if ((a == "--seed" || a == "--trace") && i + 1 < args.size()) {
+            // Accepted as on every command; reading a file runs no simulation,
+            // so there is nothing to seed or trace.
+            ++i;
         } else {
             std::fprintf(stderr, "kvcam driver: unexpected argument '%.*s' (try kvcam driver --help)\n",
                          static_cast<int>(a.size()), a.data());

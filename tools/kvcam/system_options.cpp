@@ -2,9 +2,12 @@
 #include "system_options.h"
 
 #include <cstdio>
+#include <cstdlib>
 #include <optional>
 
 #include "commands.h"
+#include "kvsim/diag.h"
+#include "kvsim/sched.h"
 #include "kvsim/testing.h"
 
 #ifndef KVCAM_SHARED_DIR
@@ -53,13 +56,17 @@ const char* const kSystemOptionsHelp =
     "  --camera NAME        the shared camera NAME ($KV_SHARED_DIR/cameras/NAME.*_desc.bin)\n"
     "  --registry FILE.reg  load the simulated registry from FILE before the run and save it after\n"
     "                       (created when missing)\n"
-    "  --system-root DIR    the host folder that stands for \\SystemRoot\n";
+    "  --system-root DIR    the host folder that stands for \\SystemRoot\n"
+    "  --seed N             seeded interleavings of the simulation: the same N, the same run\n"
+    "                       (default 0: the fixed schedule)\n"
+    "  --trace FILE         write the driver's debug log to FILE, each line with its virtual time\n";
 
 ParsedSystemOptions ParseSystemOptions(std::span<const std::string_view> args)
 {
     ParsedSystemOptions parsed;
     std::string camera;
     std::string device;
+    std::string seed;
     for (size_t i = 0; i < args.size() && parsed.error.empty(); ++i) {
         bool missing = false;
         struct {
@@ -68,7 +75,9 @@ ParsedSystemOptions ParseSystemOptions(std::span<const std::string_view> args)
         } const options[] = {{"--camera", &camera},
                              {"--device", &device},
                              {"--registry", &parsed.system.registryFile},
-                             {"--system-root", &parsed.system.systemRoot}};
+                             {"--system-root", &parsed.system.systemRoot},
+                             {"--seed", &seed},
+                             {"--trace", &parsed.traceFile}};
         bool matched = false;
         for (const auto& o : options) {
             if (std::optional<std::string> value = OptionValue(args, &i, o.name, &missing)) {
@@ -86,6 +95,15 @@ ParsedSystemOptions ParseSystemOptions(std::span<const std::string_view> args)
     }
     if (!parsed.error.empty()) {
         return parsed;
+    }
+    if (!seed.empty()) {
+        char* end = nullptr;
+        const unsigned long long value = std::strtoull(seed.c_str(), &end, 10);
+        if (*end != '\0' || seed[0] == '-') {
+            parsed.error = "--seed needs a number";
+            return parsed;
+        }
+        parsed.seed = value;
     }
     if (!device.empty() && camera.empty()) {
         parsed.error = "--device needs --camera";
@@ -120,6 +138,12 @@ int RunOnSystem(const char* command, const ParsedSystemOptions& parsed,
     bool ok = false;
     {
         kvharness::System system(parsed.system);
+        if (parsed.seed) {
+            kvsim::SetSeed(*parsed.seed);
+        }
+        if (!parsed.traceFile.empty()) {
+            kvsim::SetTraceFile(parsed.traceFile);
+        }
         if (system.Boot()) {
             ok = body(system);
         }
@@ -131,6 +155,9 @@ int RunOnSystem(const char* command, const ParsedSystemOptions& parsed,
     for (const std::string& problem : kvsim::RunEndOfTestChecks()) {
         std::fprintf(stderr, "kvcam %s: simulation: %s\n", command, problem.c_str());
         ok = false;
+    }
+    if (!parsed.traceFile.empty()) {
+        kvsim::SetTraceFile("");
     }
     return ok ? kExitOk : kExitFailure;
 }

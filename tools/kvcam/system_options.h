@@ -6,9 +6,13 @@
 //   --camera NAME                         the shared camera NAME (both files)
 //   --registry FILE.reg                   registry loaded before, saved after
 //   --system-root DIR                     the host folder for \SystemRoot
+//   --seed N                              seeded interleavings (0: the fixed schedule)
+//   --trace FILE                          the debug log with the virtual time of each line
 // Each option also accepts the --name=value form.
 #pragma once
+#include <cstdint>
 #include <functional>
+#include <optional>
 #include <span>
 #include <string>
 #include <string_view>
@@ -24,6 +28,8 @@ struct ParsedSystemOptions {
     std::string error;                   // usage error (exit 2)
     std::string inputError;              // unreadable camera files (exit 1)
     std::vector<std::string> notes;      // said on stderr before the run
+    std::optional<uint64_t> seed;        // --seed
+    std::string traceFile;               // --trace
 };
 
 ParsedSystemOptions ParseSystemOptions(std::span<const std::string_view> args);

@@ -22,5 +22,10 @@ std::vector<std::string> DebugLines();
 void ClearDebugLog();
 // Echo every message to stderr as it is printed (kvcam --verbose, debugging).
 void SetDebugEcho(bool on);
+// Writes every message from now on to `path`, each on a line that begins with
+// the virtual time in seconds ("12.3456789 text"); an empty path stops. The
+// environment variable KVSIM_TRACE=FILE does the same from the start. With
+// the same seed (KVSIM_SEED), two runs write the same trace.
+void SetTraceFile(const std::string& path);
 
 }  // namespace kvsim

@@ -25,5 +25,7 @@ void* ObReferenceByHandle(HANDLE handle, POBJECT_TYPE type);
 // Number of objects still registered, for leak checks at the end of a test.
 size_t ObLiveObjectCount();
 size_t ObOpenHandleCount();
+// Handle values start again from the first when none is open.
+void ObResetHandleNumbering();
 
 }  // namespace kvsim

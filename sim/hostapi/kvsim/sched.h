@@ -110,6 +110,31 @@ bool CancelScheduled(uint64_t id);
 // `fn` at PASSIVE_LEVEL on a system worker thread. Does not adopt the caller.
 void Post(std::function<void()> fn);
 
+// Seeded interleavings (Virtual mode only). With a seed other than 0, every
+// preemption point takes a seeded decision: whether timers due by now expire
+// there, whether queued DPCs run at once (as another processor would run
+// them), and whether another ready thread runs first. The same seed gives the
+// same interleaving, and so the same trace. Preemption points: an IRQL
+// lowered to APC_LEVEL or below (a spin lock released, a fast mutex
+// released), the event, semaphore, mutex, timer and DPC routines, pool
+// allocation and release, and IoCallDriver's return, each at APC_LEVEL or
+// below and outside DPCs. The seed comes from KVSIM_SEED or SetSeed; 0 (the
+// default) keeps the fixed schedule described above.
+void SetSeed(uint64_t seed);
+uint64_t GetSeed();
+// Where other simulation components mark a preemption point (no lock held).
+void PreemptionPoint();
+
+// Timers expire on the first clock tick (KeQueryTimeIncrement, 15.625 ms) at
+// or after their due time, as on Windows; a test that needs exact expiry asks
+// for it (until the end of the test).
+void SetExactTimers(bool exact);
+
+// Before every test (kvsim::PrepareNextTest): the virtual clock back to boot
+// (when nothing is timed), the seed's generator to its start, exact timers
+// off, thread numbering back to the first test's.
+void ResetSchedulerForNextTest();
+
 struct SchedCounters {
     uint64_t dpcsRun;            // DPC routines and scheduled callbacks run
     uint64_t dpcsQueued;         // DPCs queued now

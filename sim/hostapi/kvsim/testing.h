@@ -14,6 +14,11 @@ namespace kvsim {
 // checked, so that the next test starts clean.
 std::vector<std::string> RunEndOfTestChecks();
 
+// Before each test: the clock, the seeded schedule, thread and handle
+// numbering start as they did for the first test, so that a test's times,
+// ids and interleaving do not depend on which tests ran before it.
+void PrepareNextTest();
+
 // Components above the kernel (the USB bus, ks.sys) register their own check
 // when they are first used, so that a test executable that never uses them
 // does not link them. Checks with a lower `order` run first; a component

@@ -3,9 +3,11 @@
 
 #include <cstdarg>
 #include <cstdio>
+#include <cstdlib>
 #include <mutex>
 
 #include "kv/debug.h"
+#include "kvsim/sched.h"
 
 namespace kvsim {
 namespace {
@@ -15,11 +17,30 @@ struct DiagState {
     std::vector<std::string> messages;
     std::vector<std::string> violations;
     bool echo = false;
+    FILE* trace = nullptr;  // KVSIM_TRACE or SetTraceFile
 };
 
 DiagState& State() {
-    static DiagState* state = new DiagState;  // never destroyed: threads may print during exit
+    // Never destroyed: threads may print during exit.
+    static DiagState* state = [] {
+        auto* s = new DiagState;
+        const char* path = std::getenv("KVSIM_TRACE");
+        if (path != nullptr && *path != '\0') {
+            s->trace = std::fopen(path, "w");
+            if (s->trace == nullptr) std::fprintf(stderr, "kvsim: cannot write the trace file %s\n", path);
+        }
+        return s;
+    }();
     return *state;
+}
+
+// One trace record: the virtual time in seconds (100-ns digits), then the
+// message, on a line of its own.
+void WriteTrace(FILE* trace, LONGLONG now, const std::string& text) {
+    std::fprintf(trace, "%lld.%07lld %s%s", static_cast<long long>(now / kSecond),
+                 static_cast<long long>(now % kSecond), text.c_str(),
+                 text.empty() || text.back() != '\n' ? "\n" : "");
+    std::fflush(trace);
 }
 
 std::string FormatV(const char* fmt, va_list args) {
@@ -35,8 +56,15 @@ std::string FormatV(const char* fmt, va_list args) {
 
 void AddMessage(std::string text) {
     auto& s = State();
+    // The time is read before the lock: the clock has a lock of its own.
+    const bool tracing = [&s] {
+        std::lock_guard<std::mutex> guard(s.lock);
+        return s.trace != nullptr;
+    }();
+    const LONGLONG now = tracing ? Now() : 0;
     std::lock_guard<std::mutex> guard(s.lock);
     if (s.echo) std::fprintf(stderr, "%s", text.c_str());
+    if (s.trace != nullptr) WriteTrace(s.trace, now, text);
     s.messages.push_back(std::move(text));
 }
 
@@ -91,6 +119,14 @@ void ClearDebugLog() {
     auto& s = State();
     std::lock_guard<std::mutex> guard(s.lock);
     s.messages.clear();
+}
+
+void SetTraceFile(const std::string& path) {
+    auto& s = State();
+    std::lock_guard<std::mutex> guard(s.lock);
+    if (s.trace != nullptr) std::fclose(s.trace);
+    s.trace = path.empty() ? nullptr : std::fopen(path.c_str(), "w");
+    if (!path.empty() && s.trace == nullptr) std::fprintf(stderr, "kvsim: cannot write the trace file %s\n", path.c_str());
 }
 
 void SetDebugEcho(bool on) {

@@ -105,6 +105,12 @@ size_t ObLiveObjectCount() {
     return s.objects.size();
 }
 
+void ObResetHandleNumbering() {
+    auto& s = State();
+    std::lock_guard<std::mutex> guard(s.lock);
+    if (s.handles.empty()) s.nextHandle = 0xFFFFFFFF80000004ull;
+}
+
 size_t ObOpenHandleCount() {
     auto& s = State();
     std::lock_guard<std::mutex> guard(s.lock);

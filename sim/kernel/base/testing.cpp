@@ -53,6 +53,11 @@ void RegisterEndOfTestCheck(const std::string& name, int order, EndOfTestCheck c
                      [](const Registered& a, const Registered& b) { return a.order < b.order; });
 }
 
+void PrepareNextTest() {
+    ResetSchedulerForNextTest();
+    ObResetHandleNumbering();
+}
+
 std::vector<std::string> RunEndOfTestChecks() {
     std::vector<std::string> failures;
     RunRegistered(/*early=*/true, failures);

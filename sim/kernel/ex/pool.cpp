@@ -33,6 +33,7 @@
 
 #include "kv/ke.h"
 #include "kvsim/diag.h"
+#include "kvsim/sched.h"
 #include "kvsim/pool.h"
 
 namespace kvsim {
@@ -105,6 +106,7 @@ bool TakeFailureLocked(PoolState& s, ULONG tag) {
 }
 
 void* Allocate(POOL_TYPE type, SIZE_T bytes, ULONG tag, bool zero) {
+    PreemptionPoint();
     CheckIrql(type, "allocation", tag);
     if (bytes == 0) {
         ReportViolation("zero-byte pool allocation (tag %s); Driver Verifier bug check 0xC4/0x00",

@@ -47,6 +47,7 @@
 #include "io_internal.h"
 #include "kvsim/diag.h"
 #include "kvsim/io.h"
+#include "kvsim/sched.h"
 #include "kvsim/object.h"
 #include "kvsim/pool.h"
 
@@ -440,6 +441,7 @@ extern "C" NTSTATUS IofCallDriver(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
         ReportViolation("dispatch routine for major 0x%x of device %p returned at IRQL %u, called at %u",
                         sp->MajorFunction, static_cast<void*>(DeviceObject), after, before);
     }
+    kvsim::PreemptionPoint();
     return status;
 }
 

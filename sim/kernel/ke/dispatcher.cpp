@@ -23,7 +23,9 @@ void InitHeader(DISPATCHER_HEADER* h, UCHAR type, size_t size, LONG state) {
 }
 
 // KeSetEvent, KeReleaseSemaphore, KeReleaseMutex, KeInsertQueueDpc: IRQL <= DISPATCH_LEVEL.
+// They are also points where another processor's work may interleave.
 SimThread* RequireAtMostDispatch(const char* what) {
+    kvsim::PreemptionPoint();
     SimThread* self = Self();
     if (self->irql > DISPATCH_LEVEL)
         kvsim::ReportViolation("%s called at IRQL %u (must be <= DISPATCH_LEVEL)", what, self->irql);
@@ -84,7 +86,7 @@ void ArmTimerLocked(Kernel& k, PKTIMER timer, LONGLONG due, LONG period, PKDPC d
     timer->Period = period;
     timer->Dpc = dpc;
     timer->Header.Inserted = TRUE;
-    k.timers[timer] = ArmedTimer{due, period, dpc, ++k.seq};
+    k.timers[timer] = ArmedTimer{ExpiryLocked(k, due), period, dpc, ++k.seq, due};
     NotifyClockLocked(k);
 }
 
@@ -229,6 +231,7 @@ VOID ExReleaseFastMutex(PFAST_MUTEX FastMutex) {
     if (self->irql != APC_LEVEL)
         kvsim::ReportViolation("ExReleaseFastMutex called at IRQL %u (must be APC_LEVEL)", self->irql);
     self->irql = restore;
+    kvsim::PreemptionPoint();
 }
 
 BOOLEAN ExTryToAcquireFastMutex(PFAST_MUTEX FastMutex) {

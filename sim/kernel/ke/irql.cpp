@@ -52,10 +52,14 @@ void ReleaseRaw(PKSPIN_LOCK lock, SimThread* self, const char* what) {
     __atomic_store_n(lock, ULONG_PTR{0}, __ATOMIC_RELEASE);
 }
 
+// Lowering to APC_LEVEL or below lets whatever waited for this processor
+// run: a preemption point.
 void LowerTo(SimThread* self, KIRQL newIrql, const char* what) {
     if (newIrql > self->irql)
         kvsim::ReportViolation("%s: new IRQL %u is above the current IRQL %u", what, newIrql, self->irql);
+    const KIRQL old = self->irql;
     self->irql = newIrql;
+    if (old > APC_LEVEL && newIrql <= APC_LEVEL) kvsim::PreemptionPoint();
 }
 
 KIRQL RaiseToDpc(SimThread* self, const char* what) {

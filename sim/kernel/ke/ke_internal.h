@@ -23,6 +23,10 @@ constexpr LONGLONG kNever = std::numeric_limits<LONGLONG>::max();
 // KeQuerySystemTime = this epoch (2026-01-01 00:00:00 UTC as FILETIME:
 // 100-ns units since 1601-01-01) + the interrupt time.
 constexpr LONGLONG kSystemTimeEpoch = 134116992000000000LL;
+// The clock interrupt's period, as KeQueryTimeIncrement reports it (15.625 ms
+// by default): timers expire on a tick, never between two.
+// https://learn.microsoft.com/windows-hardware/drivers/kernel/timer-accuracy
+constexpr LONGLONG kClockTick = 156250;
 
 enum class ThreadState { Ready, Running, Waiting, Ended };
 enum class ThreadKind { Adopted, System, Dpc, Worker };
@@ -52,10 +56,11 @@ struct SimThread {
 };
 
 struct ArmedTimer {
-    LONGLONG due;
+    LONGLONG due;        // when it expires: the first clock tick at or after `requested`
     LONG periodMs;
     KDPC* dpc;
     uint64_t seq;
+    LONGLONG requested;  // the due time asked for (KTIMER.DueTime)
 };
 
 struct ScheduledCall {
@@ -108,6 +113,13 @@ struct Kernel {
 
     SchedCounters counters{};
     uint64_t threadNumber = 0;
+    uint64_t serviceThreadNumber = 0;  // threadNumber once the service threads exist
+
+    // Seeded interleavings (Virtual mode): 0 keeps the fixed schedule.
+    uint64_t seed = 0;
+    uint64_t rng = 0;  // the generator's state, reset to the seed at every test start
+    // Timers expire on the clock tick unless a test asks for exact expiry.
+    bool exactTimers = false;
 };
 
 Kernel& K();
@@ -119,6 +131,13 @@ SimThread** CurrentThreadSlot();
 
 LONGLONG NowLocked(Kernel& k);
 LONGLONG DeadlineFromTimeout(Kernel& k, const LARGE_INTEGER* timeout);  // kNever for NULL
+
+// When a timer due at `requested` expires: on the next clock tick, or at
+// once with exact timers.
+inline LONGLONG ExpiryLocked(const Kernel& k, LONGLONG requested) {
+    if (k.exactTimers || requested <= 0) return requested;
+    return (requested + kClockTick - 1) / kClockTick * kClockTick;
+}
 
 void MakeReadyLocked(Kernel& k, SimThread* t, bool front = false);
 void DispatchLocked(Kernel& k);

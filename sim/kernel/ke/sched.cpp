@@ -32,6 +32,28 @@ int64_t HostMonotonicNs() {
         .count();
 }
 
+// KVSIM_SEED=N: seeded interleavings from the first use on (0: none).
+uint64_t SeedFromEnvironment() {
+    const char* env = getenv("KVSIM_SEED");
+    if (env == nullptr || *env == '\0') return 0;
+    char* end = nullptr;
+    unsigned long long seed = strtoull(env, &end, 10);
+    if (end == env || *end != '\0') {
+        fprintf(stderr, "kvsim: KVSIM_SEED=%s is not a number; no seed\n", env);
+        return 0;
+    }
+    return seed;
+}
+
+// splitmix64: small, fast and the same on every host, so that a seed
+// replays the same interleaving anywhere.
+uint64_t NextRandomLocked(Kernel& k) {
+    uint64_t z = (k.rng += 0x9E3779B97F4A7C15ULL);
+    z = (z ^ (z >> 30)) * 0xBF58476D1CE4E5B9ULL;
+    z = (z ^ (z >> 27)) * 0x94D049BB133111EBULL;
+    return z ^ (z >> 31);
+}
+
 ClockMode ModeFromEnvironment() {
     const char* env = getenv("KVSIM_MODE");
     if (env == nullptr || *env == '\0' || strcmp(env, "virtual") == 0) return ClockMode::Virtual;
@@ -146,9 +168,10 @@ void FireTimerLocked(Kernel& k, KTIMER* timer) {
     if (it == k.timers.end()) return;
     ArmedTimer armed = it->second;
     if (armed.periodMs > 0) {
-        it->second.due = armed.due + static_cast<LONGLONG>(armed.periodMs) * kMillisecond;
+        it->second.requested = armed.requested + static_cast<LONGLONG>(armed.periodMs) * kMillisecond;
+        it->second.due = ExpiryLocked(k, it->second.requested);
         it->second.seq = ++k.seq;
-        timer->DueTime.QuadPart = static_cast<ULONGLONG>(it->second.due);
+        timer->DueTime.QuadPart = static_cast<ULONGLONG>(it->second.requested);
     } else {
         k.timers.erase(it);
         timer->Header.Inserted = FALSE;
@@ -158,7 +181,7 @@ void FireTimerLocked(Kernel& k, KTIMER* timer) {
     if (armed.dpc != nullptr && armed.dpc->DpcData == nullptr) {
         // The timer DPC gets the expiry's system time in its two system
         // arguments (low and high part), as on Windows.
-        LONGLONG systemTime = kSystemTimeEpoch + armed.due;
+        LONGLONG systemTime = kSystemTimeEpoch + armed.due;  // the clock tick it expired on
         armed.dpc->SystemArgument1 = reinterpret_cast<PVOID>(static_cast<ULONG_PTR>(systemTime & 0xFFFFFFFF));
         armed.dpc->SystemArgument2 = reinterpret_cast<PVOID>(static_cast<ULONG_PTR>(systemTime >> 32));
         armed.dpc->DpcData = armed.dpc;
@@ -382,6 +405,9 @@ Kernel* CreateKernel() {
             StartServiceThreadLocked(*k, ThreadKind::Worker, "system worker thread " + std::to_string(i));
         DispatchLocked(*k);
     }
+    k->serviceThreadNumber = k->threadNumber;
+    k->seed = k->mode == ClockMode::Virtual ? SeedFromEnvironment() : 0;
+    k->rng = k->seed;
     if (k->mode != ClockMode::Virtual) std::thread([k] { ClockThreadMain(*k); }).detach();
     std::thread([k] { WatchdogThreadMain(*k); }).detach();
     g_kernel.store(k);
@@ -507,6 +533,17 @@ void YieldLocked(Kernel& k, std::unique_lock<std::mutex>& lk, SimThread* self) {
     DispatchLocked(k);
     AwaitBatonLocked(lk, self);
 }
+
+// The queued DPCs run now, then the caller goes on (before other ready
+// threads), as a DPC interrupts the code running on its processor.
+void YieldToDpcsLocked(Kernel& k, std::unique_lock<std::mutex>& lk, SimThread* self) {
+    k.running--;
+    MakeReadyLocked(k, self, /*front=*/true);
+    std::stable_partition(k.ready.begin(), k.ready.end(), [](SimThread* t) { return t->kind == ThreadKind::Dpc; });
+    DispatchLocked(k);
+    AwaitBatonLocked(lk, self);
+}
+
 
 NTSTATUS WaitObjectsLocked(Kernel& k, std::unique_lock<std::mutex>& lk, SimThread* self,
                            std::vector<DISPATCHER_HEADER*> objects, WAIT_TYPE type, LONGLONG deadline, bool poll) {
@@ -713,6 +750,60 @@ void Post(std::function<void()> fn) {
     std::lock_guard<std::mutex> guard(k.m);
     QueueWorkLocked(k, WorkEntry{std::move(fn), false});
     DispatchLocked(k);
+}
+
+void PreemptionPoint() {
+    Kernel* kp = KernelIfStarted();
+    SimThread* self = SelfIfAdopted();
+    if (kp == nullptr || self == nullptr || kp->seed == 0 || self->irql > APC_LEVEL || self->kind == ThreadKind::Dpc)
+        return;
+    Kernel& k = *kp;
+    std::unique_lock<std::mutex> lk(k.m);
+    if (self->state != ThreadState::Running) return;
+    const uint64_t r = NextRandomLocked(k);
+    // One point in four, timers due by now expire here rather than at the
+    // next idle moment.
+    if ((r & 3) == 0) FireDueLocked(k, NowLocked(k));
+    // Half the time queued DPCs run at once, as another processor (or an
+    // interrupt of this one) would run them.
+    if (!k.dpcQueue.empty() && ((r >> 2) & 1) != 0) {
+        YieldToDpcsLocked(k, lk, self);
+        return;
+    }
+    // One point in four, another ready thread runs first.
+    if (!k.ready.empty() && ((r >> 3) & 3) == 0) YieldLocked(k, lk, self);
+}
+
+void SetSeed(uint64_t seed) {
+    Kernel& k = K();
+    std::lock_guard<std::mutex> guard(k.m);
+    k.seed = k.mode == ClockMode::Virtual ? seed : 0;
+    k.rng = k.seed;
+}
+
+uint64_t GetSeed() {
+    Kernel& k = K();
+    std::lock_guard<std::mutex> guard(k.m);
+    return k.seed;
+}
+
+void SetExactTimers(bool exact) {
+    Kernel& k = K();
+    std::lock_guard<std::mutex> guard(k.m);
+    k.exactTimers = exact;
+}
+
+void ResetSchedulerForNextTest() {
+    Kernel& k = K();
+    std::lock_guard<std::mutex> guard(k.m);
+    k.rng = k.seed;
+    k.exactTimers = false;
+    k.threadNumber = k.serviceThreadNumber;
+    // The clock goes back to boot only when nothing waits on it: the
+    // end-of-test checks cancelled every timer and callback.
+    bool timed = !k.timers.empty() || !k.scheduled.empty() ||
+                 std::any_of(k.waiters.begin(), k.waiters.end(), [](SimThread* t) { return t->deadline != kNever; });
+    if (k.mode == ClockMode::Virtual && !timed) k.virtualNow.store(0);
 }
 
 SchedCounters GetSchedCounters() {

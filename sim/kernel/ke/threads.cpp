@@ -182,7 +182,7 @@ LARGE_INTEGER KeQueryPerformanceCounter(PLARGE_INTEGER PerformanceFrequency) {
 
 // The default clock interval of Windows: 15.625 ms = 156250 units of 100 ns
 // (learn.microsoft.com/windows-hardware/drivers/ddi/wdm/nf-wdm-kequerytimeincrement).
-ULONG KeQueryTimeIncrement(VOID) { return 156250; }
+ULONG KeQueryTimeIncrement(VOID) { return static_cast<ULONG>(kClockTick); }
 
 VOID KeQueryTickCount(PLARGE_INTEGER CurrentCount) { CurrentCount->QuadPart = kvsim::Now() / 156250; }
 

@@ -3,6 +3,8 @@
 
 #include <chrono>
 
+#include "wdm.h"
+
 #include "text.h"
 
 namespace kvsim::reg {
@@ -157,10 +159,12 @@ std::shared_ptr<Node> Walk(const std::vector<std::u16string>& components, bool c
     return node;
 }
 
+// Key timestamps are the simulated system time (FILETIME units), so that a
+// run's registry does not depend on the host's clock.
 LONGLONG Now() {
-    // FILETIME: 100 ns units since 1601-01-01 (11644473600 s before 1970).
-    auto since1970 = std::chrono::system_clock::now().time_since_epoch();
-    return std::chrono::duration_cast<std::chrono::nanoseconds>(since1970).count() / 100 + 116444736000000000LL;
+    LARGE_INTEGER now;
+    KeQuerySystemTime(&now);
+    return now.QuadPart;
 }
 
 }  // namespace kvsim::reg

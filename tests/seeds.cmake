@@ -1,0 +1,42 @@
+# Runs one test executable once per seed: cmake -DEXE=path -P seeds.cmake.
+# The seeds come from KVSIM_SEEDS ("1-50" by default; a list of numbers and
+# ranges such as "1-200" or "3,17,40-45"). Every failing seed is named with
+# the command that replays it.
+if(DEFINED ENV{KVSIM_SEEDS} AND NOT "$ENV{KVSIM_SEEDS}" STREQUAL "")
+  set(spec "$ENV{KVSIM_SEEDS}")
+else()
+  set(spec "1-50")
+endif()
+
+set(seeds "")
+string(REPLACE "," ";" parts "${spec}")
+foreach(part ${parts})
+  if(part MATCHES "^([0-9]+)-([0-9]+)$")
+    foreach(seed RANGE ${CMAKE_MATCH_1} ${CMAKE_MATCH_2})
+      list(APPEND seeds ${seed})
+    endforeach()
+  elseif(part MATCHES "^[0-9]+$")
+    list(APPEND seeds ${part})
+  else()
+    message(FATAL_ERROR "KVSIM_SEEDS: '${part}' is neither a number nor a range N-M")
+  endif()
+endforeach()
+
+set(failed "")
+foreach(seed ${seeds})
+  execute_process(COMMAND ${CMAKE_COMMAND} -E env KVSIM_SEED=${seed} ${EXE}
+                  RESULT_VARIABLE result OUTPUT_VARIABLE output ERROR_VARIABLE output)
+  if(NOT result EQUAL 0)
+    list(APPEND failed ${seed})
+    string(REGEX MATCHALL "\\[  FAILED  \\][^\n]*" failures "${output}")
+    message("KVSIM_SEED=${seed} fails: replay with KVSIM_SEED=${seed} ${EXE}")
+    foreach(line ${failures})
+      message("  ${line}")
+    endforeach()
+  endif()
+endforeach()
+list(LENGTH seeds count)
+if(failed)
+  message(FATAL_ERROR "${EXE}: seeds ${failed} of ${count} fail")
+endif()
+message("${EXE}: all ${count} seeds pass")
