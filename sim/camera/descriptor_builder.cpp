@@ -114,6 +114,7 @@ void VideoControl(Writer& w, const CameraSpec& s) {
     w.Close(ot);
     w.Patch16(totalAt, static_cast<uint32_t>(w.bytes.size() - header));
 
+    if (s.interruptPacketSize == 0) return;
     Endpoint(w, kInterruptEp, 0x03, s.interruptPacketSize, s.highSpeed ? 6 : 8);
     size_t cse = w.Open(uvc::kDescCsEndpoint, 0x03);  // EP_INTERRUPT
     w.U16(s.interruptPacketSize);                     // wMaxTransferSize
@@ -249,7 +250,7 @@ DescriptorSet BuildDescriptors(const CameraSpec& s) {
     w.U8(0);
     w.U8(0);
     w.Close(iad);
-    Interface(w, 0, 0, 1, uvc::kSubclassVideoControl);
+    Interface(w, 0, 0, s.interruptPacketSize != 0 ? 1 : 0, uvc::kSubclassVideoControl);
     VideoControl(w, s);
     VideoStreaming(w, s);
     w.Patch16(2, static_cast<uint32_t>(w.bytes.size()));

@@ -49,6 +49,8 @@ struct CameraSpec {
     std::array<uint8_t, 16> extensionUnitGuid{};
     uint16_t extensionUnitControls = 0;
     uint8_t extensionUnitNumControls = 0;
+    // The video-control interface's status endpoint is optional (UVC 1.1,
+    // 3.8.2.2): 0 builds a camera without it.
     uint16_t interruptPacketSize = 16;
     std::vector<FormatSpec> formats;
     std::vector<uint16_t> altPacketSizes;  // wMaxPacketSize of alternate settings 1..n
