@@ -1,10 +1,10 @@
-// Test rig for Parts 1.1 and 1.4 (tests/driver/driver_1_1_*, driver_1_4_*):
-// the driver loaded into the simulation through its DriverEntry, a virtual
-// camera plugged into the simulated USB bus, the device added on the bus's
-// PDO by the simulated PnP manager, and the helpers the suites share (the
-// device object behind the FDO, the debug log, registry set-up, the pool).
-// The service key's subkeys are created empty, as an installation creates
-// them.
+// The whole device as Windows drives it: the driver loaded through its
+// DriverEntry, a virtual camera plugged into the simulated USB bus, the
+// device added on the bus's PDO and started, stopped and removed by the
+// simulated PnP manager (sim/ks/pnp.h), and the filter opened as a client
+// opens it. Helpers: the device object behind the FDO, the debug log, the
+// registry. The service key's subkeys are created empty, as an installation
+// creates them.
 #pragma once
 #include <gtest/gtest.h>
 
@@ -19,6 +19,7 @@
 #include "client/ks_client.h"
 #include "device/descriptors.h"
 #include "device/device.h"
+#include "driver_test_access.h"
 #include "ks/pnp.h"
 #include "kvsim/diag.h"
 #include "kvsim/pool.h"
@@ -42,7 +43,7 @@ inline std::shared_ptr<cam::UvcCamera> DefaultCamera()
     return std::shared_ptr<cam::UvcCamera>(cam::UvcCamera::Create(cam::BuildDescriptors(cam::DefaultCameraSpec())));
 }
 
-// One of the real cameras of /work/shared/cameras (null when unreadable).
+// One of the real cameras of ../shared/cameras (null when unreadable).
 inline std::shared_ptr<cam::UvcCamera> SharedCamera(const std::string& name)
 {
     auto set = cam::LoadDescriptorFiles(std::string(KV_SHARED_DIR) + "/cameras", name);
@@ -123,6 +124,7 @@ public:
     PDEVICE_OBJECT Fdo() const { return pdo_->AttachedDevice; }
     PKSDEVICE KsDevice() const { return KsGetDeviceForDeviceObject(Fdo()); }
     CCaptureDevice& Dev() const { return *static_cast<CCaptureDevice*>(KsDevice()->Context); }
+    IdlePower& Idle() const { return Dev().m_Idle; }
     DEVICE_POWER_STATE BusPower() const { return usb::GetDeviceState(pdo_).power; }
 
     // The filter, opened through its first device interface under `category`.

@@ -1,8 +1,9 @@
-// Part 1.3: video-streaming descriptor parsing and format tables.
-// ExtractVSInfo and ExtractStillInfo over descriptor blobs: the Part's edge
-// cases and worked numbers, the safe readings, every real camera
-// entry by entry against the camera model's independent parse, and pool
-// fault injection at every allocation.
+// The format tables: ExtractVSInfo and ExtractStillInfo over configuration
+// descriptors written byte by byte (descriptor_blob.h): the entries' fields,
+// the order of formats and still sizes, the control bitmaps, descriptors
+// that are short, lying or out of place, every real camera entry by entry
+// against the camera model's own parse, and an allocation failure at every
+// allocation.
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -11,7 +12,6 @@
 
 #include "camera/camera_model.h"
 #include "camera/descriptor_builder.h"
-#include "device/device.h"
 #include "device/formats.h"
 #include "driver/descriptor_blob.h"
 #include "kvsim/diag.h"
@@ -36,29 +36,29 @@ bool SameGuid(const GUID& a, const GUID& b) { return std::memcmp(&a, &b, sizeof(
 Tables Extract(const std::vector<uint8_t>& bytes)
 {
     Tables t;
-    CCaptureDevice device(nullptr);
+    FormatTables tables;
     std::vector<uint8_t> copy = bytes;
     auto pConfig = reinterpret_cast<PUSB_CONFIGURATION_DESCRIPTOR>(copy.data());
     USHORT n = 0;
     PKS_DATARANGE_VIDEO pTable = nullptr;
-    t.vsStatus = device.ExtractVSInfo(pConfig, static_cast<ULONG>(copy.size()), &pTable, &n);
+    t.vsStatus = tables.ExtractVSInfo(pConfig, static_cast<ULONG>(copy.size()), &pTable, &n);
     if (NT_SUCCESS(t.vsStatus)) {
         t.capture.assign(pTable, pTable + n);
-        device.m_pCaptureTable = pTable;
+        tables.m_pCaptureTable = pTable;
     } else {
         EXPECT_EQ(pTable, nullptr);
         EXPECT_EQ(n, 0);
     }
     USHORT nStill = 0;
     PKS_DATARANGE_VIDEO pStill = nullptr;
-    t.stillStatus = device.ExtractStillInfo(pConfig, static_cast<ULONG>(copy.size()), &pStill, &nStill);
+    t.stillStatus = tables.ExtractStillInfo(pConfig, static_cast<ULONG>(copy.size()), &pStill, &nStill);
     if (NT_SUCCESS(t.stillStatus)) {
         t.still.assign(pStill, pStill + nStill);
-        device.m_pStillTable = pStill;
+        tables.m_pStillTable = pStill;
     }
-    t.cameraTerminal = device.CameraTerminalControls;
-    t.processingUnit = device.ProcessingUnitControls;
-    t.wideFrameWidth = device.WideFrameWidth;
+    t.cameraTerminal = tables.CameraTerminalControls;
+    t.processingUnit = tables.ProcessingUnitControls;
+    t.wideFrameWidth = tables.WideFrameWidth;
     return t;
 }
 
@@ -70,7 +70,7 @@ bool DebugSaid(const std::string& text)
     return false;
 }
 
-// Part 1.3's capture table, the common rows and the per-format rows.
+// One capture entry: the fields every entry shares and those of its format.
 void ExpectCaptureEntry(const KS_DATARANGE_VIDEO& e, bool yuy2, uint16_t w, uint16_t h, uint32_t first,
                         uint32_t last, uint32_t minRate, uint32_t maxRate, const std::string& where)
 {
@@ -161,9 +161,14 @@ std::vector<uint8_t> TwoFormatCamera()
         .Finish();
 }
 
-// ---- Edge cases worth testing (Part 1.3) -------------------------------------------
+// ---- The entries ---------------------------------------------------------------------------
 
-TEST(Part13Formats, CameraWithYuy2640And1280AndMjpegPutsYuy2FramesFirstAndWideFrameWidth1280)
+// Uncompressed frames come first as YUY2, motion-JPEG frames after them as
+// RGB24 (the driver decodes motion JPEG itself), each in descriptor order;
+// the sample size, bit rate and bitmap header follow from the size and the
+// first frame interval. The bitmaps are the first two bytes of the camera
+// terminal's and processing unit's bmControls.
+TEST(FormatTables, Yuy2FramesComeFirstThenMotionJpegFramesAsRgb24)
 {
     Tables t = Extract(TwoFormatCamera());
     ASSERT_EQ(t.vsStatus, STATUS_SUCCESS);
@@ -175,84 +180,51 @@ TEST(Part13Formats, CameraWithYuy2640And1280AndMjpegPutsYuy2FramesFirstAndWideFr
                        "rgb 0");
     ExpectCaptureEntry(t.capture[3], false, 640, 480, 333333, 333333, 640 * 480 * 16 * 5, 640 * 480 * 16 * 30, "rgb 1");
     EXPECT_EQ(t.wideFrameWidth, 1280u);
-}
-
-TEST(Part13Formats, Mjpeg1280x720At333333GivesSampleSize2764800AndBitRate82944000)
-{
-    Tables t = Extract(TwoFormatCamera());
-    ASSERT_EQ(t.vsStatus, STATUS_SUCCESS);
-    const KS_DATARANGE_VIDEO& e = t.capture[2];
-    EXPECT_EQ(e.DataRange.SampleSize, 2764800u);
-    EXPECT_EQ(e.VideoInfoHeader.bmiHeader.biSizeImage, 2764800u);
-    EXPECT_EQ(e.VideoInfoHeader.dwBitRate, 82944000u);
-    EXPECT_EQ(e.VideoInfoHeader.AvgTimePerFrame, 333333);
-}
-
-TEST(Part13Formats, Yuy2640x480At333333GivesSampleSize614400AndBitRate147456000)
-{
-    Tables t = Extract(TwoFormatCamera());
-    ASSERT_EQ(t.vsStatus, STATUS_SUCCESS);
-    EXPECT_EQ(t.capture[0].DataRange.SampleSize, 614400u);
-    EXPECT_EQ(t.capture[0].VideoInfoHeader.dwBitRate, 147456000u);
-}
-
-TEST(Part13Formats, StillDescriptorWithThreeSizesUnderMjpegGivesThreeRgb24EntriesWithOneSecondIntervals)
-{
-    auto bytes = Config().Interface(1, 0, 2)
-                     .Format(0x06, 1, 1).Frame(0x07, 1, 640, 480, {333333})
-                     .Still({{1280, 960}, {640, 480}, {320, 240}})
-                     .Finish();
-    Tables t = Extract(bytes);
-    ASSERT_EQ(t.stillStatus, STATUS_SUCCESS);
-    ASSERT_EQ(t.still.size(), 3u);
-    ExpectStillEntry(t.still[0], false, 1280, 960, "still 0");
-    ExpectStillEntry(t.still[1], false, 640, 480, "still 1");
-    ExpectStillEntry(t.still[2], false, 320, 240, "still 2");
-}
-
-// ---- The rest of the Part's rules ------------------------------------------------------
-
-TEST(Part13Formats, ControlBitmapsComeFromCameraTerminalAndProcessingUnit)
-{
-    Tables t = Extract(TwoFormatCamera());
-    EXPECT_EQ(t.cameraTerminal, 0x0Au);   // first two bytes of bmControls only
+    EXPECT_EQ(t.cameraTerminal, 0x0Au);
     EXPECT_EQ(t.processingUnit, 0x175F);
 }
 
-TEST(Part13Formats, StillSizesUnderYuy2ComeBeforeRgb24Sizes)
+// Still sizes: one entry per size at one picture a second, YUY2 sizes before
+// RGB24 sizes, and a later still descriptor of the same kind replaces the
+// earlier one.
+TEST(FormatTables, StillSizesYuy2FirstAndTheLastDescriptorOfAKindCounts)
 {
-    auto bytes = Config().Interface(1, 0, 2)
-                     .Format(0x06, 1, 1).Frame(0x07, 1, 640, 480, {333333}).Still({{800, 600}})
-                     .Format(0x04, 2, 1).Frame(0x05, 1, 640, 480, {333333}).Still({{320, 240}, {160, 120}})
-                     .Finish();
-    Tables t = Extract(bytes);
-    ASSERT_EQ(t.stillStatus, STATUS_SUCCESS);
-    ASSERT_EQ(t.still.size(), 3u);
-    ExpectStillEntry(t.still[0], true, 320, 240, "yuy2 still 0");
-    ExpectStillEntry(t.still[1], true, 160, 120, "yuy2 still 1");
-    ExpectStillEntry(t.still[2], false, 800, 600, "rgb still");
+    Tables mjpeg = Extract(Config().Interface(1, 0, 2)
+                               .Format(0x06, 1, 1).Frame(0x07, 1, 640, 480, {333333})
+                               .Still({{1280, 960}, {640, 480}, {320, 240}}).Finish());
+    ASSERT_EQ(mjpeg.stillStatus, STATUS_SUCCESS);
+    ASSERT_EQ(mjpeg.still.size(), 3u);
+    ExpectStillEntry(mjpeg.still[0], false, 1280, 960, "still 0");
+    ExpectStillEntry(mjpeg.still[1], false, 640, 480, "still 1");
+    ExpectStillEntry(mjpeg.still[2], false, 320, 240, "still 2");
+
+    Tables both = Extract(Config().Interface(1, 0, 2)
+                              .Format(0x06, 1, 1).Frame(0x07, 1, 640, 480, {333333}).Still({{800, 600}})
+                              .Format(0x04, 2, 1).Frame(0x05, 1, 640, 480, {333333}).Still({{320, 240}, {160, 120}})
+                              .Finish());
+    ASSERT_EQ(both.stillStatus, STATUS_SUCCESS);
+    ASSERT_EQ(both.still.size(), 3u);
+    ExpectStillEntry(both.still[0], true, 320, 240, "yuy2 still 0");
+    ExpectStillEntry(both.still[1], true, 160, 120, "yuy2 still 1");
+    ExpectStillEntry(both.still[2], false, 800, 600, "rgb still");
+
+    Tables replaced = Extract(Config().Interface(1, 0, 2)
+                                  .Format(0x04, 1, 1).Frame(0x05, 1, 640, 480, {333333})
+                                  .Still({{640, 480}, {320, 240}}).Still({{176, 144}}).Finish());
+    ASSERT_EQ(replaced.stillStatus, STATUS_SUCCESS);
+    ASSERT_EQ(replaced.still.size(), 1u);
+    ExpectStillEntry(replaced.still[0], true, 176, 144, "last still");
 }
 
-TEST(Part13Formats, LaterStillDescriptorOfSameKindReplacesTheEarlierOne)
-{
-    auto bytes = Config().Interface(1, 0, 2)
-                     .Format(0x04, 1, 1).Frame(0x05, 1, 640, 480, {333333})
-                     .Still({{640, 480}, {320, 240}}).Still({{176, 144}})
-                     .Finish();
-    Tables t = Extract(bytes);
-    ASSERT_EQ(t.stillStatus, STATUS_SUCCESS);
-    ASSERT_EQ(t.still.size(), 1u);
-    ExpectStillEntry(t.still[0], true, 176, 144, "last still");
-}
-
-TEST(Part13Formats, SurplusYuy2FramesAreDroppedWithMessageAndMjpegSilently)
+// Room is kept for one frame per format descriptor (bNumFrameDescriptors):
+// a surplus YUY2 frame is dropped with a line, a surplus MJPEG frame silently.
+TEST(FormatTables, SurplusYuy2FramesAreDroppedWithALineAndMjpegFramesSilently)
 {
     kvsim::ClearDebugLog();
-    auto bytes = Config().Interface(1, 0, 2)
-                     .Format(0x04, 1, 1).Frame(0x05, 1, 640, 480, {333333}).Frame(0x05, 2, 320, 240, {333333})
-                     .Format(0x06, 2, 1).Frame(0x07, 1, 640, 480, {333333}).Frame(0x07, 2, 320, 240, {333333})
-                     .Finish();
-    Tables t = Extract(bytes);
+    Tables t = Extract(Config().Interface(1, 0, 2)
+                           .Format(0x04, 1, 1).Frame(0x05, 1, 640, 480, {333333}).Frame(0x05, 2, 320, 240, {333333})
+                           .Format(0x06, 2, 1).Frame(0x07, 1, 640, 480, {333333}).Frame(0x07, 2, 320, 240, {333333})
+                           .Finish());
     ASSERT_EQ(t.vsStatus, STATUS_SUCCESS);
     ASSERT_EQ(t.capture.size(), 2u);
     EXPECT_EQ(t.capture[0].VideoInfoHeader.bmiHeader.biWidth, 640);
@@ -264,19 +236,19 @@ TEST(Part13Formats, SurplusYuy2FramesAreDroppedWithMessageAndMjpegSilently)
     EXPECT_EQ(said, 1);
 }
 
-TEST(Part13Formats, SecondFormatOfSameKindStartsANewListAndCountMatchesTable)
+TEST(FormatTables, ASecondFormatOfTheSameKindStartsANewList)
 {
-    auto bytes = Config().Interface(1, 0, 2)
-                     .Format(0x04, 1, 2).Frame(0x05, 1, 640, 480, {333333}).Frame(0x05, 2, 320, 240, {333333})
-                     .Format(0x04, 2, 1).Frame(0x05, 1, 1280, 720, {333333})
-                     .Finish();
-    Tables t = Extract(bytes);
+    Tables t = Extract(Config().Interface(1, 0, 2)
+                           .Format(0x04, 1, 2).Frame(0x05, 1, 640, 480, {333333}).Frame(0x05, 2, 320, 240, {333333})
+                           .Format(0x04, 2, 1).Frame(0x05, 1, 1280, 720, {333333})
+                           .Finish());
     ASSERT_EQ(t.vsStatus, STATUS_SUCCESS);
     ASSERT_EQ(t.capture.size(), 1u);
     EXPECT_EQ(t.capture[0].VideoInfoHeader.bmiHeader.biWidth, 1280);
 }
 
-TEST(Part13Formats, WideFrameWidthTakesTheLastQualifyingYuy2Frame)
+// WideFrameWidth: the last YUY2 frame 640 or 1280 wide; motion JPEG does not count.
+TEST(FormatTables, WideFrameWidthTakesTheLastQualifyingYuy2Frame)
 {
     auto bytes = Config().Interface(1, 0, 2)
                      .Format(0x04, 1, 4)
@@ -288,104 +260,67 @@ TEST(Part13Formats, WideFrameWidthTakesTheLastQualifyingYuy2Frame)
     EXPECT_EQ(Extract(mjpegOnly).wideFrameWidth, 0u);
 }
 
-TEST(Part13Formats, CameraWithoutFrameDescriptorsGivesInvalidParameter)
+// ---- What makes no entry ---------------------------------------------------------------------
+
+TEST(FormatTables, NoFrameOrNoDescriptorGivesInvalidParameter)
 {
-    auto bytes = Config().Interface(1, 0, 2).Format(0x04, 1, 0).Finish();
-    Tables t = Extract(bytes);
+    Tables t = Extract(Config().Interface(1, 0, 2).Format(0x04, 1, 0).Finish());
     EXPECT_EQ(t.vsStatus, STATUS_INVALID_PARAMETER);
     EXPECT_EQ(t.stillStatus, STATUS_INVALID_PARAMETER);
-}
 
-TEST(Part13Formats, NullDescriptorGivesInvalidParameter)
-{
-    CCaptureDevice device(nullptr);
+    FormatTables tables;
     USHORT n = 0;
     PKS_DATARANGE_VIDEO p = nullptr;
-    EXPECT_EQ(device.ExtractVSInfo(nullptr, &p, &n), STATUS_INVALID_PARAMETER);
-    EXPECT_EQ(device.ExtractStillInfo(nullptr, &p, &n), STATUS_INVALID_PARAMETER);
-}
-
-TEST(Part13Formats, NullTableArgumentTripsAssertionPVSDataRage)
-{
+    EXPECT_EQ(tables.ExtractVSInfo(nullptr, &p, &n), STATUS_INVALID_PARAMETER);
+    EXPECT_EQ(tables.ExtractStillInfo(nullptr, &p, &n), STATUS_INVALID_PARAMETER);
+    // A null table argument trips the assertion that names it.
     auto bytes = TwoFormatCamera();
-    CCaptureDevice device(nullptr);
-    USHORT n = 0;
-    EXPECT_EQ(device.ExtractStillInfo(reinterpret_cast<PUSB_CONFIGURATION_DESCRIPTOR>(bytes.data()), nullptr, &n),
+    EXPECT_EQ(tables.ExtractStillInfo(reinterpret_cast<PUSB_CONFIGURATION_DESCRIPTOR>(bytes.data()), nullptr, &n),
               STATUS_INVALID_PARAMETER);
     auto violations = kvsim::TakeViolations();
     ASSERT_EQ(violations.size(), 1u);
     EXPECT_NE(violations[0].find("pVSDataRage"), std::string::npos);
 }
 
-TEST(Part13Formats, DescriptorsOutsideStreamingInterfacesAreIgnored)
+// Frames whose descriptor cannot be read as one are skipped and the walk
+// goes on: only the 320x240 frame after each makes an entry.
+TEST(FormatTables, FramesThatCannotBeReadAreSkipped)
 {
-    // A frame descriptor under a video-control interface is not a frame.
-    auto bytes = Config().Interface(0, 0, 1).Format(0x04, 1, 1).Frame(0x05, 1, 640, 480, {333333})
-                     .Interface(1, 0, 2).Format(0x06, 1, 1).Frame(0x07, 1, 320, 240, {333333})
-                     .Finish();
-    Tables t = Extract(bytes);
-    ASSERT_EQ(t.vsStatus, STATUS_SUCCESS);
-    ASSERT_EQ(t.capture.size(), 1u);
-    EXPECT_EQ(t.capture[0].VideoInfoHeader.bmiHeader.biWidth, 320);
+    std::vector<uint8_t> shortFrame = {29, 0x24, 0x05, 1, 0};  // dwFrameInterval[0] would end at byte 30
+    shortFrame.resize(29, 0x11);
+    const std::vector<std::pair<const char*, std::vector<uint8_t>>> cases = {
+        // A frame descriptor under a video-control interface is not a frame.
+        {"outside a streaming interface",
+         Config().Interface(0, 0, 1).Format(0x04, 1, 1).Frame(0x05, 1, 640, 480, {333333})
+             .Interface(1, 0, 2).Format(0x06, 1, 1).Frame(0x07, 1, 320, 240, {333333}).Finish()},
+        {"continuous, too short for its maximum",
+         Config().Interface(1, 0, 2).Format(0x04, 1, 2).Frame(0x05, 1, 640, 480, {333333}, /*intervalType*/ 0)
+             .Frame(0x05, 2, 320, 240, {333333}).Finish()},
+        {"too short for its fields",
+         Config().Interface(1, 0, 2).Format(0x04, 1, 2).Raw(shortFrame).Frame(0x05, 2, 320, 240, {333333}).Finish()},
+    };
+    for (const auto& [what, bytes] : cases) {
+        SCOPED_TRACE(what);
+        Tables t = Extract(bytes);
+        ASSERT_EQ(t.vsStatus, STATUS_SUCCESS);
+        ASSERT_EQ(t.capture.size(), 1u);
+        EXPECT_EQ(t.capture[0].VideoInfoHeader.bmiHeader.biWidth, 320);
+    }
 }
 
-// ---- The safe readings ----------------------------------------------------------
-
-TEST(Part13Formats, IntervalTypeClaimingMoreIntervalsThanBLengthUsesThoseThere)
-{
-    auto bytes = Config().Interface(1, 0, 2).Format(0x04, 1, 1)
-                     .Frame(0x05, 1, 640, 480, {333333, 500000}, /*intervalType*/ 9).Finish();
-    Tables t = Extract(bytes);
-    ASSERT_EQ(t.capture.size(), 1u);
-    EXPECT_EQ(t.capture[0].ConfigCaps.MaxFrameInterval, 500000);
-}
-
-TEST(Part13Formats, ContinuousIntervalsTakeDwMaxFrameIntervalAtOffset30)
-{
-    auto bytes = Config().Interface(1, 0, 2).Format(0x04, 1, 1)
-                     .Frame(0x05, 1, 640, 480, {333333, 2000000, 333333}, /*intervalType*/ 0).Finish();
-    Tables t = Extract(bytes);
-    ASSERT_EQ(t.capture.size(), 1u);
-    EXPECT_EQ(t.capture[0].ConfigCaps.MinFrameInterval, 333333);
-    EXPECT_EQ(t.capture[0].ConfigCaps.MaxFrameInterval, 2000000);
-}
-
-TEST(Part13Formats, ContinuousFrameTooShortForItsMaximumIsSkipped)
-{
-    auto bytes = Config().Interface(1, 0, 2).Format(0x04, 1, 2)
-                     .Frame(0x05, 1, 640, 480, {333333}, /*intervalType*/ 0)
-                     .Frame(0x05, 2, 320, 240, {333333}).Finish();
-    Tables t = Extract(bytes);
-    ASSERT_EQ(t.capture.size(), 1u);
-    EXPECT_EQ(t.capture[0].VideoInfoHeader.bmiHeader.biWidth, 320);
-}
-
-TEST(Part13Formats, FrameIntervalZeroSkipsTheFrameWithADebugLine)
+TEST(FormatTables, AFrameIntervalOfZeroSkipsTheFrameWithALine)
 {
     kvsim::ClearDebugLog();
-    auto bytes = Config().Interface(1, 0, 2).Format(0x04, 1, 2)
-                     .Frame(0x05, 1, 640, 480, {0, 333333})
-                     .Frame(0x05, 2, 320, 240, {333333}).Finish();
-    Tables t = Extract(bytes);
+    Tables t = Extract(Config().Interface(1, 0, 2).Format(0x04, 1, 2)
+                           .Frame(0x05, 1, 640, 480, {0, 333333})
+                           .Frame(0x05, 2, 320, 240, {333333}).Finish());
     ASSERT_EQ(t.vsStatus, STATUS_SUCCESS);
     ASSERT_EQ(t.capture.size(), 1u);
     EXPECT_EQ(t.capture[0].VideoInfoHeader.bmiHeader.biWidth, 320);
     EXPECT_TRUE(DebugSaid("CCaptureDevice::ExtractVSInfo() frame 640x480 has frame interval 0"));
 }
 
-TEST(Part13Formats, FrameDescriptorTooShortForItsFieldsIsSkipped)
-{
-    // 29 bytes: dwFrameInterval[0] would end at byte 30.
-    std::vector<uint8_t> shortFrame = {29, 0x24, 0x05, 1, 0};
-    shortFrame.resize(29, 0x11);
-    auto bytes = Config().Interface(1, 0, 2).Format(0x04, 1, 2).Raw(shortFrame)
-                     .Frame(0x05, 2, 320, 240, {333333}).Finish();
-    Tables t = Extract(bytes);
-    ASSERT_EQ(t.capture.size(), 1u);
-    EXPECT_EQ(t.capture[0].VideoInfoHeader.bmiHeader.biWidth, 320);
-}
-
-TEST(Part13Formats, ShortCameraTerminalAndProcessingUnitAreSkipped)
+TEST(FormatTables, ShortCameraTerminalAndProcessingUnitAreSkipped)
 {
     auto bytes = Config().Interface(0, 0, 1).Raw({16, 0x24, 0x02, 1, 1, 2, 0, 0, 0, 0, 0, 0, 0, 0, 3, 0xFF})
                      .Raw({9, 0x24, 0x05, 3, 1, 0, 0, 2, 0xFF})
@@ -395,16 +330,34 @@ TEST(Part13Formats, ShortCameraTerminalAndProcessingUnitAreSkipped)
     EXPECT_EQ(t.processingUnit, 0);
 }
 
-TEST(Part13Formats, StillCountClaimingMoreSizesThanBLengthUsesThoseThere)
+// ---- Counts that lie, and the end of the walk ---------------------------------------------------
+
+// A count larger than bLength allows: only the intervals or sizes there are read.
+TEST(FormatTables, CountsClaimingMoreThanBLengthHoldsUseThoseThere)
 {
-    auto bytes = Config().Interface(1, 0, 2).Format(0x04, 1, 1).Frame(0x05, 1, 640, 480, {333333})
-                     .Still({{640, 480}, {320, 240}}, /*claimed*/ 40).Finish();
-    Tables t = Extract(bytes);
-    ASSERT_EQ(t.stillStatus, STATUS_SUCCESS);
-    ASSERT_EQ(t.still.size(), 2u);
+    Tables intervals = Extract(Config().Interface(1, 0, 2).Format(0x04, 1, 1)
+                                   .Frame(0x05, 1, 640, 480, {333333, 500000}, /*intervalType*/ 9).Finish());
+    ASSERT_EQ(intervals.capture.size(), 1u);
+    EXPECT_EQ(intervals.capture[0].ConfigCaps.MaxFrameInterval, 500000);
+
+    Tables stills = Extract(Config().Interface(1, 0, 2).Format(0x04, 1, 1).Frame(0x05, 1, 640, 480, {333333})
+                                .Still({{640, 480}, {320, 240}}, /*claimed*/ 40).Finish());
+    ASSERT_EQ(stills.stillStatus, STATUS_SUCCESS);
+    ASSERT_EQ(stills.still.size(), 2u);
 }
 
-TEST(Part13Formats, WalkStopsAtWTotalLengthAndAtBLengthZero)
+// Continuous intervals (bFrameIntervalType 0): dwMinFrameInterval and
+// dwMaxFrameInterval, the latter at offset 30.
+TEST(FormatTables, ContinuousIntervalsTakeTheMinimumAndTheMaximumAtOffset30)
+{
+    Tables t = Extract(Config().Interface(1, 0, 2).Format(0x04, 1, 1)
+                           .Frame(0x05, 1, 640, 480, {333333, 2000000, 333333}, /*intervalType*/ 0).Finish());
+    ASSERT_EQ(t.capture.size(), 1u);
+    EXPECT_EQ(t.capture[0].ConfigCaps.MinFrameInterval, 333333);
+    EXPECT_EQ(t.capture[0].ConfigCaps.MaxFrameInterval, 2000000);
+}
+
+TEST(FormatTables, TheWalkStopsAtWTotalLengthAndAtBLengthZero)
 {
     auto full = TwoFormatCamera();
     // wTotalLength cut just before the last YUY2 frame: that frame is not seen.
@@ -423,87 +376,79 @@ TEST(Part13Formats, WalkStopsAtWTotalLengthAndAtBLengthZero)
     EXPECT_EQ(Extract(zero).capture.size(), 3u);
 }
 
-TEST(Part13Formats, WalkNeverReadsPastTheBytesHeldEvenWhenWTotalLengthLies)
+TEST(FormatTables, TheWalkNeverReadsPastTheBytesHeldEvenWhenWTotalLengthLies)
 {
     auto bytes = TwoFormatCamera();
     bytes[2] = 0xFF;
     bytes[3] = 0xFF;  // claims 65535 bytes; the buffer ends earlier (ASan watches)
-    Tables t = Extract(bytes);
-    EXPECT_EQ(t.capture.size(), 4u);
+    EXPECT_EQ(Extract(bytes).capture.size(), 4u);
 }
 
-// ---- Pool: tags, no leaks, fault injection ------------------------------------------------
+// ---- Pool ------------------------------------------------------------------------------------------
 
-TEST(Part13Formats, TablesCarryTheirTagsAndTemporariesAreFreed)
+TEST(FormatTables, TablesCarryTheirTagsAndTemporariesAreFreed)
 {
     auto bytes = TwoFormatCamera();
-    CCaptureDevice device(nullptr);
+    FormatTables tables;
     auto pConfig = reinterpret_cast<PUSB_CONFIGURATION_DESCRIPTOR>(bytes.data());
     USHORT n = 0, nStill = 0;
-    ASSERT_EQ(device.ExtractVSInfo(pConfig, &device.m_pCaptureTable, &n), STATUS_SUCCESS);
-    ASSERT_EQ(device.ExtractStillInfo(pConfig, &device.m_pStillTable, &nStill), STATUS_SUCCESS);
+    ASSERT_EQ(tables.ExtractVSInfo(pConfig, &tables.m_pCaptureTable, &n), STATUS_SUCCESS);
+    ASSERT_EQ(tables.ExtractStillInfo(pConfig, &tables.m_pStillTable, &nStill), STATUS_SUCCESS);
     auto live = kvsim::PoolLiveBlocks();
     ASSERT_EQ(live.size(), 2u);
     EXPECT_EQ(kvsim::PoolTagText(live[0].tag), "KVVd");
     EXPECT_EQ(live[0].size, 4u * 296);
     EXPECT_EQ(kvsim::PoolTagText(live[1].tag), "KVVs");
     EXPECT_EQ(live[1].size, 296u);
-    device.ReleaseAllocations();
-    EXPECT_EQ(device.m_pCaptureTable, nullptr);
-    device.ReleaseAllocations();  // a second release is harmless
+    tables.Release();
+    EXPECT_EQ(tables.m_pCaptureTable, nullptr);
+    tables.Release();  // a second release is harmless
     EXPECT_EQ(kvsim::PoolLiveBlockCount(), 0u);
 }
 
-// Fails each allocation of one run in turn: the routine returns
-// STATUS_INSUFFICIENT_RESOURCES, hands back no table and nothing stays held.
-void FailEachAllocation(bool still)
+// Each allocation of one walk failing in turn (the temporary lists, two for
+// the capture walk and one for the still walk, then the final table): the
+// walk returns STATUS_INSUFFICIENT_RESOURCES, hands back no table and
+// nothing stays held.
+TEST(FormatTables, AnAllocationFailureAtAnyAllocationFailsTheWalkAndLeaksNothing)
 {
     auto bytes = TwoFormatCamera();
     auto pConfig = reinterpret_cast<PUSB_CONFIGURATION_DESCRIPTOR>(bytes.data());
-    uint64_t nAllocations = 0;
-    {
-        CCaptureDevice device(nullptr);
-        USHORT n = 0;
-        PKS_DATARANGE_VIDEO p = nullptr;
-        const uint64_t before = kvsim::PoolAllocationCount();
-        ASSERT_EQ(still ? device.ExtractStillInfo(pConfig, &p, &n) : device.ExtractVSInfo(pConfig, &p, &n),
-                  STATUS_SUCCESS);
-        nAllocations = kvsim::PoolAllocationCount() - before;
-        ExFreePool(p);
+    for (bool still : {false, true}) {
+        SCOPED_TRACE(still ? "ExtractStillInfo" : "ExtractVSInfo");
+        auto walk = [&](FormatTables& tables, PKS_DATARANGE_VIDEO* p, USHORT* n) {
+            return still ? tables.ExtractStillInfo(pConfig, p, n) : tables.ExtractVSInfo(pConfig, p, n);
+        };
+        uint64_t nAllocations = 0;
+        {
+            FormatTables tables;
+            USHORT n = 0;
+            PKS_DATARANGE_VIDEO p = nullptr;
+            const uint64_t before = kvsim::PoolAllocationCount();
+            ASSERT_EQ(walk(tables, &p, &n), STATUS_SUCCESS);
+            nAllocations = kvsim::PoolAllocationCount() - before;
+            ExFreePool(p);
+        }
+        ASSERT_EQ(nAllocations, still ? 2u : 3u);
+        for (uint64_t i = 1; i <= nAllocations; i++) {
+            SCOPED_TRACE("failing allocation " + std::to_string(i));
+            FormatTables tables;
+            USHORT n = 0;
+            PKS_DATARANGE_VIDEO p = nullptr;
+            kvsim::PoolFailNthAllocation(i);
+            NTSTATUS status = walk(tables, &p, &n);
+            kvsim::PoolResetFaultInjection();
+            EXPECT_EQ(status, STATUS_INSUFFICIENT_RESOURCES);
+            EXPECT_EQ(p, nullptr);
+            EXPECT_EQ(n, 0);
+            EXPECT_EQ(kvsim::PoolLiveBlockCount(), 0u);
+        }
     }
-    ASSERT_EQ(nAllocations, still ? 2u : 3u);  // the temporary lists (1 still, 2 capture) and the final table
-    for (uint64_t i = 1; i <= nAllocations; i++) {
-        SCOPED_TRACE("failing allocation " + std::to_string(i));
-        CCaptureDevice device(nullptr);
-        USHORT n = 0;
-        PKS_DATARANGE_VIDEO p = nullptr;
-        kvsim::PoolFailNthAllocation(i);
-        NTSTATUS status = still ? device.ExtractStillInfo(pConfig, &p, &n) : device.ExtractVSInfo(pConfig, &p, &n);
-        kvsim::PoolResetFaultInjection();
-        EXPECT_EQ(status, STATUS_INSUFFICIENT_RESOURCES);
-        EXPECT_EQ(p, nullptr);
-        EXPECT_EQ(n, 0);
-        EXPECT_EQ(kvsim::PoolLiveBlockCount(), 0u);
-    }
 }
 
-TEST(Part13Formats, ExtractVSInfoAllocationFailureAtEveryAllocationReturnsInsufficientResourcesAndLeaksNothing)
-{
-    FailEachAllocation(false);
-}
-
-TEST(Part13Formats, ExtractStillInfoAllocationFailureAtEveryAllocationReturnsInsufficientResourcesAndLeaksNothing)
-{
-    FailEachAllocation(true);
-}
-
-// ---- Cameras: the tables as the Part defines them, entry by entry --------------------------
+// ---- The cameras, entry by entry ----------------------------------------------------------------
 // The expected tables are built from the camera model's own parse
-// (sim/camera), an implementation independent of the driver's.
-
-struct Expected {
-    std::vector<KS_DATARANGE_VIDEO> unused;
-};
+// (sim/camera), written apart from the driver's walk.
 
 void ExpectCameraTables(const cam::DescriptorSet& set, const std::string& name)
 {
@@ -562,37 +507,41 @@ void ExpectCameraTables(const cam::DescriptorSet& set, const std::string& name)
     EXPECT_EQ(t.still.size(), nStill) << name;
 }
 
-TEST(Part13Cameras, TrustWebcamGivesYuy2CaptureAndStillTables)
+// The real cameras of ../shared/cameras and the virtual camera's default
+// set. The Trust webcam has still-image descriptors; the Logitech C270 (38
+// entries, YUY2 and RGB24) and the ELP H.264 camera (its frame-based format
+// is ignored) have none, so ExtractStillInfo fails for them.
+struct CameraCase {
+    const char* name;
+    NTSTATUS stillStatus;
+    size_t captureCount;  // 0: any number above 0
+};
+void PrintTo(const CameraCase& c, std::ostream* os) { *os << c.name; }
+
+class CameraFormatTables : public ::testing::TestWithParam<CameraCase> {};
+
+TEST_P(CameraFormatTables, MatchTheCamerasDescriptorsEntryByEntry)
 {
-    auto set = blob::LoadReal("trust_webcam");
+    const CameraCase& c = GetParam();
+    const bool builtIn = std::string(c.name) == "default";
+    auto set = builtIn ? cam::BuildDescriptors(cam::DefaultCameraSpec()) : blob::LoadReal(c.name);
     ASSERT_FALSE(set.configuration.empty());
-    ExpectCameraTables(set, "trust_webcam");
+    ExpectCameraTables(set, c.name);
+    if (builtIn) return;
     Tables t = Extract(set.configuration);
-    EXPECT_EQ(t.stillStatus, STATUS_SUCCESS);
-    EXPECT_GT(t.capture.size(), 0u);
+    EXPECT_EQ(t.stillStatus, c.stillStatus);
+    if (c.captureCount != 0) {
+        EXPECT_EQ(t.capture.size(), c.captureCount);
+    } else {
+        EXPECT_GT(t.capture.size(), 0u);
+    }
 }
 
-TEST(Part13Cameras, LogitechC270GivesYuy2AndRgb24TablesAndFailsExtractStillInfo)
-{
-    auto set = blob::LoadReal("logitech_c270");
-    ASSERT_FALSE(set.configuration.empty());
-    ExpectCameraTables(set, "logitech_c270");
-    Tables t = Extract(set.configuration);
-    EXPECT_EQ(t.capture.size(), 38u);
-    EXPECT_EQ(t.stillStatus, STATUS_INVALID_PARAMETER);
-}
-
-TEST(Part13Cameras, ElpH264IgnoresFrameBasedFormatAndFailsExtractStillInfo)
-{
-    auto set = blob::LoadReal("elp_h264");
-    ASSERT_FALSE(set.configuration.empty());
-    ExpectCameraTables(set, "elp_h264");
-    EXPECT_EQ(Extract(set.configuration).stillStatus, STATUS_INVALID_PARAMETER);
-}
-
-TEST(Part13Cameras, DefaultVirtualCameraTablesMatchItsDescriptors)
-{
-    ExpectCameraTables(cam::BuildDescriptors(cam::DefaultCameraSpec()), "default");
-}
+INSTANTIATE_TEST_SUITE_P(Cameras, CameraFormatTables,
+                         ::testing::Values(CameraCase{"trust_webcam", STATUS_SUCCESS, 0},
+                                           CameraCase{"logitech_c270", STATUS_INVALID_PARAMETER, 38},
+                                           CameraCase{"elp_h264", STATUS_INVALID_PARAMETER, 0},
+                                           CameraCase{"default", STATUS_SUCCESS, 0}),
+                         [](const auto& info) { return std::string(info.param.name); });
 
 }  // namespace

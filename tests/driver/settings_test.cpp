@@ -1,8 +1,8 @@
-// Part 3.1, the persistent settings store, against the simulated registry
-// and the virtual camera (through the simulated USB bus): the registry
-// layer, InitDeviceSettings, CheckReadDef / InitLastValue, the Last and
-// Customer sets, the "\Property\Default" operations, SaveSpecialFrameString,
-// and every "Edge cases worth testing" item of the Part.
+// The persistent settings store against the simulated registry and the
+// virtual camera (through the simulated USB bus): the registry layer, the
+// settings' share of the device start, CheckReadDef / InitLastValue, the
+// Last and Customer sets, the "\Property\Default" operations, and
+// SaveSpecialFrameString.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -143,8 +143,8 @@ TEST(InitDeviceSettings, MissingTrackingWindowSizeAndTrackingFocusAreCreatedWith
     rig.Start();
     EXPECT_EQ(kvsim::RegGetDword(kData, "TrackingWindowSize"), 4u);
     EXPECT_EQ(kvsim::RegGetDword(kData, "TrackingFocus"), 2u);
-    EXPECT_EQ(rig.Dev().m_TrackingWindowSize, 4u);
-    EXPECT_EQ(rig.Dev().m_TrackingFocus, 2u);
+    EXPECT_EQ(rig.Settings().m_TrackingWindowSize, 4u);
+    EXPECT_EQ(rig.Settings().m_TrackingFocus, 2u);
     EXPECT_EQ(kvsim::RegGetDword(kData, "DeviceExist"), 1u);
     // Nothing else is created.
     auto names = kvsim::RegListValues(kData);
@@ -164,15 +164,15 @@ TEST(InitDeviceSettings, PresentDataValuesAreReadAndNotRewritten)
     kvsim::RegSetDword(kData, "Key1Function", 1);
     kvsim::RegSetDword(kData, "Key2Function", 2);
     rig.Start();
-    EXPECT_EQ(rig.Dev().m_TrackingWindowSize, 0u);
-    EXPECT_EQ(rig.Dev().m_TrackingFocus, 5u);
+    EXPECT_EQ(rig.Settings().m_TrackingWindowSize, 0u);
+    EXPECT_EQ(rig.Settings().m_TrackingFocus, 5u);
     EXPECT_EQ(kvsim::RegGetDword(kData, "TrackingFocus"), 5u);
-    EXPECT_EQ(rig.Dev().m_BW, 3u);
-    EXPECT_EQ(rig.Dev().m_SaveFileMJPEG, 1u);
-    EXPECT_EQ(rig.Dev().m_SaveFileDroppedMJPEG, 1u);
-    EXPECT_EQ(rig.Dev().m_DropFrameCntVGA, 12u);
-    EXPECT_EQ(rig.Dev().m_Key1Function, 1u);
-    EXPECT_EQ(rig.Dev().m_Key2Function, 2u);
+    EXPECT_EQ(rig.Settings().m_BW, 3u);
+    EXPECT_EQ(rig.Settings().m_SaveFileMJPEG, 1u);
+    EXPECT_EQ(rig.Settings().m_SaveFileDroppedMJPEG, 1u);
+    EXPECT_EQ(rig.Settings().m_DropFrameCntVGA, 12u);
+    EXPECT_EQ(rig.Settings().m_Key1Function, 1u);
+    EXPECT_EQ(rig.Settings().m_Key2Function, 2u);
 }
 
 // A short value is taken as its data bytes in a zeroed word, never mixed
@@ -184,9 +184,9 @@ TEST(InitDeviceSettings, AValueShorterThanFourBytesIsReadIntoAZeroedWord)
     kvsim::RegSetValue(kData, "SaveFileMJPEG", REG_BINARY, {0x01});
     kvsim::RegSetValue(kData, "DropFrameCntVGA", REG_DWORD, {0x0C, 0x00});
     rig.Start();
-    EXPECT_EQ(rig.Dev().m_BW, 0x12345678u);
-    EXPECT_EQ(rig.Dev().m_SaveFileMJPEG, 1u);
-    EXPECT_EQ(rig.Dev().m_DropFrameCntVGA, 12u);
+    EXPECT_EQ(rig.Settings().m_BW, 0x12345678u);
+    EXPECT_EQ(rig.Settings().m_SaveFileMJPEG, 1u);
+    EXPECT_EQ(rig.Settings().m_DropFrameCntVGA, 12u);
 }
 
 TEST(InitDeviceSettings, TheRecordStartsWithTheTablesInitialValues)
@@ -200,7 +200,7 @@ TEST(InitDeviceSettings, TheRecordStartsWithTheTablesInitialValues)
         if (slot == 34) expected = -1;
         EXPECT_EQ(rig.Slot(slot), expected) << "slot " << slot;
     }
-    EXPECT_EQ(rig.Dev().m_IdlePowerEnabled, 0u);  // default SWSetting: bit 0 clear
+    EXPECT_EQ(rig.Dev().m_Idle.m_IdlePowerEnabled, 0u);  // default SWSetting: bit 0 clear
     EXPECT_EQ(rig.RequestCount(), 0u);            // the start sends no control request
 }
 
@@ -209,10 +209,10 @@ TEST(InitDeviceSettings, ASWSettingValueOf4BytesLeavesTheDefault00C001InForce)
     Rig rig;
     kvsim::RegSetValue(kData, "SWSetting", REG_BINARY, {0xFF, 0xFF, 0xFF, 0xFF});
     rig.Start();
-    EXPECT_EQ(rig.Dev().m_SWSetting[0], 0x00);
-    EXPECT_EQ(rig.Dev().m_SWSetting[1], 0xC0);
-    EXPECT_EQ(rig.Dev().m_SWSetting[2], 0x01);
-    EXPECT_EQ(rig.Dev().m_IdlePowerEnabled, 0u);
+    EXPECT_EQ(rig.Settings().m_SWSetting[0], 0x00);
+    EXPECT_EQ(rig.Settings().m_SWSetting[1], 0xC0);
+    EXPECT_EQ(rig.Settings().m_SWSetting[2], 0x01);
+    EXPECT_EQ(rig.Dev().m_Idle.m_IdlePowerEnabled, 0u);
     EXPECT_EQ(rig.Slot(SLOT_SWSETTING_OPTION), 0);
 }
 
@@ -222,95 +222,72 @@ TEST(InitDeviceSettings, AThreeByteSWSettingSetsTheIdleFlagAndSlot16)
     // Bit 0 (idle power) and bit 13 (slot 16) set; bits 14-16 clear.
     kvsim::RegSetValue(kData, "SWSetting", REG_BINARY, {0x01, 0x20, 0x00});
     rig.Start();
-    EXPECT_EQ(rig.Dev().m_IdlePowerEnabled, 1u);
+    EXPECT_EQ(rig.Dev().m_Idle.m_IdlePowerEnabled, 1u);
     EXPECT_EQ(rig.Slot(SLOT_SWSETTING_OPTION), 1);
     // Mirror, flip and dead-pixel correction are not enabled: effective 0.
-    rig.Dev().SetDeviceProperty(PROPID_MIRROR, 1);
-    rig.Dev().SetDeviceProperty(PROPID_VFLIP, 1);
-    rig.Dev().SetDeviceProperty(PROPID_DEAD_PIXEL, 1);
+    rig.SetDeviceProperty(PROPID_MIRROR, 1);
+    rig.SetDeviceProperty(PROPID_VFLIP, 1);
+    rig.SetDeviceProperty(PROPID_DEAD_PIXEL, 1);
     EXPECT_EQ(rig.Slot(SLOT_MIRROR), 1);
-    EXPECT_EQ(rig.Dev().m_EffectiveMirror, 0);
-    EXPECT_EQ(rig.Dev().m_EffectiveVflip, 0);
-    EXPECT_EQ(rig.Dev().m_EffectiveDeadPixel, 0);
+    EXPECT_EQ(rig.Settings().m_EffectiveMirror, 0);
+    EXPECT_EQ(rig.Settings().m_EffectiveVflip, 0);
+    EXPECT_EQ(rig.Settings().m_EffectiveDeadPixel, 0);
 }
 
 TEST(InitDeviceSettings, TheDefaultSWSettingEnablesMirrorFlipAndDeadPixelCorrection)
 {
     Rig rig;
     rig.Start();
-    rig.Dev().SetDeviceProperty(PROPID_MIRROR, 1);
-    rig.Dev().SetDeviceProperty(PROPID_VFLIP, 1);
-    rig.Dev().SetDeviceProperty(PROPID_DEAD_PIXEL, 1);
-    EXPECT_EQ(rig.Dev().m_EffectiveMirror, 1);
-    EXPECT_EQ(rig.Dev().m_EffectiveVflip, 1);
-    EXPECT_EQ(rig.Dev().m_EffectiveDeadPixel, 1);
-    rig.Dev().SetDeviceProperty(PROPID_MIRROR, 0);
-    EXPECT_EQ(rig.Dev().m_EffectiveMirror, 0);
+    rig.SetDeviceProperty(PROPID_MIRROR, 1);
+    rig.SetDeviceProperty(PROPID_VFLIP, 1);
+    rig.SetDeviceProperty(PROPID_DEAD_PIXEL, 1);
+    EXPECT_EQ(rig.Settings().m_EffectiveMirror, 1);
+    EXPECT_EQ(rig.Settings().m_EffectiveVflip, 1);
+    EXPECT_EQ(rig.Settings().m_EffectiveDeadPixel, 1);
+    rig.SetDeviceProperty(PROPID_MIRROR, 0);
+    EXPECT_EQ(rig.Settings().m_EffectiveMirror, 0);
 }
 
 TEST(InitDeviceSettings, RecordAllocationFailureFailsTheStartWithItsMessage)
 {
     Rig rig;
-    ASSERT_EQ(rig.Dev().ReadandSelectUsbDescriptors(), STATUS_SUCCESS);
+    ASSERT_EQ(rig.Dev().m_Usb.ReadandSelectUsbDescriptors(), STATUS_SUCCESS);
     kvsim::ClearDebugLog();
     kvsim::PoolFailTag(kvsim::PoolTag("KVaT"));  // the record and every registry buffer
     EXPECT_EQ(rig.Dev().InitDeviceSettings(), STATUS_INSUFFICIENT_RESOURCES);
     kvsim::PoolResetFaultInjection();
     EXPECT_TRUE(LogHas("failed to alloc mem for m_Property\n"));
-    EXPECT_EQ(rig.Dev().m_Property, nullptr);
+    EXPECT_EQ(rig.Settings().m_Property, nullptr);
 }
 
 TEST(InitDeviceSettings, ContextAllocationFailureReadsNothing)
 {
     Rig rig;
-    ASSERT_EQ(rig.Dev().ReadandSelectUsbDescriptors(), STATUS_SUCCESS);
-    kvsim::PoolFailTag(KV_TAG_REQUEST);
+    ASSERT_EQ(rig.Dev().m_Usb.ReadandSelectUsbDescriptors(), STATUS_SUCCESS);
+    kvsim::PoolFailTag(kv::kTagRequest);
     EXPECT_EQ(rig.Dev().InitDeviceSettings(), STATUS_INSUFFICIENT_RESOURCES);
     kvsim::PoolResetFaultInjection();
     EXPECT_FALSE(kvsim::RegGetDword(kData, "TrackingWindowSize").has_value());
     EXPECT_FALSE(kvsim::RegGetDword(kData, "DeviceExist").has_value());
-    EXPECT_EQ(rig.Dev().m_Property, nullptr);
-}
-
-TEST(InitDeviceSettings, DeviceStopWritesDeviceExist2)
-{
-    Rig rig;
-    rig.Start();
-    EXPECT_EQ(rig.Dev().WriteDeviceExist(2), STATUS_SUCCESS);
-    EXPECT_EQ(kvsim::RegGetDword(kData, "DeviceExist"), 2u);
-}
-
-TEST(InitDeviceSettings, ReleaseClearsBothPointersAndASecondReleaseIsHarmless)
-{
-    Rig rig;
-    rig.Start();
-    rig.Dev().ReleaseSettings();
-    EXPECT_EQ(rig.Dev().m_Property, nullptr);
-    EXPECT_EQ(rig.Dev().m_pControlContext, nullptr);
-    rig.Dev().ReleaseSettings();
-    EXPECT_EQ(kvsim::PoolStatsForTag(kvsim::PoolTag("KVaT")).currentCount, 0u);
+    EXPECT_EQ(rig.Settings().m_Property, nullptr);
 }
 
 // ---- CheckReadDef / InitLastValue ----------------------------------------
 
-TEST(CheckReadDef, AMissingReadDefMeansTheCameraDefaultsAreNeverRead)
+// A missing "ReadDef" (never created then) or one equal to the processing
+// unit's bitmap: the camera's defaults are not read.
+TEST(CheckReadDef, AMissingOrEqualReadDefReadsNothing)
 {
-    Rig rig;
-    rig.Start();
-    EXPECT_EQ(rig.Dev().CheckReadDef(), STATUS_SUCCESS);
-    EXPECT_EQ(rig.RequestCount(), 0u);
-    EXPECT_TRUE(kvsim::RegListValues(kLast).empty());
-    EXPECT_FALSE(kvsim::RegGetDword(kData, "ReadDef").has_value());  // never created
-}
-
-TEST(CheckReadDef, AReadDefEqualToTheBitmapReadsNothing)
-{
-    Rig rig;
-    kvsim::RegSetDword(kData, "ReadDef", 0x177F);
-    rig.Start();
-    rig.Dev().CheckReadDef();
-    EXPECT_EQ(rig.RequestCount(), 0u);
-    EXPECT_TRUE(kvsim::RegListValues(kLast).empty());
+    for (bool present : {false, true}) {
+        SCOPED_TRACE(present ? "ReadDef 0x177F" : "no ReadDef");
+        Rig rig;
+        if (present) kvsim::RegSetDword(kData, "ReadDef", 0x177F);
+        rig.Start();
+        EXPECT_EQ(rig.Settings().CheckReadDef(), STATUS_SUCCESS);
+        EXPECT_EQ(rig.RequestCount(), 0u);
+        EXPECT_TRUE(kvsim::RegListValues(kLast).empty());
+        EXPECT_EQ(kvsim::RegGetDword(kData, "ReadDef").has_value(), present);
+    }
 }
 
 TEST(CheckReadDef, ADifferentReadDefReadsTheCameraDefaultsIntoPropertyLast)
@@ -320,7 +297,7 @@ TEST(CheckReadDef, ADifferentReadDefReadsTheCameraDefaultsIntoPropertyLast)
     kvsim::RegSetDword(kDefault, "fVflip", 1);
     kvsim::RegSetDword(kDefault, "fRotate", 1);
     rig.Start();
-    rig.Dev().CheckReadDef();
+    rig.Settings().CheckReadDef();
 
     // The virtual camera's defaults (sim/camera/uvc_camera.cpp's table).
     EXPECT_EQ(rig.Slot(SLOT_BRIGHTNESS), 0);
@@ -357,7 +334,7 @@ TEST(CheckReadDef, ADifferentReadDefReadsTheCameraDefaultsIntoPropertyLast)
 
     // Run again: ReadDef now matches, nothing more is asked.
     Seen().clear();
-    rig.Dev().CheckReadDef();
+    rig.Settings().CheckReadDef();
     EXPECT_EQ(rig.RequestCount(), 0u);
 }
 
@@ -369,10 +346,10 @@ TEST(CheckReadDef, AFailedDefaultSetsItsSlotTo0AndPrintsTheMessage)
     spec.processingUnitControls = 0x0002;  // contrast only
     Rig rig(spec);
     rig.Start();
-    rig.Dev().ProcessingUnitControls = 0x0006;  // contrast, hue
+    rig.Dev().m_Formats.ProcessingUnitControls = 0x0006;  // contrast, hue
     rig.SetSlot(SLOT_HUE, 99);
     kvsim::ClearDebugLog();
-    EXPECT_EQ(rig.Dev().InitLastValue(), 1);
+    EXPECT_EQ(rig.Settings().InitLastValue(), 1);
     EXPECT_EQ(rig.Slot(SLOT_HUE), 0);
     EXPECT_EQ(rig.Slot(SLOT_CONTRAST), 32);  // the pass went on after the failure
     EXPECT_TRUE(LogHas("InitLastValue() Retrieve properties fail."));
@@ -386,7 +363,7 @@ TEST(CheckReadDef, CalledAboveApcLevelPrintsThePageableMessageAndLeavesTheRegist
     kvsim::ClearDebugLog();
     KIRQL old;
     KeRaiseIrql(DISPATCH_LEVEL, &old);
-    rig.Dev().CheckReadDef();
+    rig.Settings().CheckReadDef();
     KeLowerIrql(old);
     EXPECT_TRUE(LogHas("EX: Pageable code called at IRQL 2\n"));
     EXPECT_EQ(kvsim::RegGetDword(kData, "ReadDef"), 0u);
@@ -401,7 +378,7 @@ TEST(SavePropertySet, ACameraWithoutTheGainBitNeverWritesGain)
     Rig rig(spec);
     rig.Start();
     rig.SetSlot(SLOT_EXPOSURE_TIME, 300);
-    rig.Dev().SavePropertySet(PropertySetLast);
+    rig.Settings().SavePropertySet(PropertySetLast);
     EXPECT_FALSE(kvsim::RegGetDword(kLast, "Gain").has_value());
     EXPECT_EQ(kvsim::RegGetDword(kLast, "AETarget"), 300u);
 }
@@ -413,7 +390,7 @@ TEST(SavePropertySet, ACameraWithoutTheExposureTimeBitNeverWritesAETargetAndSlot
     Rig rig(spec);
     rig.Start();
     rig.SetSlot(SLOT_EXPOSURE_TIME, 300);
-    rig.Dev().SavePropertySet(PropertySetLast);
+    rig.Settings().SavePropertySet(PropertySetLast);
     EXPECT_FALSE(kvsim::RegGetDword(kLast, "AETarget").has_value());
     EXPECT_EQ(kvsim::RegGetDword(kLast, "Gain"), 300u);
 
@@ -421,7 +398,7 @@ TEST(SavePropertySet, ACameraWithoutTheExposureTimeBitNeverWritesAETargetAndSlot
     kvsim::RegSetDword(kLast, "Gain", 500);
     kvsim::RegSetDword(kLast, "fAE", 0);
     Seen().clear();
-    rig.Dev().LoadPropertySet(PropertySetLast);
+    rig.Settings().LoadPropertySet(PropertySetLast);
     EXPECT_EQ(rig.Slot(SLOT_EXPOSURE_TIME), 500);
     bool sentAsExposure = false;
     for (const auto& r : Seen())
@@ -438,7 +415,7 @@ TEST(SavePropertySet, WritesTheOptionsAlways)
     rig.SetSlot(SLOT_SPECIAL_EFFECT, 5);
     rig.SetSlot(SLOT_SPECIAL_FRAME, 3);
     rig.SetSlot(SLOT_TRACKING_METHOD, 2);
-    rig.Dev().SavePropertySet(PropertySetCustomer);
+    rig.Settings().SavePropertySet(PropertySetCustomer);
     EXPECT_EQ(kvsim::RegGetDword(kCustomer, "fRotate"), 1u);
     EXPECT_EQ(kvsim::RegGetDword(kCustomer, "SpecialEffectNo"), 5u);
     EXPECT_EQ(kvsim::RegGetDword(kCustomer, "SpecialFrameNo"), 3u);
@@ -456,37 +433,36 @@ TEST(LoadPropertySet, CustomerRoundTripReachesTheCamera)
 {
     Rig rig;
     rig.Start();
-    CCaptureDevice& dev = rig.Dev();
     // Manual exposure so that the exposure time reaches the camera (turning
     // auto exposure off re-sends slot 10, which must be in the camera's range).
     rig.SetSlot(SLOT_EXPOSURE_TIME, 156);
-    ASSERT_EQ(dev.SetDeviceProperty(PROPID_AUTO_EXPOSURE, 0), STATUS_SUCCESS);
-    dev.SetDeviceProperty(PROPID_BRIGHTNESS, -20);
-    dev.SetDeviceProperty(PROPID_CONTRAST, 40);
-    dev.SetDeviceProperty(PROPID_GAMMA, 200);
-    dev.SetDeviceProperty(PROPID_WB_AUTO, 0);
-    dev.SetDeviceProperty(PROPID_WB_TEMPERATURE, 5000);
-    ASSERT_EQ(dev.SetDeviceProperty(PROPID_EXPOSURE_TIME, 700), STATUS_SUCCESS);
-    dev.SetDeviceProperty(PROPID_ROTATE, 1);
-    dev.SetDeviceProperty(PROPID_SPECIAL_EFFECT, 4);
-    dev.SetDeviceProperty(PROPID_SELF_TIMER, 5);
-    ASSERT_EQ(dev.SetDeviceProperty(PROPID_SAVE_CUSTOMER, 0), STATUS_SUCCESS);
+    ASSERT_EQ(rig.SetDeviceProperty(PROPID_AUTO_EXPOSURE, 0), STATUS_SUCCESS);
+    rig.SetDeviceProperty(PROPID_BRIGHTNESS, -20);
+    rig.SetDeviceProperty(PROPID_CONTRAST, 40);
+    rig.SetDeviceProperty(PROPID_GAMMA, 200);
+    rig.SetDeviceProperty(PROPID_WB_AUTO, 0);
+    rig.SetDeviceProperty(PROPID_WB_TEMPERATURE, 5000);
+    ASSERT_EQ(rig.SetDeviceProperty(PROPID_EXPOSURE_TIME, 700), STATUS_SUCCESS);
+    rig.SetDeviceProperty(PROPID_ROTATE, 1);
+    rig.SetDeviceProperty(PROPID_SPECIAL_EFFECT, 4);
+    rig.SetDeviceProperty(PROPID_SELF_TIMER, 5);
+    ASSERT_EQ(rig.SetDeviceProperty(PROPID_SAVE_CUSTOMER, 0), STATUS_SUCCESS);
     EXPECT_EQ(kvsim::RegGetDword(kCustomer, "Brightness"), static_cast<uint32_t>(-20));
     EXPECT_EQ(kvsim::RegGetDword(kCustomer, "AETarget"), 700u);
 
     // Change everything.
-    dev.SetDeviceProperty(PROPID_BRIGHTNESS, 10);
-    dev.SetDeviceProperty(PROPID_CONTRAST, 1);
-    dev.SetDeviceProperty(PROPID_GAMMA, 300);
-    dev.SetDeviceProperty(PROPID_WB_TEMPERATURE, 3000);
-    dev.SetDeviceProperty(PROPID_EXPOSURE_TIME, 50);
-    dev.SetDeviceProperty(PROPID_ROTATE, 0);
-    dev.SetDeviceProperty(PROPID_SPECIAL_EFFECT, 0);
-    dev.SetDeviceProperty(PROPID_SELF_TIMER, -1);
+    rig.SetDeviceProperty(PROPID_BRIGHTNESS, 10);
+    rig.SetDeviceProperty(PROPID_CONTRAST, 1);
+    rig.SetDeviceProperty(PROPID_GAMMA, 300);
+    rig.SetDeviceProperty(PROPID_WB_TEMPERATURE, 3000);
+    rig.SetDeviceProperty(PROPID_EXPOSURE_TIME, 50);
+    rig.SetDeviceProperty(PROPID_ROTATE, 0);
+    rig.SetDeviceProperty(PROPID_SPECIAL_EFFECT, 0);
+    rig.SetDeviceProperty(PROPID_SELF_TIMER, -1);
     EXPECT_EQ(rig.CameraValue(3, 0x02), 10);
 
     // Load back: the camera's state carries the saved values.
-    ASSERT_EQ(dev.SetDeviceProperty(PROPID_LOAD_CUSTOMER, 0), STATUS_SUCCESS);
+    ASSERT_EQ(rig.SetDeviceProperty(PROPID_LOAD_CUSTOMER, 0), STATUS_SUCCESS);
     EXPECT_EQ(rig.CameraValue(3, 0x02), -20);   // brightness
     EXPECT_EQ(rig.CameraValue(3, 0x03), 40);    // contrast
     EXPECT_EQ(rig.CameraValue(3, 0x09), 200);   // gamma
@@ -507,7 +483,7 @@ TEST(LoadPropertySet, AMissingValueReappliesTheSlotsCurrentValue)
     rig.Start();
     rig.SetSlot(SLOT_SHARPNESS, 5);
     kvsim::RegSetDword(kLast, "Brightness", 7);  // only brightness is stored
-    rig.Dev().LoadPropertySet(PropertySetLast);
+    rig.Settings().LoadPropertySet(PropertySetLast);
     EXPECT_EQ(rig.Slot(SLOT_BRIGHTNESS), 7);
     EXPECT_EQ(rig.Slot(SLOT_SHARPNESS), 5);
     EXPECT_EQ(rig.CameraValue(3, 0x08), 5);  // sharpness re-sent from its slot
@@ -520,7 +496,7 @@ TEST(LoadPropertySet, WideValuesReachTheCameraAs16BitsAndStayWholeInTheSlot)
     rig.Start();
     kvsim::RegSetDword(kLast, "Brightness", 0x00010005);  // low 16 bits: 5
     kvsim::RegSetDword(kLast, "fRotate", 0x00020001);     // options: low 16 bits through SetDeviceProperty
-    rig.Dev().LoadPropertySet(PropertySetLast);
+    rig.Settings().LoadPropertySet(PropertySetLast);
     EXPECT_EQ(rig.CameraValue(3, 0x02), 5);
     EXPECT_EQ(rig.Slot(SLOT_BRIGHTNESS), 0x00010005);
     EXPECT_EQ(rig.Slot(SLOT_ROTATE), 1);
@@ -540,7 +516,7 @@ TEST(LoadPropertySet, AnUnopenedKeyLeavesTheRecordAsItIs)
     kvsim::RegDeleteKeyTree(kCustomer);
     rig.SetSlot(SLOT_CONTRAST, 20);
     rig.SetSlot(SLOT_ROTATE, 1);
-    EXPECT_FALSE(NT_SUCCESS(rig.Dev().LoadPropertySet(PropertySetCustomer)));
+    EXPECT_FALSE(NT_SUCCESS(rig.Settings().LoadPropertySet(PropertySetCustomer)));
     EXPECT_EQ(rig.Slot(SLOT_CONTRAST), 20);
     EXPECT_EQ(rig.Slot(SLOT_ROTATE), 1);
     EXPECT_EQ(kvsim::RegOpenKeyCount(), 0u);
@@ -556,12 +532,12 @@ TEST(LoadDefaults, Id0915AppliesTheOrientationValuesOfPropertyDefault)
     kvsim::RegSetDword(kDefault, "fDeadPixelCorrection", 1);
     kvsim::RegSetDword(kDefault, "SpecialEffectNo", 9);
     rig.Start();
-    EXPECT_EQ(rig.Dev().SetDeviceProperty(PROPID_DEFAULT_ORIENTATION, 0), STATUS_SUCCESS);
+    EXPECT_EQ(rig.SetDeviceProperty(PROPID_DEFAULT_ORIENTATION, 0), STATUS_SUCCESS);
     EXPECT_EQ(rig.Slot(SLOT_ROTATE), 1);
     EXPECT_EQ(rig.Slot(SLOT_MIRROR), 1);
     EXPECT_EQ(rig.Slot(SLOT_VFLIP), 0);
     EXPECT_EQ(rig.Slot(SLOT_DEAD_PIXEL), 1);
-    EXPECT_EQ(rig.Dev().m_EffectiveMirror, 1);
+    EXPECT_EQ(rig.Settings().m_EffectiveMirror, 1);
     EXPECT_EQ(rig.Slot(SLOT_SPECIAL_EFFECT), 0);  // not an orientation value
 }
 
@@ -572,10 +548,10 @@ TEST(LoadDefaults, Id0916AppliesTheEffectValuesOfPropertyDefault)
     kvsim::RegSetDword(kDefault, "SpecialFrameNo", 11);
     kvsim::RegSetDword(kDefault, "fRotate", 1);
     rig.Start();
-    EXPECT_EQ(rig.Dev().SetDeviceProperty(PROPID_DEFAULT_EFFECTS, 0), STATUS_SUCCESS);
+    EXPECT_EQ(rig.SetDeviceProperty(PROPID_DEFAULT_EFFECTS, 0), STATUS_SUCCESS);
     EXPECT_EQ(rig.Slot(SLOT_SPECIAL_EFFECT), 9);
     EXPECT_EQ(rig.Slot(SLOT_SPECIAL_FRAME), 11);
-    EXPECT_EQ(rig.Dev().m_SpecialFrameReload, 1u);
+    EXPECT_EQ(rig.RequestsValue(&ControlRequests::m_SpecialFrameReload), 1u);
     EXPECT_EQ(rig.Slot(SLOT_ROTATE), 0);
 }
 
@@ -583,9 +559,9 @@ TEST(LoadDefaults, Id0917ResetsTrackingAndTheSelfTimer)
 {
     Rig rig;
     rig.Start();
-    rig.Dev().SetDeviceProperty(PROPID_TRACKING_METHOD, 2);
-    rig.Dev().SetDeviceProperty(PROPID_SELF_TIMER, 5);
-    EXPECT_EQ(rig.Dev().SetDeviceProperty(PROPID_RESET_TRACKING, 0), STATUS_SUCCESS);
+    rig.SetDeviceProperty(PROPID_TRACKING_METHOD, 2);
+    rig.SetDeviceProperty(PROPID_SELF_TIMER, 5);
+    EXPECT_EQ(rig.SetDeviceProperty(PROPID_RESET_TRACKING, 0), STATUS_SUCCESS);
     EXPECT_EQ(rig.Slot(SLOT_TRACKING_METHOD), 0);
     EXPECT_EQ(rig.Slot(SLOT_SELF_TIMER), -1);
 }
@@ -596,10 +572,10 @@ TEST(SaveSpecialFrameString, Index6Or12FailsWith0xC000000DAndWritesNothing)
 {
     Rig rig;
     rig.Start();
-    EXPECT_EQ(rig.Dev().SaveSpecialFrameString(6, L"frame.bmp", 9), static_cast<NTSTATUS>(0xC000000D));
-    EXPECT_EQ(rig.Dev().SaveSpecialFrameString(12, L"frame.bmp", 9), static_cast<NTSTATUS>(0xC000000D));
-    EXPECT_EQ(rig.Dev().SaveSpecialFrameString(8, nullptr, 9), static_cast<NTSTATUS>(0xC000000D));
-    EXPECT_EQ(rig.Dev().SaveSpecialFrameString(8, L"frame.bmp", 0), static_cast<NTSTATUS>(0xC000000D));
+    EXPECT_EQ(rig.Settings().SaveSpecialFrameString(6, L"frame.bmp", 9), static_cast<NTSTATUS>(0xC000000D));
+    EXPECT_EQ(rig.Settings().SaveSpecialFrameString(12, L"frame.bmp", 9), static_cast<NTSTATUS>(0xC000000D));
+    EXPECT_EQ(rig.Settings().SaveSpecialFrameString(8, nullptr, 9), static_cast<NTSTATUS>(0xC000000D));
+    EXPECT_EQ(rig.Settings().SaveSpecialFrameString(8, L"frame.bmp", 0), static_cast<NTSTATUS>(0xC000000D));
     EXPECT_TRUE(kvsim::RegListValues(kLast).empty());
 }
 
@@ -607,8 +583,8 @@ TEST(SaveSpecialFrameString, Index7To11WriteCustomerFrame0To4)
 {
     Rig rig;
     rig.Start();
-    EXPECT_EQ(rig.Dev().SaveSpecialFrameString(7, L"C:\\a.bmp", 8), STATUS_SUCCESS);
-    EXPECT_EQ(rig.Dev().SaveSpecialFrameString(11, L"C:\\b.bmpXX", 8), STATUS_SUCCESS);
+    EXPECT_EQ(rig.Settings().SaveSpecialFrameString(7, L"C:\\a.bmp", 8), STATUS_SUCCESS);
+    EXPECT_EQ(rig.Settings().SaveSpecialFrameString(11, L"C:\\b.bmpXX", 8), STATUS_SUCCESS);
     EXPECT_EQ(kvsim::RegGetString(kLast, "CustomerFrame0"), "C:\\a.bmp");
     EXPECT_EQ(kvsim::RegGetString(kLast, "CustomerFrame4"), "C:\\b.bmp");
     EXPECT_EQ(kvsim::RegGetValue(kLast, "CustomerFrame4")->data.size(), 18u);  // (8 + 1) x 2

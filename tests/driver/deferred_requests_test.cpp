@@ -1,8 +1,8 @@
-// Part 3.2: class requests made at DISPATCH_LEVEL are deferred to a work
-// item and reach the camera later. Split from driver_3_2_requests_test.cpp
-// because these tests look at the moment between the deferral and the work
-// item ("nothing sent yet"), which only the virtual clock's one-thread-at-a-
-// time scheduling holds still: in Parallel mode (the tsan preset) a worker
+// Class requests made at DISPATCH_LEVEL are deferred to a work item and
+// reach the camera later. Apart from control_requests_test.cpp because these
+// tests look at the moment between the deferral and the work item ("nothing
+// sent yet"), which only the virtual clock's one-thread-at-a-time scheduling
+// holds still: in Parallel mode (the tsan preset) a worker
 // thread may run the item at once. So this executable forces Virtual mode,
 // as ke_dispatcher_test does; the requests file keeps its Parallel coverage.
 #include <gtest/gtest.h>
@@ -32,12 +32,12 @@ TEST(SendClassRequest, ARequestIssuedAtDispatchLevelIsDeferredAndReachesTheCamer
     static ULONG length = 2;
     KIRQL old;
     KeRaiseIrql(DISPATCH_LEVEL, &old);
-    NTSTATUS status = rig.Dev().SendClassRequest(UVC_ENTITY_PROCESSING_UNIT, UVC_SET_CUR, 0x0800, data, &length);
+    NTSTATUS status = rig.SendClassRequest(UVC_ENTITY_PROCESSING_UNIT, UVC_SET_CUR, 0x0800, data, &length);
     KeLowerIrql(old);
     EXPECT_EQ(status, STATUS_PENDING);
     EXPECT_EQ(rig.RequestCount(), 0u);              // nothing sent yet
     EXPECT_EQ(rig.CameraValue(3, 0x08), 3);         // the camera still has its default
-    EXPECT_EQ(kvsim::PoolStatsForTag(KV_TAG_REQUEST).currentCount, 2u);  // context + record
+    EXPECT_EQ(kvsim::PoolStatsForTag(kv::kTagRequest).currentCount, 2u);  // context + record
 
     ASSERT_TRUE(kvsim::RunUntil([] { return kvsim::GetSchedCounters().workItemsPending == 0; }, kvsim::kSecond));
     EXPECT_EQ(rig.CameraValue(3, 0x08), 5);
@@ -46,7 +46,7 @@ TEST(SendClassRequest, ARequestIssuedAtDispatchLevelIsDeferredAndReachesTheCamer
     EXPECT_EQ(kvsim::GetSchedCounters().workItemsRun, before.workItemsRun + 1);
     // The record and the URB are freed; the work item too (the I/O
     // manager's end-of-test check reports live work items and IRPs).
-    EXPECT_EQ(kvsim::PoolStatsForTag(KV_TAG_REQUEST).currentCount, 1u);
+    EXPECT_EQ(kvsim::PoolStatsForTag(kv::kTagRequest).currentCount, 1u);
     EXPECT_EQ(kvsim::LiveIrpCount(), 0u);
 }
 
@@ -55,11 +55,11 @@ namespace {
 // Sets a processing-unit control at DISPATCH_LEVEL from a frame of its own,
 // so that SetProcessingUnit's two-byte buffer and length are gone when the
 // work item runs.
-[[gnu::noinline]] NTSTATUS SetSharpnessAtDispatchLevel(CCaptureDevice& device, LONG value)
+[[gnu::noinline]] NTSTATUS SetSharpnessAtDispatchLevel(Rig& rig, LONG value)
 {
     KIRQL old;
     KeRaiseIrql(DISPATCH_LEVEL, &old);
-    NTSTATUS status = device.SetDeviceProperty(PROPID_SHARPNESS, value);
+    NTSTATUS status = rig.SetDeviceProperty(PROPID_SHARPNESS, value);
     KeLowerIrql(old);
     return status;
 }
@@ -77,7 +77,7 @@ TEST(SendClassRequest, ADeferredRequestSendsTheCallersDataEvenAfterTheCallersFra
 {
     Rig rig;
     rig.Start();
-    EXPECT_EQ(SetSharpnessAtDispatchLevel(rig.Dev(), 5), STATUS_SUCCESS);
+    EXPECT_EQ(SetSharpnessAtDispatchLevel(rig, 5), STATUS_SUCCESS);
     ClobberStack();
     EXPECT_EQ(rig.RequestCount(), 0u);
     ASSERT_TRUE(kvsim::RunUntil([] { return kvsim::GetSchedCounters().workItemsPending == 0; }, kvsim::kSecond));
@@ -85,7 +85,7 @@ TEST(SendClassRequest, ADeferredRequestSendsTheCallersDataEvenAfterTheCallersFra
     EXPECT_EQ(Seen()[0].out, (std::vector<UCHAR>{0x05, 0x00}));
     EXPECT_EQ(Seen()[0].length, 2u);
     EXPECT_EQ(rig.CameraValue(3, 0x08), 5);
-    EXPECT_EQ(kvsim::PoolStatsForTag(KV_TAG_REQUEST).currentCount, 1u);  // the record is gone
+    EXPECT_EQ(kvsim::PoolStatsForTag(kv::kTagRequest).currentCount, 1u);  // the record is gone
 }
 
 TEST(SendClassRequest, DeferralFailsWithInsufficientResourcesWhenTheRecordCannotBeAllocated)
@@ -94,10 +94,10 @@ TEST(SendClassRequest, DeferralFailsWithInsufficientResourcesWhenTheRecordCannot
     rig.Start();
     UCHAR data[2] = {0x07, 0x00};
     ULONG length = 2;
-    kvsim::PoolFailTag(KV_TAG_REQUEST);
+    kvsim::PoolFailTag(kv::kTagRequest);
     KIRQL old;
     KeRaiseIrql(DISPATCH_LEVEL, &old);
-    NTSTATUS status = rig.Dev().SendClassRequest(UVC_ENTITY_PROCESSING_UNIT, UVC_SET_CUR, 0x0800, data, &length);
+    NTSTATUS status = rig.SendClassRequest(UVC_ENTITY_PROCESSING_UNIT, UVC_SET_CUR, 0x0800, data, &length);
     KeLowerIrql(old);
     kvsim::PoolResetFaultInjection();
     EXPECT_EQ(status, STATUS_INSUFFICIENT_RESOURCES);
@@ -111,7 +111,7 @@ TEST(GetDeviceProperty, ARequestDeferredAtDispatchLevelLeavesTheResultUnwritten)
     LONG value = 1234;
     KIRQL old;
     KeRaiseIrql(DISPATCH_LEVEL, &old);
-    NTSTATUS status = rig.Dev().GetDeviceProperty(PROPID_BRIGHTNESS, UVC_GET_MAX, &value);
+    NTSTATUS status = rig.GetDeviceProperty(PROPID_BRIGHTNESS, UVC_GET_MAX, &value);
     KeLowerIrql(old);
     EXPECT_EQ(status, STATUS_PENDING);
     EXPECT_EQ(value, 1234);  // no camera answer yet, so nothing is made up
