@@ -7,7 +7,6 @@
 #include <gtest/gtest.h>
 
 #include "controls_rig.h"
-#include "kvsim/diag.h"
 #include "kvsim/pool.h"
 
 using namespace controls_rig;
@@ -17,23 +16,24 @@ namespace {
 constexpr NTSTATUS kInvalidParameter = static_cast<NTSTATUS>(0xC000000D);
 constexpr NTSTATUS kNotSupported = static_cast<NTSTATUS>(0xC00000BB);
 
-}  // namespace
+// The default camera, started as far as the settings.
+class CameraControls : public ::testing::Test {
+protected:
+    void SetUp() override { rig.Start(); }
+    Rig rig;
+};
 
 // ---- SendClassRequest ---------------------------------------------------
 
-TEST(SendClassRequest, BuildsAClassInterfaceUrbWithTheDirectionOfTheRequest)
+TEST_F(CameraControls, AClassInterfaceUrbCarriesTheDirectionOfTheRequest)
 {
-    Rig rig;
-    rig.Start();
     UCHAR data[2] = {0x05, 0x00};
     ULONG length = 2;
-    ASSERT_EQ(rig.SendClassRequest(UVC_ENTITY_PROCESSING_UNIT, UVC_SET_CUR, 0x0200, data, &length),
-              STATUS_SUCCESS);
+    ASSERT_EQ(rig.SendClassRequest(UVC_ENTITY_PROCESSING_UNIT, UVC_SET_CUR, 0x0200, data, &length), STATUS_SUCCESS);
     EXPECT_EQ(length, 2u);
     UCHAR in[2] = {0, 0};
     length = 2;
-    ASSERT_EQ(rig.SendClassRequest(UVC_ENTITY_PROCESSING_UNIT, UVC_GET_CUR, 0x0200, in, &length),
-              STATUS_SUCCESS);
+    ASSERT_EQ(rig.SendClassRequest(UVC_ENTITY_PROCESSING_UNIT, UVC_GET_CUR, 0x0200, in, &length), STATUS_SUCCESS);
     EXPECT_EQ(in[0], 0x05);
     ASSERT_EQ(rig.RequestCount(), 2u);
     EXPECT_EQ(Seen()[0].flags, static_cast<ULONG>(USBD_TRANSFER_DIRECTION_OUT));
@@ -45,51 +45,42 @@ TEST(SendClassRequest, BuildsAClassInterfaceUrbWithTheDirectionOfTheRequest)
     EXPECT_EQ(kvsim::PoolStatsForTag(kv::kTagRequest).currentCount, 1u);  // only the context is held
 }
 
-TEST(SendClassRequest, AStalledRequestReturnsStatusUnsuccessful)
+TEST_F(CameraControls, AnUrbAllocationFailureReturnsInsufficientResources)
 {
-    Rig rig;
-    rig.Start();
-    UCHAR data[2] = {0xE8, 0x03};  // brightness 1000: outside -64..64
-    ULONG length = 2;
-    EXPECT_EQ(rig.SendClassRequest(UVC_ENTITY_PROCESSING_UNIT, UVC_SET_CUR, 0x0200, data, &length),
-              STATUS_UNSUCCESSFUL);
-    EXPECT_EQ(rig.CameraValue(3, 0x02), 0);
-}
-
-TEST(SendClassRequest, UrbAllocationFailureReturnsInsufficientResources)
-{
-    Rig rig;
-    rig.Start();
     UCHAR data[2] = {0, 0};
     ULONG length = 2;
     kvsim::PoolFailTag(kv::kTagRequest);
-    EXPECT_EQ(rig.GetCur(UVC_ENTITY_PROCESSING_UNIT, 0x0200, data, &length), STATUS_INSUFFICIENT_RESOURCES);
+    EXPECT_EQ(rig.SendClassRequest(UVC_ENTITY_PROCESSING_UNIT, UVC_GET_CUR, 0x0200, data, &length),
+              STATUS_INSUFFICIENT_RESOURCES);
     kvsim::PoolResetFaultInjection();
     EXPECT_EQ(rig.RequestCount(), 0u);
 }
 
 // ---- GetDeviceProperty ----------------------------------------------------
 
-TEST(GetDeviceProperty, GetCurOfACameraControlNeverTouchesTheBus)
+TEST_F(CameraControls, GetCurOfACameraControlIsAnsweredFromItsSlot)
 {
-    Rig rig;
-    rig.Start();
-    const USHORT ids[] = {0x0100, 0x0200, 0x0300, 0x0400, 0x0500, 0x0600,
-                          0x0700, 0x0800, 0x0900, 0x0A00, 0x0B00, 0x0C00};
-    const ULONG slots[] = {11, 0, 1, 10, 6, 4, 2, 3, 5, 8, 9, 7};
-    for (size_t i = 0; i < std::size(ids); ++i) rig.SetSlot(slots[i], 100 + static_cast<LONG>(i));
-    for (size_t i = 0; i < std::size(ids); ++i) {
+    const std::pair<USHORT, ULONG> controls[] = {
+        {PROPID_BACKLIGHT, SLOT_BACKLIGHT},   {PROPID_BRIGHTNESS, SLOT_BRIGHTNESS},
+        {PROPID_CONTRAST, SLOT_CONTRAST},     {PROPID_EXPOSURE_TIME, SLOT_EXPOSURE_TIME},
+        {PROPID_POWER_LINE, SLOT_POWER_LINE}, {PROPID_HUE, SLOT_HUE},
+        {PROPID_SATURATION, SLOT_SATURATION}, {PROPID_SHARPNESS, SLOT_SHARPNESS},
+        {PROPID_GAMMA, SLOT_GAMMA},           {PROPID_WB_TEMPERATURE, SLOT_WB_TEMPERATURE},
+        {PROPID_WB_AUTO, SLOT_WB_AUTO},       {PROPID_AUTO_EXPOSURE, SLOT_AUTO_EXPOSURE},
+    };
+    LONG next = 100;
+    for (const auto& [id, slot] : controls) rig.SetSlot(slot, next++);
+    next = 100;
+    for (const auto& [id, slot] : controls) {
         LONG value = -1;
-        EXPECT_EQ(rig.GetDeviceProperty(ids[i], UVC_GET_CUR, &value), STATUS_SUCCESS);
-        EXPECT_EQ(value, 100 + static_cast<LONG>(i)) << std::hex << ids[i];
+        EXPECT_EQ(rig.GetDeviceProperty(id, UVC_GET_CUR, &value), STATUS_SUCCESS);
+        EXPECT_EQ(value, next++) << std::hex << id;
     }
     EXPECT_EQ(rig.RequestCount(), 0u);
 }
 
-TEST(GetDeviceProperty, OtherRequestsAskTheCameraWithTheTablesEntityValueAndLength)
+TEST_F(CameraControls, OtherGetRequestsAskTheCameraWithTheEntityValueAndLengthOfTheControl)
 {
-    Rig rig;
-    rig.Start();
     LONG value = 0;
     ASSERT_EQ(rig.GetDeviceProperty(PROPID_BRIGHTNESS, UVC_GET_MIN, &value), STATUS_SUCCESS);
     EXPECT_EQ(value, -64);  // 2 bytes, signed
@@ -116,26 +107,16 @@ TEST(GetDeviceProperty, OtherRequestsAskTheCameraWithTheTablesEntityValueAndLeng
     EXPECT_EQ(Seen()[5].request, UVC_GET_RES);
 }
 
-TEST(GetDeviceProperty, AFailedCameraRequestIsReturnedAsUnsuccessful)
+// The driver's own ids and device values are answered without the bus; an
+// unknown id succeeds without writing the result.
+TEST_F(CameraControls, DriverIdsAndDeviceValuesAreAnsweredWithoutTheBus)
 {
-    CameraSpec spec = kvsim::camera::DefaultCameraSpec();
-    spec.processingUnitControls = 0x0001;  // no contrast on the camera
-    Rig rig(spec);
-    rig.Start();
-    LONG value = 1234;
-    EXPECT_EQ(rig.GetDeviceProperty(PROPID_CONTRAST, UVC_GET_MAX, &value), STATUS_UNSUCCESSFUL);
-}
-
-TEST(GetDeviceProperty, DriverIdsAndDeviceValuesAreAnsweredWithoutTheBus)
-{
-    Rig rig;
-    rig.Start();
     rig.SetSlot(SLOT_TRACKING_0637, 2);
-    rig.SetSlot(26, 1);
+    rig.SetSlot(SLOT_PAN_RIGHT, 1);
     LONG value = 0;
     EXPECT_EQ(rig.GetDeviceProperty(PROPID_TRACKING_0637, UVC_GET_MAX, &value), STATUS_SUCCESS);
     EXPECT_EQ(value, 2);
-    rig.GetDeviceProperty(0x063E, UVC_GET_CUR, &value);
+    rig.GetDeviceProperty(PROPID_PAN_RIGHT, UVC_GET_CUR, &value);
     EXPECT_EQ(value, 1);
     rig.GetDeviceProperty(PROPID_SELF_TIMER, UVC_GET_DEF, &value);
     EXPECT_EQ(value, -1);
@@ -149,13 +130,14 @@ TEST(GetDeviceProperty, DriverIdsAndDeviceValuesAreAnsweredWithoutTheBus)
     rig.RequestsValue(&ControlRequests::m_ControlReady) = 5;
     rig.GetDeviceProperty(PROPID_CONTROL_READY, UVC_GET_CUR, &value);
     EXPECT_EQ(value, 1);
+    value = 4321;
+    EXPECT_EQ(rig.GetDeviceProperty(0x0777, UVC_GET_CUR, &value), STATUS_SUCCESS);
+    EXPECT_EQ(value, 4321);
     EXPECT_EQ(rig.RequestCount(), 0u);
 }
 
-TEST(GetDeviceProperty, TheOneShotValueIsClearedByItsRead)
+TEST_F(CameraControls, TheOneShotValueIsClearedByItsRead)
 {
-    Rig rig;
-    rig.Start();
     ASSERT_EQ(rig.SetDeviceProperty(PROPID_ONE_SHOT, 3), STATUS_SUCCESS);
     LONG value = 0;
     rig.GetDeviceProperty(PROPID_ONE_SHOT, UVC_GET_CUR, &value);
@@ -164,37 +146,28 @@ TEST(GetDeviceProperty, TheOneShotValueIsClearedByItsRead)
     EXPECT_EQ(value, 0);
 }
 
-TEST(GetDeviceProperty, AnUnknownIdSucceedsWithoutWritingTheResult)
-{
-    Rig rig;
-    rig.Start();
-    LONG value = 4321;
-    EXPECT_EQ(rig.GetDeviceProperty(0x0777, UVC_GET_CUR, &value), STATUS_SUCCESS);
-    EXPECT_EQ(value, 4321);
-    EXPECT_EQ(rig.RequestCount(), 0u);
-}
-
 // ---- SetDeviceProperty ----------------------------------------------------
 
-TEST(SetDeviceProperty, ProcessingUnitIdsSendTwoBytesAndStoreEvenWhenTheCameraRefuses)
+// Processing-unit controls go as two bytes (the one-byte power-line
+// frequency too) and are stored even when the camera stalls the request.
+TEST_F(CameraControls, ProcessingUnitIdsSendTwoBytesAndStoreEvenWhenTheCameraRefuses)
 {
-    Rig rig;
-    rig.Start();
     EXPECT_EQ(rig.SetDeviceProperty(PROPID_POWER_LINE, 2), STATUS_SUCCESS);
     EXPECT_EQ(rig.CameraValue(3, 0x05), 2);
     ASSERT_EQ(rig.RequestCount(), 1u);
-    EXPECT_EQ(Seen()[0].out, (std::vector<UCHAR>{0x02, 0x00}));  // 2 bytes for a 1-byte control
+    EXPECT_EQ(Seen()[0].out, (std::vector<UCHAR>{0x02, 0x00}));
     EXPECT_EQ(rig.Slot(SLOT_POWER_LINE), 2);
 
-    EXPECT_EQ(rig.SetDeviceProperty(PROPID_BRIGHTNESS, 1000), STATUS_SUCCESS);  // camera stalls
+    EXPECT_EQ(rig.SetDeviceProperty(PROPID_BRIGHTNESS, 1000), STATUS_SUCCESS);  // outside -64..64
     EXPECT_EQ(rig.Slot(SLOT_BRIGHTNESS), 1000);
     EXPECT_EQ(rig.CameraValue(3, 0x02), 0);
 }
 
-TEST(SetDeviceProperty, SettingExposureTimeWhileAutoExposureIsOnOnlyChangesSlot10)
+// While auto exposure is on an exposure time only changes slot 10; turning
+// it off sends mode 1 (manual) and then the stored time; a time the camera
+// refuses is not stored.
+TEST_F(CameraControls, ExposureTimeReachesTheCameraOnlyWithManualExposure)
 {
-    Rig rig;
-    rig.Start();
     rig.SetSlot(SLOT_AUTO_EXPOSURE, 8);
     const int64_t cameraBefore = rig.CameraValue(1, 0x04);
     EXPECT_EQ(rig.SetDeviceProperty(PROPID_EXPOSURE_TIME, 900), STATUS_SUCCESS);
@@ -202,7 +175,6 @@ TEST(SetDeviceProperty, SettingExposureTimeWhileAutoExposureIsOnOnlyChangesSlot1
     EXPECT_EQ(rig.RequestCount(), 0u);
     EXPECT_EQ(rig.CameraValue(1, 0x04), cameraBefore);
 
-    // Turning auto exposure off then sends it: mode 1 (manual), then the time.
     EXPECT_EQ(rig.SetDeviceProperty(PROPID_AUTO_EXPOSURE, 0), STATUS_SUCCESS);
     ASSERT_EQ(rig.RequestCount(), 2u);
     EXPECT_EQ(Seen()[0].value, 0x0200);
@@ -213,29 +185,18 @@ TEST(SetDeviceProperty, SettingExposureTimeWhileAutoExposureIsOnOnlyChangesSlot1
     EXPECT_EQ(rig.CameraValue(1, 0x04), 900);
     EXPECT_EQ(rig.Slot(SLOT_AUTO_EXPOSURE), 0);
 
-    // With manual exposure a new time goes straight to the camera.
     EXPECT_EQ(rig.SetDeviceProperty(PROPID_EXPOSURE_TIME, 400), STATUS_SUCCESS);
     EXPECT_EQ(rig.CameraValue(1, 0x04), 400);
+    EXPECT_EQ(rig.SetDeviceProperty(PROPID_EXPOSURE_TIME, 5000), STATUS_UNSUCCESSFUL);  // max 2047
+    EXPECT_EQ(rig.Slot(SLOT_EXPOSURE_TIME), 400);
     // Auto exposure back on: one byte 8 only.
     EXPECT_EQ(rig.SetDeviceProperty(PROPID_AUTO_EXPOSURE, 1), STATUS_SUCCESS);
     EXPECT_EQ(Seen().back().out, (std::vector<UCHAR>{0x08}));
     EXPECT_EQ(rig.Slot(SLOT_AUTO_EXPOSURE), 1);
 }
 
-TEST(SetDeviceProperty, AnExposureTimeTheCameraRefusesIsNotStored)
+TEST_F(CameraControls, TurningAutoWhiteBalanceOffResendsTheStoredTemperature)
 {
-    Rig rig;
-    rig.Start();
-    rig.SetSlot(SLOT_EXPOSURE_TIME, 300);
-    ASSERT_EQ(rig.SetDeviceProperty(PROPID_AUTO_EXPOSURE, 0), STATUS_SUCCESS);
-    EXPECT_EQ(rig.SetDeviceProperty(PROPID_EXPOSURE_TIME, 5000), STATUS_UNSUCCESSFUL);  // max 2047
-    EXPECT_EQ(rig.Slot(SLOT_EXPOSURE_TIME), 300);
-}
-
-TEST(SetDeviceProperty, TurningAutoWhiteBalanceOffResendsTheStoredTemperature)
-{
-    Rig rig;
-    rig.Start();
     rig.SetSlot(SLOT_WB_AUTO, 1);
     rig.SetSlot(SLOT_WB_TEMPERATURE, 3200);
     EXPECT_EQ(rig.SetDeviceProperty(PROPID_WB_AUTO, 0), STATUS_SUCCESS);
@@ -247,31 +208,23 @@ TEST(SetDeviceProperty, TurningAutoWhiteBalanceOffResendsTheStoredTemperature)
     EXPECT_EQ(rig.CameraValue(3, 0x0A), 3200);
     EXPECT_EQ(rig.Slot(SLOT_WB_AUTO), 0);
 
-    // Already off: no re-send.
-    Seen().clear();
-    rig.SetDeviceProperty(PROPID_WB_AUTO, 0);
-    EXPECT_EQ(rig.RequestCount(), 1u);
-    // Turning it on: no re-send either.
-    Seen().clear();
-    rig.SetDeviceProperty(PROPID_WB_AUTO, 1);
-    EXPECT_EQ(rig.RequestCount(), 1u);
+    // Already off, or turned on: no re-send.
+    for (LONG value : {0, 1}) {
+        Seen().clear();
+        rig.SetDeviceProperty(PROPID_WB_AUTO, value);
+        EXPECT_EQ(rig.RequestCount(), 1u) << value;
+    }
 }
 
-TEST(SetDeviceProperty, ASelfTimerValueOf11OrMinus3FailsWithInvalidParameter)
+// The self-timer takes -2..10; -2 marks it not supported, after which every
+// set fails with STATUS_NOT_SUPPORTED.
+TEST_F(CameraControls, TheSelfTimerTakesMinus2To10AndAfterMinus2NothingMore)
 {
-    Rig rig;
-    rig.Start();
     EXPECT_EQ(rig.SetDeviceProperty(PROPID_SELF_TIMER, 11), kInvalidParameter);
     EXPECT_EQ(rig.SetDeviceProperty(PROPID_SELF_TIMER, -3), kInvalidParameter);
     EXPECT_EQ(rig.Slot(SLOT_SELF_TIMER), -1);
     EXPECT_EQ(rig.SetDeviceProperty(PROPID_SELF_TIMER, 10), STATUS_SUCCESS);
     EXPECT_EQ(rig.Slot(SLOT_SELF_TIMER), 10);
-}
-
-TEST(SetDeviceProperty, WithSlot34AtMinus2EverySelfTimerSetFailsWithNotSupported)
-{
-    Rig rig;
-    rig.Start();
     EXPECT_EQ(rig.SetDeviceProperty(PROPID_SELF_TIMER, -2), STATUS_SUCCESS);
     for (LONG v : {-3, -2, -1, 0, 5, 10, 11}) {
         EXPECT_EQ(rig.SetDeviceProperty(PROPID_SELF_TIMER, v), kNotSupported) << v;
@@ -279,13 +232,19 @@ TEST(SetDeviceProperty, WithSlot34AtMinus2EverySelfTimerSetFailsWithNotSupported
     EXPECT_EQ(rig.Slot(SLOT_SELF_TIMER), -2);
 }
 
-TEST(SetDeviceProperty, RangeCheckedIdsIgnoreOutOfRangeValuesSilently)
+TEST_F(CameraControls, RangeCheckedIdsIgnoreOutOfRangeValuesSilently)
 {
-    Rig rig;
-    rig.Start();
-    struct Case { USHORT id; ULONG slot; LONG lo, hi; };
-    const Case cases[] = {{0x0635, 19, 0, 3}, {0x0636, 21, 0, 2}, {0x0637, 20, 0, 2}, {0x0638, 28, 1, 62},
-                          {0x063A, 22, 0, 1}, {0x063B, 23, -1, 1}, {0x063F, 27, -1, 1}, {0x0905, 16, 0, 1}};
+    struct Case {
+        USHORT id;
+        ULONG slot;
+        LONG lo, hi;
+    };
+    const Case cases[] = {
+        {PROPID_TRACKING_METHOD, SLOT_TRACKING_METHOD, 0, 3}, {PROPID_TRACKING_0636, SLOT_TRACKING_0636, 0, 2},
+        {PROPID_TRACKING_0637, SLOT_TRACKING_0637, 0, 2},     {PROPID_ZOOM_LEVEL, SLOT_ZOOM_LEVEL, 1, 62},
+        {PROPID_ZOOM_SWITCH, SLOT_ZOOM_SWITCH, 0, 1},         {PROPID_PAN_UP, SLOT_PAN_UP, -1, 1},
+        {PROPID_PAN_RESET, SLOT_PAN_RESET, -1, 1},           {PROPID_SWSETTING_OPTION, SLOT_SWSETTING_OPTION, 0, 1},
+    };
     for (const Case& c : cases) {
         EXPECT_EQ(rig.SetDeviceProperty(c.id, c.hi), STATUS_SUCCESS);
         EXPECT_EQ(rig.Slot(c.slot), c.hi) << std::hex << c.id;
@@ -298,10 +257,10 @@ TEST(SetDeviceProperty, RangeCheckedIdsIgnoreOutOfRangeValuesSilently)
     EXPECT_EQ(rig.RequestCount(), 0u);
 }
 
-TEST(SetDeviceProperty, PlainOptionsAreStoredAndFrame11SetsTheReloadFlag)
+// Plain options are stored; photo frame 11 asks the frame loop to reload its
+// picture; an unknown id does nothing.
+TEST_F(CameraControls, PlainOptionsAreStoredAndFrame11SetsTheReloadFlag)
 {
-    Rig rig;
-    rig.Start();
     rig.SetDeviceProperty(PROPID_ROTATE, 1);
     rig.SetDeviceProperty(PROPID_SPECIAL_EFFECT, 16);
     rig.SetDeviceProperty(PROPID_SPECIAL_FRAME, 3);
@@ -311,39 +270,58 @@ TEST(SetDeviceProperty, PlainOptionsAreStoredAndFrame11SetsTheReloadFlag)
     EXPECT_EQ(rig.Slot(SLOT_SPECIAL_EFFECT), 16);
     EXPECT_EQ(rig.Slot(SLOT_SPECIAL_FRAME), 11);
     EXPECT_EQ(rig.RequestsValue(&ControlRequests::m_SpecialFrameReload), 1u);
-    EXPECT_EQ(rig.SetDeviceProperty(0x0777, 5), STATUS_SUCCESS);  // no action
+    EXPECT_EQ(rig.SetDeviceProperty(0x0777, 5), STATUS_SUCCESS);
     EXPECT_EQ(rig.RequestCount(), 0u);
 }
 
-// ---- AccessExtensionRegister / id 0x0909 ------------------------------------------
+// ---- Cameras other than the default ------------------------------------------------
 
-TEST(ExtensionRegister, ProductId0x0100TogglesBit0x40)
+TEST(CameraControlsOtherCameras, AGetTheCameraStallsIsReturnedAsUnsuccessful)
 {
-    Rig rig(SpecWithProduct(0x0100));
+    CameraSpec spec = kvsim::camera::DefaultCameraSpec();
+    spec.processingUnitControls = 0x0001;  // no contrast on the camera
+    Rig rig(spec);
     rig.Start();
-    rig.Camera().SetRegister(0x17, 0x01);
-    rig.Camera().SetRegister(0x18, 0x00);
-    EXPECT_EQ(rig.SetDeviceProperty(PROPID_EXTENSION_OPTION, 1), STATUS_SUCCESS);
-    EXPECT_EQ(rig.Slot(SLOT_EXTENSION_OPTION), 1);
-    EXPECT_EQ(rig.Camera().Register(0x18), 0x40);
-    EXPECT_EQ(rig.Camera().Register(0x17), 0x41);
-    // Request pattern per register: SET {0x80, reg}, GET 2, SET {0, reg, v}, GET 3.
-    ASSERT_EQ(rig.RequestCount(), 8u);
-    EXPECT_EQ(Seen()[0].out, (std::vector<UCHAR>{0x80, 0x18}));
-    EXPECT_EQ(Seen()[0].index, 0x0400);
-    EXPECT_EQ(Seen()[0].value, 0x0300);
-    EXPECT_EQ(Seen()[1].request, UVC_GET_CUR);
-    EXPECT_EQ(Seen()[1].length, 2u);
-    EXPECT_EQ(Seen()[2].out, (std::vector<UCHAR>{0x00, 0x18, 0x40}));
-    EXPECT_EQ(Seen()[3].length, 3u);
-
-    EXPECT_EQ(rig.SetDeviceProperty(PROPID_EXTENSION_OPTION, 0), STATUS_SUCCESS);
-    EXPECT_EQ(rig.Camera().Register(0x17), 0x01);  // bit cleared
-    EXPECT_EQ(rig.Camera().Register(0x18), 0x40);  // register 0x18 is always set
+    LONG value = 1234;
+    EXPECT_EQ(rig.GetDeviceProperty(PROPID_CONTRAST, UVC_GET_MAX, &value), STATUS_UNSUCCESSFUL);
 }
 
-TEST(ExtensionRegister, ProductId0x8034TogglesBit0x20)
+// Id 0x0909 sets or clears one bit of camera register 0x17 through the
+// extension unit's register window (and always sets that bit in register
+// 0x18): bit 0x40 on product 0x0100, bit 0x20 on product 0x8034. Each
+// register is selected with SET {0x80, reg}, read with a 2-byte GET,
+// written with SET {0, reg, value} and read back with a 3-byte GET.
+TEST(CameraControlsOtherCameras, TheExtensionOptionTogglesTheProductsBitOfRegister0x17)
 {
+    {
+        Rig rig(SpecWithProduct(0x0100));
+        rig.Start();
+        rig.Camera().SetRegister(0x17, 0x01);
+        rig.Camera().SetRegister(0x18, 0x00);
+        EXPECT_EQ(rig.SetDeviceProperty(PROPID_EXTENSION_OPTION, 1), STATUS_SUCCESS);
+        EXPECT_EQ(rig.Slot(SLOT_EXTENSION_OPTION), 1);
+        EXPECT_EQ(rig.Camera().Register(0x18), 0x40);
+        EXPECT_EQ(rig.Camera().Register(0x17), 0x41);
+        ASSERT_EQ(rig.RequestCount(), 8u);
+        EXPECT_EQ(Seen()[0].out, (std::vector<UCHAR>{0x80, 0x18}));
+        EXPECT_EQ(Seen()[0].index, 0x0400);
+        EXPECT_EQ(Seen()[0].value, 0x0300);
+        EXPECT_EQ(Seen()[1].request, UVC_GET_CUR);
+        EXPECT_EQ(Seen()[1].length, 2u);
+        EXPECT_EQ(Seen()[2].out, (std::vector<UCHAR>{0x00, 0x18, 0x40}));
+        EXPECT_EQ(Seen()[3].length, 3u);
+
+        EXPECT_EQ(rig.SetDeviceProperty(PROPID_EXTENSION_OPTION, 0), STATUS_SUCCESS);
+        EXPECT_EQ(rig.Camera().Register(0x17), 0x01);  // bit cleared
+        EXPECT_EQ(rig.Camera().Register(0x18), 0x40);  // register 0x18 is always set
+
+        // A value other than 0 or 1 sends nothing.
+        Seen().clear();
+        rig.SetSlot(SLOT_EXTENSION_OPTION, 0);
+        EXPECT_EQ(rig.SetDeviceProperty(PROPID_EXTENSION_OPTION, 2), STATUS_SUCCESS);
+        EXPECT_EQ(rig.RequestCount(), 0u);
+        EXPECT_EQ(rig.Slot(SLOT_EXTENSION_OPTION), 0);
+    }
     Rig rig(SpecWithProduct(0x8034));
     rig.Start();
     rig.Camera().SetRegister(0x17, 0xFF);
@@ -352,7 +330,9 @@ TEST(ExtensionRegister, ProductId0x8034TogglesBit0x20)
     EXPECT_EQ(rig.Camera().Register(0x18), 0x20);
 }
 
-TEST(ExtensionRegister, OnAnotherProductIdId0909OnlyReadsTheRegisters)
+// On another product id 0x0909 only selects and reads the registers, with
+// two 10 ms pauses per register.
+TEST(CameraControlsOtherCameras, OnAnotherProductTheExtensionOptionOnlyReadsTheRegisters)
 {
     Rig rig(SpecWithProduct(0x1234));
     rig.Start();
@@ -363,27 +343,17 @@ TEST(ExtensionRegister, OnAnotherProductIdId0909OnlyReadsTheRegisters)
     EXPECT_EQ(rig.Slot(SLOT_EXTENSION_OPTION), 1);
     EXPECT_EQ(rig.Camera().Register(0x17), 0x5A);
     EXPECT_EQ(rig.Camera().Register(0x18), 0x00);
-    ASSERT_EQ(rig.RequestCount(), 4u);  // per register: select, read
+    ASSERT_EQ(rig.RequestCount(), 4u);
     for (const auto& r : Seen()) {
         if (r.request == UVC_SET_CUR) {
             EXPECT_EQ(r.out.size(), 2u);
             EXPECT_EQ(r.out[0], 0x80);
         }
     }
-    // Two 10 ms pauses per register.
     EXPECT_GE(kvsim::Now() - t0, 40 * kvsim::kMillisecond);
 }
 
-TEST(ExtensionRegister, AnOutOfRangeValueSendsNothing)
-{
-    Rig rig(SpecWithProduct(0x0100));
-    rig.Start();
-    EXPECT_EQ(rig.SetDeviceProperty(PROPID_EXTENSION_OPTION, 2), STATUS_SUCCESS);
-    EXPECT_EQ(rig.RequestCount(), 0u);
-    EXPECT_EQ(rig.Slot(SLOT_EXTENSION_OPTION), 0);
-}
-
-TEST(ExtensionRegister, ACameraWithoutTheExtensionUnitFailsTheSet)
+TEST(CameraControlsOtherCameras, WithoutTheExtensionUnitTheFirstFailingRequestEndsTheSet)
 {
     CameraSpec spec = SpecWithProduct(0x0100);
     spec.extensionUnitControls = 0;
@@ -392,5 +362,7 @@ TEST(ExtensionRegister, ACameraWithoutTheExtensionUnitFailsTheSet)
     Rig rig(spec);
     rig.Start();
     EXPECT_EQ(rig.SetDeviceProperty(PROPID_EXTENSION_OPTION, 1), STATUS_UNSUCCESSFUL);
-    EXPECT_EQ(rig.RequestCount(), 1u);  // the first failing request ends it
+    EXPECT_EQ(rig.RequestCount(), 1u);
 }
+
+}  // namespace

@@ -17,6 +17,7 @@
 #include "controls/requests.h"
 #include "controls/settings.h"
 #include "device/device.h"
+#include "driver_test_support.h"
 #include "kvsim/io.h"
 #include "kvsim/registry.h"
 #include "kvsim/sched.h"
@@ -26,11 +27,10 @@
 
 namespace controls_rig {
 
+using namespace drvtest;
 using kvsim::camera::CameraSpec;
 using kvsim::camera::UvcCamera;
 
-inline const std::string kService = "\\Registry\\Machine\\SYSTEM\\CurrentControlSet\\Services\\USBKV";
-inline const std::string kData = kService + "\\Data";
 inline const std::string kDefault = kService + "\\Property\\Default";
 inline const std::string kLast = kService + "\\Property\\Last";
 inline const std::string kCustomer = kService + "\\Property\\Customer";
@@ -91,11 +91,9 @@ inline NTSTATUS FilterEntry(PDRIVER_OBJECT driver, PUNICODE_STRING)
     return STATUS_SUCCESS;
 }
 
-inline std::vector<uint8_t> Bytes(std::initializer_list<uint8_t> b) { return b; }
-
 class Rig {
 public:
-    explicit Rig(const CameraSpec& spec = kvsim::camera::DefaultCameraSpec()) : spec_(spec)
+    explicit Rig(const CameraSpec& spec = kvsim::camera::DefaultCameraSpec())
     {
         kvsim::RegReset();
         for (const auto& key : {kData, kDefault, kLast, kCustomer}) kvsim::RegCreateKey(key);
@@ -166,10 +164,7 @@ public:
     {
         return device_->m_Requests.*member;
     }
-    [[gnu::no_sanitize("vptr")]] NTSTATUS GetCur(USHORT wIndex, USHORT wValue, PVOID pBuffer, PULONG pLength)
-    {
-        return device_->m_Requests.GetCur(wIndex, wValue, pBuffer, pLength);
-    }
+
     UvcCamera& Camera() { return *camera_; }
     LONG Slot(ULONG n) const { return device_->m_Settings.m_Property->Slot[n]; }
     void SetSlot(ULONG n, LONG v) { device_->m_Settings.m_Property->Slot[n] = v; }
@@ -182,7 +177,6 @@ public:
     size_t RequestCount() const { return Seen().size(); }
 
 private:
-    CameraSpec spec_;
     std::shared_ptr<UvcCamera> camera_;
     PDEVICE_OBJECT pdo_ = nullptr;
     PDRIVER_OBJECT driver_ = nullptr;

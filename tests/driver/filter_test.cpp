@@ -158,20 +158,6 @@ TEST_F(Filter, FourNodesAndSixConnectionsFromTheCameraTerminalToBothOutputPins)
 
 // ---- The node and connection tables --------------------------------------------------------
 
-TEST(FilterTopology, BothTablesAreAllocatedWithTheirTagsAndReleasedOnce)
-{
-    FilterTables tables;
-    ASSERT_EQ(tables.InitNodeAndTopologyDescriptor(), STATUS_SUCCESS);
-    EXPECT_EQ(tables.m_ucNbrNodeDescriptor, 4);
-    EXPECT_EQ(tables.m_ucNbrTopologyConnection, 6);
-    EXPECT_EQ(kvsim::PoolStatsForTag(kvsim::PoolTag("KVNd")).currentBytes, 4u * 24u);
-    EXPECT_EQ(kvsim::PoolStatsForTag(kvsim::PoolTag("KVCn")).currentBytes, 6u * 16u);
-    tables.Release();
-    EXPECT_EQ(tables.m_pNodeDescriptors, nullptr);
-    EXPECT_EQ(tables.m_pTopologyConnections, nullptr);
-    tables.Release();  // a second release is harmless
-}
-
 // Either table failing: the one allocated first goes back at once, and the
 // failure is reported.
 TEST(FilterTopology, EitherTableFailingFreesTheOtherAndIsReported)

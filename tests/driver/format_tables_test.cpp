@@ -6,6 +6,7 @@
 // allocation.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -60,14 +61,6 @@ Tables Extract(const std::vector<uint8_t>& bytes)
     t.processingUnit = tables.ProcessingUnitControls;
     t.wideFrameWidth = tables.WideFrameWidth;
     return t;
-}
-
-bool DebugSaid(const std::string& text)
-{
-    for (const auto& m : kvsim::DebugMessages()) {
-        if (m.find(text) != std::string::npos) return true;
-    }
-    return false;
 }
 
 // One capture entry: the fields every entry shares and those of its format.
@@ -216,37 +209,6 @@ TEST(FormatTables, StillSizesYuy2FirstAndTheLastDescriptorOfAKindCounts)
     ExpectStillEntry(replaced.still[0], true, 176, 144, "last still");
 }
 
-// Room is kept for one frame per format descriptor (bNumFrameDescriptors):
-// a surplus YUY2 frame is dropped with a line, a surplus MJPEG frame silently.
-TEST(FormatTables, SurplusYuy2FramesAreDroppedWithALineAndMjpegFramesSilently)
-{
-    kvsim::ClearDebugLog();
-    Tables t = Extract(Config().Interface(1, 0, 2)
-                           .Format(0x04, 1, 1).Frame(0x05, 1, 640, 480, {333333}).Frame(0x05, 2, 320, 240, {333333})
-                           .Format(0x06, 2, 1).Frame(0x07, 1, 640, 480, {333333}).Frame(0x07, 2, 320, 240, {333333})
-                           .Finish());
-    ASSERT_EQ(t.vsStatus, STATUS_SUCCESS);
-    ASSERT_EQ(t.capture.size(), 2u);
-    EXPECT_EQ(t.capture[0].VideoInfoHeader.bmiHeader.biWidth, 640);
-    EXPECT_EQ(t.capture[1].VideoInfoHeader.bmiHeader.biWidth, 640);
-    int said = 0;
-    for (const auto& m : kvsim::DebugMessages()) {
-        said += m == "CCaptureDevice::ExtractVSInfo() Not enough space for VS frame descriptor\n";
-    }
-    EXPECT_EQ(said, 1);
-}
-
-TEST(FormatTables, ASecondFormatOfTheSameKindStartsANewList)
-{
-    Tables t = Extract(Config().Interface(1, 0, 2)
-                           .Format(0x04, 1, 2).Frame(0x05, 1, 640, 480, {333333}).Frame(0x05, 2, 320, 240, {333333})
-                           .Format(0x04, 2, 1).Frame(0x05, 1, 1280, 720, {333333})
-                           .Finish());
-    ASSERT_EQ(t.vsStatus, STATUS_SUCCESS);
-    ASSERT_EQ(t.capture.size(), 1u);
-    EXPECT_EQ(t.capture[0].VideoInfoHeader.bmiHeader.biWidth, 1280);
-}
-
 // WideFrameWidth: the last YUY2 frame 640 or 1280 wide; motion JPEG does not count.
 TEST(FormatTables, WideFrameWidthTakesTheLastQualifyingYuy2Frame)
 {
@@ -260,8 +222,73 @@ TEST(FormatTables, WideFrameWidthTakesTheLastQualifyingYuy2Frame)
     EXPECT_EQ(Extract(mjpegOnly).wideFrameWidth, 0u);
 }
 
-// ---- What makes no entry ---------------------------------------------------------------------
+// Which frames make entries, told by the entries' widths in order. Room is
+// kept for bNumFrameDescriptors frames per format: a surplus YUY2 frame is
+// dropped with a line, a surplus MJPEG frame silently. A later format of the
+// same kind starts a new list. Frames outside a streaming interface, frames
+// too short for their fields and frames with a zero interval are skipped;
+// the walk ends at a zero bLength and never reads past the bytes held, even
+// when wTotalLength claims more (AddressSanitizer watches).
+TEST(FormatTables, WhichFramesMakeEntries)
+{
+    std::vector<uint8_t> shortFrame = {29, 0x24, 0x05, 1, 0};  // dwFrameInterval[0] would end at byte 30
+    shortFrame.resize(29, 0x11);
+    auto zeroLength = TwoFormatCamera();
+    zeroLength[zeroLength.size() - 10 - (26 + 4 * 2)] = 0;  // the last YUY2 frame's bLength
+    auto lyingTotal = TwoFormatCamera();
+    lyingTotal[2] = lyingTotal[3] = 0xFF;
+    struct Case {
+        const char* what;
+        std::vector<uint8_t> bytes;
+        std::vector<LONG> widths;
+        const char* line;  // printed once, or null
+    };
+    const Case cases[] = {
+        {"surplus frames",
+         Config().Interface(1, 0, 2)
+             .Format(0x04, 1, 1).Frame(0x05, 1, 640, 480, {333333}).Frame(0x05, 2, 320, 240, {333333})
+             .Format(0x06, 2, 1).Frame(0x07, 1, 640, 480, {333333}).Frame(0x07, 2, 320, 240, {333333}).Finish(),
+         {640, 640}, "CCaptureDevice::ExtractVSInfo() Not enough space for VS frame descriptor\n"},
+        {"second format of a kind",
+         Config().Interface(1, 0, 2)
+             .Format(0x04, 1, 2).Frame(0x05, 1, 640, 480, {333333}).Frame(0x05, 2, 320, 240, {333333})
+             .Format(0x04, 2, 1).Frame(0x05, 1, 1280, 720, {333333}).Finish(),
+         {1280}, nullptr},
+        {"outside a streaming interface",
+         Config().Interface(0, 0, 1).Format(0x04, 1, 1).Frame(0x05, 1, 640, 480, {333333})
+             .Interface(1, 0, 2).Format(0x06, 1, 1).Frame(0x07, 1, 320, 240, {333333}).Finish(),
+         {320}, nullptr},
+        {"continuous, too short for its maximum",
+         Config().Interface(1, 0, 2).Format(0x04, 1, 2).Frame(0x05, 1, 640, 480, {333333}, /*intervalType*/ 0)
+             .Frame(0x05, 2, 320, 240, {333333}).Finish(),
+         {320}, nullptr},
+        {"too short for its fields",
+         Config().Interface(1, 0, 2).Format(0x04, 1, 2).Raw(shortFrame).Frame(0x05, 2, 320, 240, {333333}).Finish(),
+         {320}, nullptr},
+        {"frame interval 0",
+         Config().Interface(1, 0, 2).Format(0x04, 1, 2).Frame(0x05, 1, 640, 480, {0, 333333})
+             .Frame(0x05, 2, 320, 240, {333333}).Finish(),
+         {320}, "CCaptureDevice::ExtractVSInfo() frame 640x480 has frame interval 0, skipped\n"},
+        {"bLength 0", zeroLength, {640, 1280, 640}, nullptr},
+        {"wTotalLength past the bytes held", lyingTotal, {640, 1280, 1280, 640}, nullptr},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        kvsim::ClearDebugLog();
+        Tables t = Extract(c.bytes);
+        ASSERT_EQ(t.vsStatus, STATUS_SUCCESS);
+        std::vector<LONG> widths;
+        for (const auto& e : t.capture) widths.push_back(e.VideoInfoHeader.bmiHeader.biWidth);
+        EXPECT_EQ(widths, c.widths);
+        if (c.line != nullptr) {
+            const auto all = kvsim::DebugMessages();
+            EXPECT_EQ(std::count(all.begin(), all.end(), c.line), 1);
+        }
+    }
+}
 
+// No entry: STATUS_INVALID_PARAMETER from both walks. A null table argument
+// also trips the assertion that names it.
 TEST(FormatTables, NoFrameOrNoDescriptorGivesInvalidParameter)
 {
     Tables t = Extract(Config().Interface(1, 0, 2).Format(0x04, 1, 0).Finish());
@@ -273,51 +300,12 @@ TEST(FormatTables, NoFrameOrNoDescriptorGivesInvalidParameter)
     PKS_DATARANGE_VIDEO p = nullptr;
     EXPECT_EQ(tables.ExtractVSInfo(nullptr, &p, &n), STATUS_INVALID_PARAMETER);
     EXPECT_EQ(tables.ExtractStillInfo(nullptr, &p, &n), STATUS_INVALID_PARAMETER);
-    // A null table argument trips the assertion that names it.
     auto bytes = TwoFormatCamera();
     EXPECT_EQ(tables.ExtractStillInfo(reinterpret_cast<PUSB_CONFIGURATION_DESCRIPTOR>(bytes.data()), nullptr, &n),
               STATUS_INVALID_PARAMETER);
     auto violations = kvsim::TakeViolations();
     ASSERT_EQ(violations.size(), 1u);
     EXPECT_NE(violations[0].find("pVSDataRage"), std::string::npos);
-}
-
-// Frames whose descriptor cannot be read as one are skipped and the walk
-// goes on: only the 320x240 frame after each makes an entry.
-TEST(FormatTables, FramesThatCannotBeReadAreSkipped)
-{
-    std::vector<uint8_t> shortFrame = {29, 0x24, 0x05, 1, 0};  // dwFrameInterval[0] would end at byte 30
-    shortFrame.resize(29, 0x11);
-    const std::vector<std::pair<const char*, std::vector<uint8_t>>> cases = {
-        // A frame descriptor under a video-control interface is not a frame.
-        {"outside a streaming interface",
-         Config().Interface(0, 0, 1).Format(0x04, 1, 1).Frame(0x05, 1, 640, 480, {333333})
-             .Interface(1, 0, 2).Format(0x06, 1, 1).Frame(0x07, 1, 320, 240, {333333}).Finish()},
-        {"continuous, too short for its maximum",
-         Config().Interface(1, 0, 2).Format(0x04, 1, 2).Frame(0x05, 1, 640, 480, {333333}, /*intervalType*/ 0)
-             .Frame(0x05, 2, 320, 240, {333333}).Finish()},
-        {"too short for its fields",
-         Config().Interface(1, 0, 2).Format(0x04, 1, 2).Raw(shortFrame).Frame(0x05, 2, 320, 240, {333333}).Finish()},
-    };
-    for (const auto& [what, bytes] : cases) {
-        SCOPED_TRACE(what);
-        Tables t = Extract(bytes);
-        ASSERT_EQ(t.vsStatus, STATUS_SUCCESS);
-        ASSERT_EQ(t.capture.size(), 1u);
-        EXPECT_EQ(t.capture[0].VideoInfoHeader.bmiHeader.biWidth, 320);
-    }
-}
-
-TEST(FormatTables, AFrameIntervalOfZeroSkipsTheFrameWithALine)
-{
-    kvsim::ClearDebugLog();
-    Tables t = Extract(Config().Interface(1, 0, 2).Format(0x04, 1, 2)
-                           .Frame(0x05, 1, 640, 480, {0, 333333})
-                           .Frame(0x05, 2, 320, 240, {333333}).Finish());
-    ASSERT_EQ(t.vsStatus, STATUS_SUCCESS);
-    ASSERT_EQ(t.capture.size(), 1u);
-    EXPECT_EQ(t.capture[0].VideoInfoHeader.bmiHeader.biWidth, 320);
-    EXPECT_TRUE(DebugSaid("CCaptureDevice::ExtractVSInfo() frame 640x480 has frame interval 0"));
 }
 
 TEST(FormatTables, ShortCameraTerminalAndProcessingUnitAreSkipped)
@@ -330,80 +318,39 @@ TEST(FormatTables, ShortCameraTerminalAndProcessingUnitAreSkipped)
     EXPECT_EQ(t.processingUnit, 0);
 }
 
-// ---- Counts that lie, and the end of the walk ---------------------------------------------------
-
-// A count larger than bLength allows: only the intervals or sizes there are read.
-TEST(FormatTables, CountsClaimingMoreThanBLengthHoldsUseThoseThere)
+// Intervals: continuous ones (bFrameIntervalType 0) give dwMinFrameInterval
+// and dwMaxFrameInterval, the latter at offset 30; a discrete count larger
+// than bLength allows uses the intervals there, and a still count likewise
+// the sizes there.
+TEST(FormatTables, IntervalsAndSizesAreReadOnlyWhereBLengthHoldsThem)
 {
-    Tables intervals = Extract(Config().Interface(1, 0, 2).Format(0x04, 1, 1)
-                                   .Frame(0x05, 1, 640, 480, {333333, 500000}, /*intervalType*/ 9).Finish());
-    ASSERT_EQ(intervals.capture.size(), 1u);
-    EXPECT_EQ(intervals.capture[0].ConfigCaps.MaxFrameInterval, 500000);
+    Tables continuous = Extract(Config().Interface(1, 0, 2).Format(0x04, 1, 1)
+                                    .Frame(0x05, 1, 640, 480, {333333, 2000000, 333333}, /*intervalType*/ 0).Finish());
+    ASSERT_EQ(continuous.capture.size(), 1u);
+    EXPECT_EQ(continuous.capture[0].ConfigCaps.MinFrameInterval, 333333);
+    EXPECT_EQ(continuous.capture[0].ConfigCaps.MaxFrameInterval, 2000000);
 
-    Tables stills = Extract(Config().Interface(1, 0, 2).Format(0x04, 1, 1).Frame(0x05, 1, 640, 480, {333333})
-                                .Still({{640, 480}, {320, 240}}, /*claimed*/ 40).Finish());
-    ASSERT_EQ(stills.stillStatus, STATUS_SUCCESS);
-    ASSERT_EQ(stills.still.size(), 2u);
+    Tables claimed = Extract(Config().Interface(1, 0, 2).Format(0x04, 1, 1)
+                                 .Frame(0x05, 1, 640, 480, {333333, 500000}, /*intervalType*/ 9)
+                                 .Still({{640, 480}, {320, 240}}, /*claimed*/ 40).Finish());
+    ASSERT_EQ(claimed.capture.size(), 1u);
+    EXPECT_EQ(claimed.capture[0].ConfigCaps.MaxFrameInterval, 500000);
+    ASSERT_EQ(claimed.stillStatus, STATUS_SUCCESS);
+    ASSERT_EQ(claimed.still.size(), 2u);
 }
 
-// Continuous intervals (bFrameIntervalType 0): dwMinFrameInterval and
-// dwMaxFrameInterval, the latter at offset 30.
-TEST(FormatTables, ContinuousIntervalsTakeTheMinimumAndTheMaximumAtOffset30)
+// wTotalLength cut just before the last YUY2 frame: that frame and the
+// still descriptor after it are not seen.
+TEST(FormatTables, TheWalkStopsAtWTotalLength)
 {
-    Tables t = Extract(Config().Interface(1, 0, 2).Format(0x04, 1, 1)
-                           .Frame(0x05, 1, 640, 480, {333333, 2000000, 333333}, /*intervalType*/ 0).Finish());
-    ASSERT_EQ(t.capture.size(), 1u);
-    EXPECT_EQ(t.capture[0].ConfigCaps.MinFrameInterval, 333333);
-    EXPECT_EQ(t.capture[0].ConfigCaps.MaxFrameInterval, 2000000);
-}
-
-TEST(FormatTables, TheWalkStopsAtWTotalLengthAndAtBLengthZero)
-{
-    auto full = TwoFormatCamera();
-    // wTotalLength cut just before the last YUY2 frame: that frame is not seen.
-    auto cut = full;
-    const size_t stillSize = 10, lastFrameSize = 26 + 4 * 2;
-    const size_t newTotal = full.size() - stillSize - lastFrameSize;
+    auto cut = TwoFormatCamera();
+    const size_t newTotal = cut.size() - 10 - (26 + 4 * 2);
     cut[2] = newTotal & 0xFF;
     cut[3] = newTotal >> 8;
     Tables t = Extract(cut);
     ASSERT_EQ(t.vsStatus, STATUS_SUCCESS);
     EXPECT_EQ(t.capture.size(), 3u);
     EXPECT_EQ(t.stillStatus, STATUS_INVALID_PARAMETER);
-    // A zero bLength ends the walk.
-    auto zero = full;
-    zero[full.size() - stillSize - lastFrameSize] = 0;
-    EXPECT_EQ(Extract(zero).capture.size(), 3u);
-}
-
-TEST(FormatTables, TheWalkNeverReadsPastTheBytesHeldEvenWhenWTotalLengthLies)
-{
-    auto bytes = TwoFormatCamera();
-    bytes[2] = 0xFF;
-    bytes[3] = 0xFF;  // claims 65535 bytes; the buffer ends earlier (ASan watches)
-    EXPECT_EQ(Extract(bytes).capture.size(), 4u);
-}
-
-// ---- Pool ------------------------------------------------------------------------------------------
-
-TEST(FormatTables, TablesCarryTheirTagsAndTemporariesAreFreed)
-{
-    auto bytes = TwoFormatCamera();
-    FormatTables tables;
-    auto pConfig = reinterpret_cast<PUSB_CONFIGURATION_DESCRIPTOR>(bytes.data());
-    USHORT n = 0, nStill = 0;
-    ASSERT_EQ(tables.ExtractVSInfo(pConfig, &tables.m_pCaptureTable, &n), STATUS_SUCCESS);
-    ASSERT_EQ(tables.ExtractStillInfo(pConfig, &tables.m_pStillTable, &nStill), STATUS_SUCCESS);
-    auto live = kvsim::PoolLiveBlocks();
-    ASSERT_EQ(live.size(), 2u);
-    EXPECT_EQ(kvsim::PoolTagText(live[0].tag), "KVVd");
-    EXPECT_EQ(live[0].size, 4u * 296);
-    EXPECT_EQ(kvsim::PoolTagText(live[1].tag), "KVVs");
-    EXPECT_EQ(live[1].size, 296u);
-    tables.Release();
-    EXPECT_EQ(tables.m_pCaptureTable, nullptr);
-    tables.Release();  // a second release is harmless
-    EXPECT_EQ(kvsim::PoolLiveBlockCount(), 0u);
 }
 
 // Each allocation of one walk failing in turn (the temporary lists, two for

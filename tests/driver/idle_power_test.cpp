@@ -124,18 +124,24 @@ TEST(IdlePower, OpenFiltersKeepTheCameraInD0AndTheFirstOpenPowersItUp)
 }
 
 // Without idle power an open neither counts nor asks for power; the close
-// still decrements (the count is never read then).
+// still decrements (the count is never read then). Set-power records the
+// states entered and left.
 TEST(IdlePower, WhenDisabledAnOpenFilterNeitherCountsNorPowersUp)
 {
     Rig rig;
     ASSERT_EQ(rig.AddAndStart(), STATUS_SUCCESS);
     ASSERT_EQ(pnp::SetDevicePower(rig.Pdo(), PowerDeviceD3), STATUS_SUCCESS);
+    EXPECT_EQ(rig.Idle().m_DevicePowerState, static_cast<ULONG>(PowerDeviceD3));
+    EXPECT_EQ(rig.Idle().m_DevicePowerStateFrom, PowerDeviceD0);
     auto filter = rig.OpenFilter(KSCATEGORY_VIDEO);
     ASSERT_NE(filter, nullptr);
     EXPECT_EQ(rig.BusPower(), PowerDeviceD3);
     EXPECT_EQ(rig.Idle().m_OpenFilterCount, 0u);
     filter->Close();
     EXPECT_EQ(rig.Idle().m_OpenFilterCount, static_cast<ULONG>(-1));
+    ASSERT_EQ(pnp::SetDevicePower(rig.Pdo(), PowerDeviceD0), STATUS_SUCCESS);
+    EXPECT_EQ(rig.Idle().m_DevicePowerState, 1u);
+    EXPECT_EQ(rig.Idle().m_DevicePowerStateFrom, PowerDeviceD3);
 }
 
 TEST(IdlePower, ASystemSleepAndWakeRestartTheIdleTimerExactlyOnce)
@@ -153,18 +159,6 @@ TEST(IdlePower, ASystemSleepAndWakeRestartTheIdleTimerExactlyOnce)
     // The restarted scheme still powers an idle device down.
     kvsim::RunFor(6 * kvsim::kSecond);
     EXPECT_EQ(rig.BusPower(), PowerDeviceD3);
-}
-
-TEST(IdlePower, SetPowerRecordsTheStatesBeingEnteredAndLeft)
-{
-    Rig rig;
-    ASSERT_EQ(rig.AddAndStart(), STATUS_SUCCESS);
-    ASSERT_EQ(pnp::SetDevicePower(rig.Pdo(), PowerDeviceD3), STATUS_SUCCESS);
-    EXPECT_EQ(rig.Idle().m_DevicePowerState, static_cast<ULONG>(PowerDeviceD3));
-    EXPECT_EQ(rig.Idle().m_DevicePowerStateFrom, PowerDeviceD0);
-    ASSERT_EQ(pnp::SetDevicePower(rig.Pdo(), PowerDeviceD0), STATUS_SUCCESS);
-    EXPECT_EQ(rig.Idle().m_DevicePowerState, 1u);
-    EXPECT_EQ(rig.Idle().m_DevicePowerStateFrom, PowerDeviceD3);
 }
 
 // A start that fails after the idle timer was armed gets no stop from KS:

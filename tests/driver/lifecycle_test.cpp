@@ -5,6 +5,8 @@
 // idle_power_test.cpp.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 #include "lifecycle_rig.h"
 
 namespace {
@@ -12,6 +14,19 @@ namespace {
 using namespace lifecycle_rig;
 
 constexpr NTSTATUS kNoMemory = STATUS_INSUFFICIENT_RESOURCES;
+
+// The tags of the driver's blocks still held, sorted ("KV..." only: ks.sys
+// and the I/O manager keep blocks of their own).
+std::vector<std::string> DriverBlockTags()
+{
+    std::vector<std::string> tags;
+    for (const auto& block : kvsim::PoolLiveBlocks()) {
+        const std::string tag = kvsim::PoolTagText(block.tag);
+        if (tag.rfind("KV", 0) == 0) tags.push_back(tag);
+    }
+    std::sort(tags.begin(), tags.end());
+    return tags;
+}
 
 // ---- Add --------------------------------------------------------------------------------
 
@@ -90,6 +105,9 @@ TEST(DeviceStart, TheDefaultCameraStartsWithItsTablesOnTheFilterFactory)
     // The factory's device interfaces are on: a client finds the filter.
     EXPECT_FALSE(kvsim::client::EnumerateFilters(KSCATEGORY_VIDEO).empty());
     EXPECT_EQ(kvsim::RegGetDword(kData, "DeviceExist"), 1u);
+    // Every lasting block carries its owner's tag.
+    EXPECT_EQ(DriverBlockTags(), (std::vector<std::string>{"KVB1", "KVCn", "KVNd", "KVVd", "KVVp", "KVVr", "KVVs",
+                                                           "KVaC", "KVaT", "KVcd", "KVdd", "KVle", "KVrb", "KVtx"}));
 
     // A start dispatched to a device that is already started does nothing.
     const uint64_t before = kvsim::PoolAllocationCount();
@@ -104,7 +122,8 @@ TEST(DeviceStart, TheDefaultCameraStartsWithItsTablesOnTheFilterFactory)
 // tables, ks.sys's factory): the start fails with the status of the step the
 // allocation belongs to and that step's one line, or succeeds where the step
 // does without it (registry buffers, the bus interface); no filter factory
-// is left after a failure, and remove frees everything. Over the sweep every
+// is left after a failure, and remove ("PnP Remove") frees everything and
+// detaches the device. Over the sweep every
 // step's line appears, in the order of the steps.
 TEST(DeviceStart, AnAllocationFailureAtAnyAllocationFailsTheStartAtItsStepAndRemoveFreesEverything)
 {
@@ -162,6 +181,7 @@ TEST(DeviceStart, AnAllocationFailureAtAnyAllocationFailsTheStartAtItsStepAndRem
         rig.Remove();
         EXPECT_TRUE(DebugSaid("PnP Remove\n"));
         EXPECT_EQ(kvsim::PoolLiveBlockCount(), 0u) << ::testing::PrintToString(kvsim::PoolLeakReport());
+        EXPECT_FALSE(pnp::HasFunctionDevice(rig.Pdo()));
         kvsim::PoolEndOfTestCheck();
     }
     EXPECT_GT(failedStarts, 8u);
@@ -205,47 +225,26 @@ INSTANTIATE_TEST_SUITE_P(SharedCameras, RealCameraStart,
 
 // ---- Stop, remove, surprise removal, capabilities ------------------------------------------
 
-TEST(DeviceStop, WritesDeviceExist2UnderDataAndFreesTheAllocations)
+// Stop writes "DeviceExist" = 2, deconfigures the camera and frees the
+// driver's blocks but the device object (ks.sys keeps its device and object
+// bag); the device then starts again.
+TEST(DeviceStop, WritesDeviceExist2FreesTheAllocationsAndTheDeviceStartsAgain)
 {
     Rig rig;
     ASSERT_EQ(rig.AddAndStart(), STATUS_SUCCESS);
     ASSERT_EQ(kvsim::RegGetDword(kData, "DeviceExist"), 1u);
     ASSERT_EQ(rig.Stop(), STATUS_SUCCESS);
     EXPECT_EQ(kvsim::RegGetDword(kData, "DeviceExist"), 2u);
-    // Of the driver's blocks only the device object itself is left (ks.sys
-    // keeps its device and object bag).
-    std::vector<std::string> driverBlocks;
-    for (const auto& block : kvsim::PoolLiveBlocks()) {
-        const std::string tag = kvsim::PoolTagText(block.tag);
-        if (tag.rfind("KV", 0) == 0) driverBlocks.push_back(tag);
-    }
-    EXPECT_EQ(driverBlocks, std::vector<std::string>{"KVaC"});
+    EXPECT_EQ(DriverBlockTags(), std::vector<std::string>{"KVaC"});
     EXPECT_FALSE(usb::GetDeviceState(rig.Pdo()).configured);
     EXPECT_EQ(rig.Dev().m_Formats.m_pCaptureTable, nullptr);
     EXPECT_EQ(rig.Dev().m_Settings.m_Property, nullptr);
     EXPECT_TRUE(kvsim::client::EnumerateFilters(KSCATEGORY_VIDEO).empty());
-}
 
-TEST(DeviceStop, TheDeviceStartsAgainAfterAStop)
-{
-    Rig rig;
-    ASSERT_EQ(rig.AddAndStart(), STATUS_SUCCESS);
-    ASSERT_EQ(rig.Stop(), STATUS_SUCCESS);
     ASSERT_EQ(rig.Start(), STATUS_SUCCESS);
     EXPECT_TRUE(rig.Dev().m_Filter.m_FilterFactoryCreated);
     EXPECT_EQ(kvsim::client::EnumerateFilters(KSCATEGORY_VIDEO).size(), 1u);
     EXPECT_EQ(kvsim::RegGetDword(kData, "DeviceExist"), 1u);
-}
-
-TEST(DeviceRemove, PrintsPnPRemoveAndLeavesNoPoolBlock)
-{
-    Rig rig;
-    ASSERT_EQ(rig.AddAndStart(), STATUS_SUCCESS);
-    kvsim::ClearDebugLog();
-    rig.Remove();
-    EXPECT_TRUE(DebugSaid("PnP Remove\n"));
-    EXPECT_EQ(kvsim::PoolLiveBlockCount(), 0u) << ::testing::PrintToString(kvsim::PoolLeakReport());
-    EXPECT_FALSE(pnp::HasFunctionDevice(rig.Pdo()));
 }
 
 // A camera pulled out: idle management ends at once (no power request, no
@@ -294,7 +293,10 @@ TEST(DeviceCapabilities, ClearRemovableAndSetSurpriseRemovalOK)
 
 // ---- The self-timer's countdown ------------------------------------------------------------
 
-TEST(SelfTimerCountdown, TheDpcCountsDownThenRaisesTheStillRequestAndStops)
+// The DPC counts down once a second; the second after 0 it asks for a still
+// (no longer a software trigger) and stops the timer. Stop cancels a
+// countdown that runs.
+TEST(SelfTimerCountdown, CountsDownThenRaisesTheStillRequestAndStopCancelsIt)
 {
     Rig rig;
     ASSERT_EQ(rig.AddAndStart(), STATUS_SUCCESS);
@@ -311,13 +313,8 @@ TEST(SelfTimerCountdown, TheDpcCountsDownThenRaisesTheStillRequestAndStops)
     EXPECT_EQ(timer.m_StillRequest, 1u);
     EXPECT_EQ(timer.m_SoftwareTrigger, 0u);
     EXPECT_EQ(kvsim::GetSchedCounters().timersArmed, 0u);
-}
 
-TEST(SelfTimerCountdown, DeviceStopCancelsARunningCountdown)
-{
-    Rig rig;
-    ASSERT_EQ(rig.AddAndStart(), STATUS_SUCCESS);
-    DriverTestAccess::StartCountdown(rig.Dev().m_SelfTimer, 5);
+    DriverTestAccess::StartCountdown(timer, 5);
     ASSERT_EQ(kvsim::GetSchedCounters().timersArmed, 1u);
     ASSERT_EQ(rig.Stop(), STATUS_SUCCESS);
     EXPECT_EQ(kvsim::GetSchedCounters().timersArmed, 0u);

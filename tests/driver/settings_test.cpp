@@ -9,28 +9,9 @@
 #include <string>
 
 #include "controls_rig.h"
-#include "kvsim/diag.h"
 #include "kvsim/pool.h"
 
 using namespace controls_rig;
-
-namespace {
-
-bool LogHas(const std::string& text)
-{
-    for (const auto& m : kvsim::DebugMessages())
-        if (m.find(text) != std::string::npos) return true;
-    return false;
-}
-
-std::u16string U16(const char* s)
-{
-    std::u16string out;
-    while (*s) out.push_back(static_cast<char16_t>(*s++));
-    return out;
-}
-
-}  // namespace
 
 // ---- Registry layer -------------------------------------------------------
 
@@ -53,6 +34,8 @@ TEST(RegistryKeyPath, EveryOperationOnAnUnopenedKeyReturnsInvalidHandle)
     EXPECT_FALSE(kvsim::RegKeyExists(kService));  // nothing was created
 }
 
+// CloseSubkey drops only the last component: after "\Property\Last" the
+// path names "\USBKV\Property", and the next open appends below it.
 TEST(RegistryKeyPath, AfterClosingATwoComponentSubkeyTheNextOpenAppendsBelowProperty)
 {
     kvsim::RegReset();
@@ -66,30 +49,22 @@ TEST(RegistryKeyPath, AfterClosingATwoComponentSubkeyTheNextOpenAppendsBelowProp
     ASSERT_EQ(path.OpenRoot(KV_REGISTRY_SERVICE), STATUS_SUCCESS);
     ASSERT_EQ(path.OpenSubkey(KV_REGISTRY_LAST), STATUS_SUCCESS);
     ASSERT_EQ(path.CloseSubkey(KV_REGISTRY_LAST), STATUS_SUCCESS);
-    // The path now names Property below "\USBKV", not "\USBKV" itself.
-    const std::u16string expected = U16("\\Registry\\MACHINE\\SYSTEM\\CurrentControlSet\\Services\\USBKV\\Property");
-    std::u16string now(reinterpret_cast<const char16_t*>(path.Path().Buffer), path.Path().Length / 2);
-    EXPECT_EQ(now, expected);
+    const std::u16string expected = u"\\Registry\\MACHINE\\SYSTEM\\CurrentControlSet\\Services\\USBKV\\Property";
+    EXPECT_EQ(std::u16string(reinterpret_cast<const char16_t*>(path.Path().Buffer), path.Path().Length / 2), expected);
     ASSERT_EQ(path.OpenSubkey(KV_REGISTRY_DATA), STATUS_SUCCESS);
     ULONG where = 0;
     EXPECT_EQ(path.ReadDword(L"Where", &where), STATUS_SUCCESS);
     EXPECT_EQ(where, 2u);  // "\USBKV\Property\Data", not "\USBKV\Data"
     EXPECT_EQ(path.Close(), STATUS_SUCCESS);
     EXPECT_EQ(kvsim::RegOpenKeyCount(), 0u);
-}
 
-TEST(RegistryKeyPath, AnAbsentSubkeyBelowPropertyLeavesTheHandleNull)
-{
-    kvsim::RegReset();
-    kvsim::RegCreateKey(kLast);
-    RegistryKeyPath path;
+    // Without "\USBKV\Property\Data" that open fails and leaves no handle.
+    kvsim::RegDeleteKeyTree(kService + "\\Property\\Data");
     ASSERT_EQ(path.OpenRoot(KV_REGISTRY_SERVICE), STATUS_SUCCESS);
     path.OpenSubkey(KV_REGISTRY_LAST);
     path.CloseSubkey(KV_REGISTRY_LAST);
-    EXPECT_FALSE(NT_SUCCESS(path.OpenSubkey(KV_REGISTRY_DATA)));  // "\USBKV\Property\Data" does not exist
+    EXPECT_FALSE(NT_SUCCESS(path.OpenSubkey(KV_REGISTRY_DATA)));
     EXPECT_EQ(path.KeyHandle(), nullptr);
-    ULONG v = 0;
-    EXPECT_EQ(path.ReadDword(L"x", &v), STATUS_INVALID_HANDLE);
 }
 
 TEST(RegistryKeyPath, ARawReadCopiesOnlyWhenTheDataFits)
@@ -135,61 +110,11 @@ TEST(RegistryKeyPath, WriteStringStoresTheUnitsAndATerminatingZero)
     EXPECT_EQ(value->data, (std::vector<uint8_t>{'a', 0, 'b', 0, 'c', 0, 0, 0}));
 }
 
-// ---- InitDeviceSettings ---------------------------------------------------
+// ---- The settings' share of the device start -------------------------------
 
-TEST(InitDeviceSettings, MissingTrackingWindowSizeAndTrackingFocusAreCreatedWith4And2)
-{
-    Rig rig;
-    rig.Start();
-    EXPECT_EQ(kvsim::RegGetDword(kData, "TrackingWindowSize"), 4u);
-    EXPECT_EQ(kvsim::RegGetDword(kData, "TrackingFocus"), 2u);
-    EXPECT_EQ(rig.Settings().m_TrackingWindowSize, 4u);
-    EXPECT_EQ(rig.Settings().m_TrackingFocus, 2u);
-    EXPECT_EQ(kvsim::RegGetDword(kData, "DeviceExist"), 1u);
-    // Nothing else is created.
-    auto names = kvsim::RegListValues(kData);
-    std::sort(names.begin(), names.end());
-    EXPECT_EQ(names, (std::vector<std::string>{"DeviceExist", "TrackingFocus", "TrackingWindowSize"}));
-}
-
-TEST(InitDeviceSettings, PresentDataValuesAreReadAndNotRewritten)
-{
-    Rig rig;
-    kvsim::RegSetDword(kData, "TrackingWindowSize", 0);
-    kvsim::RegSetDword(kData, "TrackingFocus", 5);
-    kvsim::RegSetDword(kData, "BW", 3);
-    kvsim::RegSetDword(kData, "SaveFileMJPEG", 1);
-    kvsim::RegSetDword(kData, "SaveFileDroppedMJPEG", 1);
-    kvsim::RegSetDword(kData, "DropFrameCntVGA", 12);
-    kvsim::RegSetDword(kData, "Key1Function", 1);
-    kvsim::RegSetDword(kData, "Key2Function", 2);
-    rig.Start();
-    EXPECT_EQ(rig.Settings().m_TrackingWindowSize, 0u);
-    EXPECT_EQ(rig.Settings().m_TrackingFocus, 5u);
-    EXPECT_EQ(kvsim::RegGetDword(kData, "TrackingFocus"), 5u);
-    EXPECT_EQ(rig.Settings().m_BW, 3u);
-    EXPECT_EQ(rig.Settings().m_SaveFileMJPEG, 1u);
-    EXPECT_EQ(rig.Settings().m_SaveFileDroppedMJPEG, 1u);
-    EXPECT_EQ(rig.Settings().m_DropFrameCntVGA, 12u);
-    EXPECT_EQ(rig.Settings().m_Key1Function, 1u);
-    EXPECT_EQ(rig.Settings().m_Key2Function, 2u);
-}
-
-// A short value is taken as its data bytes in a zeroed word, never mixed
-// with the upper bytes of the value read before it.
-TEST(InitDeviceSettings, AValueShorterThanFourBytesIsReadIntoAZeroedWord)
-{
-    Rig rig;
-    kvsim::RegSetDword(kData, "BW", 0x12345678);
-    kvsim::RegSetValue(kData, "SaveFileMJPEG", REG_BINARY, {0x01});
-    kvsim::RegSetValue(kData, "DropFrameCntVGA", REG_DWORD, {0x0C, 0x00});
-    rig.Start();
-    EXPECT_EQ(rig.Settings().m_BW, 0x12345678u);
-    EXPECT_EQ(rig.Settings().m_SaveFileMJPEG, 1u);
-    EXPECT_EQ(rig.Settings().m_DropFrameCntVGA, 12u);
-}
-
-TEST(InitDeviceSettings, TheRecordStartsWithTheTablesInitialValues)
+// The record starts with the slot table's values; of "\Data" only the two
+// values the driver owns are created when missing, and "DeviceExist" = 1.
+TEST(DeviceStartSettings, TheRecordStartsWithItsInitialValuesAndOnlyTheDriversOwnDataValuesAreCreated)
 {
     Rig rig;
     rig.Start();
@@ -200,55 +125,86 @@ TEST(InitDeviceSettings, TheRecordStartsWithTheTablesInitialValues)
         if (slot == 34) expected = -1;
         EXPECT_EQ(rig.Slot(slot), expected) << "slot " << slot;
     }
-    EXPECT_EQ(rig.Dev().m_Idle.m_IdlePowerEnabled, 0u);  // default SWSetting: bit 0 clear
-    EXPECT_EQ(rig.RequestCount(), 0u);            // the start sends no control request
+    EXPECT_EQ(rig.RequestCount(), 0u);  // the start sends no control request
+    EXPECT_EQ(kvsim::RegGetDword(kData, "TrackingWindowSize"), 4u);
+    EXPECT_EQ(kvsim::RegGetDword(kData, "TrackingFocus"), 2u);
+    EXPECT_EQ(rig.Settings().m_TrackingWindowSize, 4u);
+    EXPECT_EQ(rig.Settings().m_TrackingFocus, 2u);
+    EXPECT_EQ(kvsim::RegGetDword(kData, "DeviceExist"), 1u);
+    auto names = kvsim::RegListValues(kData);
+    std::sort(names.begin(), names.end());
+    EXPECT_EQ(names, (std::vector<std::string>{"DeviceExist", "TrackingFocus", "TrackingWindowSize"}));
 }
 
-TEST(InitDeviceSettings, ASWSettingValueOf4BytesLeavesTheDefault00C001InForce)
+// Present values are read and not rewritten. A value shorter than four bytes
+// is read into a zeroed word, never mixed with the upper bytes of the value
+// read before it.
+TEST(DeviceStartSettings, PresentDataValuesAreReadShortOnesIntoAZeroedWord)
 {
     Rig rig;
-    kvsim::RegSetValue(kData, "SWSetting", REG_BINARY, {0xFF, 0xFF, 0xFF, 0xFF});
+    kvsim::RegSetDword(kData, "TrackingWindowSize", 0);
+    kvsim::RegSetDword(kData, "TrackingFocus", 5);
+    kvsim::RegSetDword(kData, "BW", 0x12345678);
+    kvsim::RegSetValue(kData, "SaveFileMJPEG", REG_BINARY, {0x01});
+    kvsim::RegSetDword(kData, "SaveFileDroppedMJPEG", 1);
+    kvsim::RegSetValue(kData, "DropFrameCntVGA", REG_DWORD, {0x0C, 0x00});
+    kvsim::RegSetDword(kData, "Key1Function", 1);
+    kvsim::RegSetDword(kData, "Key2Function", 2);
     rig.Start();
-    EXPECT_EQ(rig.Settings().m_SWSetting[0], 0x00);
-    EXPECT_EQ(rig.Settings().m_SWSetting[1], 0xC0);
-    EXPECT_EQ(rig.Settings().m_SWSetting[2], 0x01);
-    EXPECT_EQ(rig.Dev().m_Idle.m_IdlePowerEnabled, 0u);
-    EXPECT_EQ(rig.Slot(SLOT_SWSETTING_OPTION), 0);
+    const DeviceSettings& s = rig.Settings();
+    EXPECT_EQ(s.m_TrackingWindowSize, 0u);
+    EXPECT_EQ(s.m_TrackingFocus, 5u);
+    EXPECT_EQ(kvsim::RegGetDword(kData, "TrackingFocus"), 5u);
+    EXPECT_EQ(s.m_BW, 0x12345678u);
+    EXPECT_EQ(s.m_SaveFileMJPEG, 1u);
+    EXPECT_EQ(s.m_SaveFileDroppedMJPEG, 1u);
+    EXPECT_EQ(s.m_DropFrameCntVGA, 12u);
+    EXPECT_EQ(s.m_Key1Function, 1u);
+    EXPECT_EQ(s.m_Key2Function, 2u);
 }
 
-TEST(InitDeviceSettings, AThreeByteSWSettingSetsTheIdleFlagAndSlot16)
+// "SWSetting": three bytes, default 00 C0 01 (mirror, flip and dead-pixel
+// correction enabled, idle power off); a value of another length leaves the
+// default. Bit 0 is idle power, bit 13 slot 16's initial value; a feature
+// whose bit is clear takes effect as 0 whatever its slot holds.
+TEST(DeviceStartSettings, SWSettingSetsIdlePowerSlot16AndWhichOfMirrorFlipAndDeadPixelTakeEffect)
 {
-    Rig rig;
-    // Bit 0 (idle power) and bit 13 (slot 16) set; bits 14-16 clear.
-    kvsim::RegSetValue(kData, "SWSetting", REG_BINARY, {0x01, 0x20, 0x00});
-    rig.Start();
-    EXPECT_EQ(rig.Dev().m_Idle.m_IdlePowerEnabled, 1u);
-    EXPECT_EQ(rig.Slot(SLOT_SWSETTING_OPTION), 1);
-    // Mirror, flip and dead-pixel correction are not enabled: effective 0.
-    rig.SetDeviceProperty(PROPID_MIRROR, 1);
-    rig.SetDeviceProperty(PROPID_VFLIP, 1);
-    rig.SetDeviceProperty(PROPID_DEAD_PIXEL, 1);
-    EXPECT_EQ(rig.Slot(SLOT_MIRROR), 1);
-    EXPECT_EQ(rig.Settings().m_EffectiveMirror, 0);
-    EXPECT_EQ(rig.Settings().m_EffectiveVflip, 0);
-    EXPECT_EQ(rig.Settings().m_EffectiveDeadPixel, 0);
+    struct Case {
+        const char* what;
+        std::vector<uint8_t> value;  // empty: absent
+        UCHAR bytes[3];
+        ULONG idlePower;
+        LONG slot16, effective;
+    };
+    const Case cases[] = {
+        {"absent", {}, {0x00, 0xC0, 0x01}, 0, 0, 1},
+        {"four bytes", {0xFF, 0xFF, 0xFF, 0xFF}, {0x00, 0xC0, 0x01}, 0, 0, 1},
+        {"bits 0 and 13", {0x01, 0x20, 0x00}, {0x01, 0x20, 0x00}, 1, 1, 0},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        Rig rig;
+        if (!c.value.empty()) kvsim::RegSetValue(kData, "SWSetting", REG_BINARY, c.value);
+        rig.Start();
+        const DeviceSettings& s = rig.Settings();
+        EXPECT_EQ(s.m_SWSetting[0], c.bytes[0]);
+        EXPECT_EQ(s.m_SWSetting[1], c.bytes[1]);
+        EXPECT_EQ(s.m_SWSetting[2], c.bytes[2]);
+        EXPECT_EQ(rig.Dev().m_Idle.m_IdlePowerEnabled, c.idlePower);
+        EXPECT_EQ(rig.Slot(SLOT_SWSETTING_OPTION), c.slot16);
+        rig.SetDeviceProperty(PROPID_MIRROR, 1);
+        rig.SetDeviceProperty(PROPID_VFLIP, 1);
+        rig.SetDeviceProperty(PROPID_DEAD_PIXEL, 1);
+        EXPECT_EQ(rig.Slot(SLOT_MIRROR), 1);
+        EXPECT_EQ(s.m_EffectiveMirror, c.effective);
+        EXPECT_EQ(s.m_EffectiveVflip, c.effective);
+        EXPECT_EQ(s.m_EffectiveDeadPixel, c.effective);
+        rig.SetDeviceProperty(PROPID_MIRROR, 0);
+        EXPECT_EQ(s.m_EffectiveMirror, 0);
+    }
 }
 
-TEST(InitDeviceSettings, TheDefaultSWSettingEnablesMirrorFlipAndDeadPixelCorrection)
-{
-    Rig rig;
-    rig.Start();
-    rig.SetDeviceProperty(PROPID_MIRROR, 1);
-    rig.SetDeviceProperty(PROPID_VFLIP, 1);
-    rig.SetDeviceProperty(PROPID_DEAD_PIXEL, 1);
-    EXPECT_EQ(rig.Settings().m_EffectiveMirror, 1);
-    EXPECT_EQ(rig.Settings().m_EffectiveVflip, 1);
-    EXPECT_EQ(rig.Settings().m_EffectiveDeadPixel, 1);
-    rig.SetDeviceProperty(PROPID_MIRROR, 0);
-    EXPECT_EQ(rig.Settings().m_EffectiveMirror, 0);
-}
-
-TEST(InitDeviceSettings, RecordAllocationFailureFailsTheStartWithItsMessage)
+TEST(DeviceStartSettings, ARecordAllocationFailureFailsTheStartWithItsLine)
 {
     Rig rig;
     ASSERT_EQ(rig.Dev().m_Usb.ReadandSelectUsbDescriptors(), STATUS_SUCCESS);
@@ -256,11 +212,11 @@ TEST(InitDeviceSettings, RecordAllocationFailureFailsTheStartWithItsMessage)
     kvsim::PoolFailTag(kvsim::PoolTag("KVaT"));  // the record and every registry buffer
     EXPECT_EQ(rig.Dev().InitDeviceSettings(), STATUS_INSUFFICIENT_RESOURCES);
     kvsim::PoolResetFaultInjection();
-    EXPECT_TRUE(LogHas("failed to alloc mem for m_Property\n"));
+    EXPECT_TRUE(DebugHas("failed to alloc mem for m_Property\n"));
     EXPECT_EQ(rig.Settings().m_Property, nullptr);
 }
 
-TEST(InitDeviceSettings, ContextAllocationFailureReadsNothing)
+TEST(DeviceStartSettings, WithoutTheControlRequestContextNothingIsRead)
 {
     Rig rig;
     ASSERT_EQ(rig.Dev().m_Usb.ReadandSelectUsbDescriptors(), STATUS_SUCCESS);
@@ -300,21 +256,16 @@ TEST(CheckReadDef, ADifferentReadDefReadsTheCameraDefaultsIntoPropertyLast)
     rig.Settings().CheckReadDef();
 
     // The virtual camera's defaults (sim/camera/uvc_camera.cpp's table).
-    EXPECT_EQ(rig.Slot(SLOT_BRIGHTNESS), 0);
-    EXPECT_EQ(rig.Slot(SLOT_CONTRAST), 32);
-    EXPECT_EQ(rig.Slot(SLOT_SATURATION), 64);
-    EXPECT_EQ(rig.Slot(SLOT_SHARPNESS), 3);
-    EXPECT_EQ(rig.Slot(SLOT_GAMMA), 100);
-    EXPECT_EQ(rig.Slot(SLOT_WB_TEMPERATURE), 4600);
-    EXPECT_EQ(rig.Slot(SLOT_BACKLIGHT), 1);
-    EXPECT_EQ(rig.Slot(SLOT_POWER_LINE), 1);
-    EXPECT_EQ(rig.Slot(SLOT_WB_AUTO), 1);
-    EXPECT_EQ(rig.Slot(SLOT_AUTO_EXPOSURE), 8);
-    EXPECT_EQ(rig.Slot(SLOT_EXPOSURE_TIME), 156);
-    // Every request was a GET_DEF; gain's default is not read.
+    const std::pair<ULONG, LONG> defaults[] = {
+        {SLOT_BRIGHTNESS, 0}, {SLOT_CONTRAST, 32},      {SLOT_SATURATION, 64}, {SLOT_SHARPNESS, 3},
+        {SLOT_GAMMA, 100},    {SLOT_WB_TEMPERATURE, 4600}, {SLOT_BACKLIGHT, 1}, {SLOT_POWER_LINE, 1},
+        {SLOT_WB_AUTO, 1},    {SLOT_AUTO_EXPOSURE, 8},  {SLOT_EXPOSURE_TIME, 156},
+    };
+    for (const auto& [slot, value] : defaults) EXPECT_EQ(rig.Slot(slot), value) << "slot " << slot;
+    // Every request was a GET_DEF; exposure time is asked of the camera
+    // terminal only, never as gain, whose default is not read.
     for (const auto& r : Seen()) {
         EXPECT_EQ(r.request, UVC_GET_DEF);
-        // Exposure time is asked of the camera terminal only, never as gain.
         if (r.value == 0x0400) {
             EXPECT_EQ(r.index, UVC_ENTITY_CAMERA_TERMINAL);
         }
@@ -338,10 +289,10 @@ TEST(CheckReadDef, ADifferentReadDefReadsTheCameraDefaultsIntoPropertyLast)
     EXPECT_EQ(rig.RequestCount(), 0u);
 }
 
-TEST(CheckReadDef, AFailedDefaultSetsItsSlotTo0AndPrintsTheMessage)
+// A camera without hue while the bitmap claims hue: its GET_DEF stalls, the
+// slot becomes 0, and the pass goes on.
+TEST(CheckReadDef, AFailedDefaultSetsItsSlotTo0AndPrintsTheLine)
 {
-    // A camera without hue, while the driver's bitmap claims hue: its
-    // GET_DEF stalls.
     CameraSpec spec = kvsim::camera::DefaultCameraSpec();
     spec.processingUnitControls = 0x0002;  // contrast only
     Rig rig(spec);
@@ -351,11 +302,11 @@ TEST(CheckReadDef, AFailedDefaultSetsItsSlotTo0AndPrintsTheMessage)
     kvsim::ClearDebugLog();
     EXPECT_EQ(rig.Settings().InitLastValue(), 1);
     EXPECT_EQ(rig.Slot(SLOT_HUE), 0);
-    EXPECT_EQ(rig.Slot(SLOT_CONTRAST), 32);  // the pass went on after the failure
-    EXPECT_TRUE(LogHas("InitLastValue() Retrieve properties fail."));
+    EXPECT_EQ(rig.Slot(SLOT_CONTRAST), 32);
+    EXPECT_TRUE(DebugHas("InitLastValue() Retrieve properties fail."));
 }
 
-TEST(CheckReadDef, CalledAboveApcLevelPrintsThePageableMessageAndLeavesTheRegistryAlone)
+TEST(CheckReadDef, CalledAboveApcLevelPrintsThePageableLineAndLeavesTheRegistryAlone)
 {
     Rig rig;
     kvsim::RegSetDword(kData, "ReadDef", 0);
@@ -365,49 +316,49 @@ TEST(CheckReadDef, CalledAboveApcLevelPrintsThePageableMessageAndLeavesTheRegist
     KeRaiseIrql(DISPATCH_LEVEL, &old);
     rig.Settings().CheckReadDef();
     KeLowerIrql(old);
-    EXPECT_TRUE(LogHas("EX: Pageable code called at IRQL 2\n"));
+    EXPECT_TRUE(DebugHas("EX: Pageable code called at IRQL 2\n"));
     EXPECT_EQ(kvsim::RegGetDword(kData, "ReadDef"), 0u);
 }
 
-// ---- Gain and AETarget ------------------------------------------------------
+// ---- The Last and Customer sets ---------------------------------------------
 
-TEST(SavePropertySet, ACameraWithoutTheGainBitNeverWritesGain)
+// Slot 10 is saved as "AETarget" when the camera terminal has exposure time
+// and as "Gain" when the processing unit has gain; "Gain" loads back as
+// exposure time (id 0x0400) to the camera terminal.
+TEST(PropertySets, Slot10IsSavedUnderTheNamesOfTheControlsTheCameraHas)
 {
-    CameraSpec spec = kvsim::camera::DefaultCameraSpec();
-    spec.processingUnitControls &= ~0x0200;
-    Rig rig(spec);
-    rig.Start();
-    rig.SetSlot(SLOT_EXPOSURE_TIME, 300);
-    rig.Settings().SavePropertySet(PropertySetLast);
-    EXPECT_FALSE(kvsim::RegGetDword(kLast, "Gain").has_value());
-    EXPECT_EQ(kvsim::RegGetDword(kLast, "AETarget"), 300u);
+    for (bool hasGain : {false, true}) {
+        SCOPED_TRACE(hasGain ? "no exposure-time bit" : "no gain bit");
+        CameraSpec spec = kvsim::camera::DefaultCameraSpec();
+        if (hasGain) {
+            spec.cameraTerminalControls &= ~0x8;
+        } else {
+            spec.processingUnitControls &= ~0x0200;
+        }
+        Rig rig(spec);
+        rig.Start();
+        rig.SetSlot(SLOT_EXPOSURE_TIME, 300);
+        rig.Settings().SavePropertySet(PropertySetLast);
+        EXPECT_FALSE(kvsim::RegGetDword(kLast, hasGain ? "AETarget" : "Gain").has_value());
+        EXPECT_EQ(kvsim::RegGetDword(kLast, hasGain ? "Gain" : "AETarget"), 300u);
+        if (!hasGain) continue;
+        kvsim::RegSetDword(kLast, "Gain", 500);
+        kvsim::RegSetDword(kLast, "fAE", 0);
+        Seen().clear();
+        rig.Settings().LoadPropertySet(PropertySetLast);
+        EXPECT_EQ(rig.Slot(SLOT_EXPOSURE_TIME), 500);
+        bool sentAsExposure = false;
+        for (const auto& r : Seen()) {
+            if (r.request == UVC_SET_CUR && r.value == 0x0400 && r.index == UVC_ENTITY_CAMERA_TERMINAL) {
+                sentAsExposure = true;
+            }
+            EXPECT_FALSE(r.index == UVC_ENTITY_PROCESSING_UNIT && r.value == 0x0400);
+        }
+        EXPECT_TRUE(sentAsExposure);
+    }
 }
 
-TEST(SavePropertySet, ACameraWithoutTheExposureTimeBitNeverWritesAETargetAndSlot10IsStillShared)
-{
-    CameraSpec spec = kvsim::camera::DefaultCameraSpec();
-    spec.cameraTerminalControls &= ~0x8;
-    Rig rig(spec);
-    rig.Start();
-    rig.SetSlot(SLOT_EXPOSURE_TIME, 300);
-    rig.Settings().SavePropertySet(PropertySetLast);
-    EXPECT_FALSE(kvsim::RegGetDword(kLast, "AETarget").has_value());
-    EXPECT_EQ(kvsim::RegGetDword(kLast, "Gain"), 300u);
-
-    // Loading "Gain" applies it as exposure time (id 0x0400) into slot 10.
-    kvsim::RegSetDword(kLast, "Gain", 500);
-    kvsim::RegSetDword(kLast, "fAE", 0);
-    Seen().clear();
-    rig.Settings().LoadPropertySet(PropertySetLast);
-    EXPECT_EQ(rig.Slot(SLOT_EXPOSURE_TIME), 500);
-    bool sentAsExposure = false;
-    for (const auto& r : Seen())
-        if (r.request == UVC_SET_CUR && r.value == 0x0400 && r.index == UVC_ENTITY_CAMERA_TERMINAL) sentAsExposure = true;
-    EXPECT_TRUE(sentAsExposure);
-    for (const auto& r : Seen()) EXPECT_FALSE(r.index == UVC_ENTITY_PROCESSING_UNIT && r.value == 0x0400);
-}
-
-TEST(SavePropertySet, WritesTheOptionsAlways)
+TEST(PropertySets, TheOptionsAreAlwaysSaved)
 {
     Rig rig;
     rig.Start();
@@ -416,20 +367,15 @@ TEST(SavePropertySet, WritesTheOptionsAlways)
     rig.SetSlot(SLOT_SPECIAL_FRAME, 3);
     rig.SetSlot(SLOT_TRACKING_METHOD, 2);
     rig.Settings().SavePropertySet(PropertySetCustomer);
-    EXPECT_EQ(kvsim::RegGetDword(kCustomer, "fRotate"), 1u);
-    EXPECT_EQ(kvsim::RegGetDword(kCustomer, "SpecialEffectNo"), 5u);
-    EXPECT_EQ(kvsim::RegGetDword(kCustomer, "SpecialFrameNo"), 3u);
-    EXPECT_EQ(kvsim::RegGetDword(kCustomer, "TrackingMethod"), 2u);
-    EXPECT_EQ(kvsim::RegGetDword(kCustomer, "fDeadPixelCorrection"), 0u);
-    EXPECT_EQ(kvsim::RegGetDword(kCustomer, "fMirror"), 0u);
-    EXPECT_EQ(kvsim::RegGetDword(kCustomer, "fVflip"), 0u);
-    EXPECT_EQ(kvsim::RegGetDword(kCustomer, "SelfTimer"), 0xFFFFFFFFu);
+    const std::pair<const char*, uint32_t> saved[] = {
+        {"fRotate", 1}, {"SpecialEffectNo", 5}, {"SpecialFrameNo", 3}, {"TrackingMethod", 2},
+        {"fDeadPixelCorrection", 0}, {"fMirror", 0}, {"fVflip", 0}, {"SelfTimer", 0xFFFFFFFFu},
+    };
+    for (const auto& [name, value] : saved) EXPECT_EQ(kvsim::RegGetDword(kCustomer, name), value) << name;
     EXPECT_TRUE(kvsim::RegListValues(kLast).empty());
 }
 
-// ---- LoadPropertySet -----------------------------------------------------------
-
-TEST(LoadPropertySet, CustomerRoundTripReachesTheCamera)
+TEST(PropertySets, ACustomerSetSavedAndLoadedBackReachesTheCamera)
 {
     Rig rig;
     rig.Start();
@@ -437,28 +383,22 @@ TEST(LoadPropertySet, CustomerRoundTripReachesTheCamera)
     // auto exposure off re-sends slot 10, which must be in the camera's range).
     rig.SetSlot(SLOT_EXPOSURE_TIME, 156);
     ASSERT_EQ(rig.SetDeviceProperty(PROPID_AUTO_EXPOSURE, 0), STATUS_SUCCESS);
-    rig.SetDeviceProperty(PROPID_BRIGHTNESS, -20);
-    rig.SetDeviceProperty(PROPID_CONTRAST, 40);
-    rig.SetDeviceProperty(PROPID_GAMMA, 200);
-    rig.SetDeviceProperty(PROPID_WB_AUTO, 0);
-    rig.SetDeviceProperty(PROPID_WB_TEMPERATURE, 5000);
-    ASSERT_EQ(rig.SetDeviceProperty(PROPID_EXPOSURE_TIME, 700), STATUS_SUCCESS);
-    rig.SetDeviceProperty(PROPID_ROTATE, 1);
-    rig.SetDeviceProperty(PROPID_SPECIAL_EFFECT, 4);
-    rig.SetDeviceProperty(PROPID_SELF_TIMER, 5);
+    const std::pair<USHORT, LONG> saved[] = {
+        {PROPID_BRIGHTNESS, -20}, {PROPID_CONTRAST, 40},     {PROPID_GAMMA, 200},          {PROPID_WB_AUTO, 0},
+        {PROPID_WB_TEMPERATURE, 5000}, {PROPID_EXPOSURE_TIME, 700}, {PROPID_ROTATE, 1}, {PROPID_SPECIAL_EFFECT, 4},
+        {PROPID_SELF_TIMER, 5},
+    };
+    for (const auto& [id, value] : saved) ASSERT_EQ(rig.SetDeviceProperty(id, value), STATUS_SUCCESS) << id;
     ASSERT_EQ(rig.SetDeviceProperty(PROPID_SAVE_CUSTOMER, 0), STATUS_SUCCESS);
     EXPECT_EQ(kvsim::RegGetDword(kCustomer, "Brightness"), static_cast<uint32_t>(-20));
     EXPECT_EQ(kvsim::RegGetDword(kCustomer, "AETarget"), 700u);
 
     // Change everything.
-    rig.SetDeviceProperty(PROPID_BRIGHTNESS, 10);
-    rig.SetDeviceProperty(PROPID_CONTRAST, 1);
-    rig.SetDeviceProperty(PROPID_GAMMA, 300);
-    rig.SetDeviceProperty(PROPID_WB_TEMPERATURE, 3000);
-    rig.SetDeviceProperty(PROPID_EXPOSURE_TIME, 50);
-    rig.SetDeviceProperty(PROPID_ROTATE, 0);
-    rig.SetDeviceProperty(PROPID_SPECIAL_EFFECT, 0);
-    rig.SetDeviceProperty(PROPID_SELF_TIMER, -1);
+    const std::pair<USHORT, LONG> changed[] = {
+        {PROPID_BRIGHTNESS, 10},  {PROPID_CONTRAST, 1}, {PROPID_GAMMA, 300},          {PROPID_WB_TEMPERATURE, 3000},
+        {PROPID_EXPOSURE_TIME, 50}, {PROPID_ROTATE, 0}, {PROPID_SPECIAL_EFFECT, 0}, {PROPID_SELF_TIMER, -1},
+    };
+    for (const auto& [id, value] : changed) rig.SetDeviceProperty(id, value);
     EXPECT_EQ(rig.CameraValue(3, 0x02), 10);
 
     // Load back: the camera's state carries the saved values.
@@ -477,39 +417,33 @@ TEST(LoadPropertySet, CustomerRoundTripReachesTheCamera)
     EXPECT_EQ(rig.Slot(SLOT_SELF_TIMER), 5);
 }
 
-TEST(LoadPropertySet, AMissingValueReappliesTheSlotsCurrentValue)
+// A value missing from the set re-sends the slot's current value; a value
+// wider than 16 bits reaches the camera as its low 16 bits and stays whole
+// in the slot (an option's goes through SetDeviceProperty as 16 bits).
+TEST(PropertySets, LoadingSendsMissingValuesFromTheirSlotsAndWideValuesAs16Bits)
 {
     Rig rig;
     rig.Start();
     rig.SetSlot(SLOT_SHARPNESS, 5);
-    kvsim::RegSetDword(kLast, "Brightness", 7);  // only brightness is stored
+    kvsim::RegSetDword(kLast, "Brightness", 0x00010005);  // low 16 bits: 5
+    kvsim::RegSetDword(kLast, "fRotate", 0x00020001);
     rig.Settings().LoadPropertySet(PropertySetLast);
-    EXPECT_EQ(rig.Slot(SLOT_BRIGHTNESS), 7);
     EXPECT_EQ(rig.Slot(SLOT_SHARPNESS), 5);
     EXPECT_EQ(rig.CameraValue(3, 0x08), 5);  // sharpness re-sent from its slot
-    EXPECT_EQ(rig.CameraValue(3, 0x02), 7);
-}
-
-TEST(LoadPropertySet, WideValuesReachTheCameraAs16BitsAndStayWholeInTheSlot)
-{
-    Rig rig;
-    rig.Start();
-    kvsim::RegSetDword(kLast, "Brightness", 0x00010005);  // low 16 bits: 5
-    kvsim::RegSetDword(kLast, "fRotate", 0x00020001);     // options: low 16 bits through SetDeviceProperty
-    rig.Settings().LoadPropertySet(PropertySetLast);
     EXPECT_EQ(rig.CameraValue(3, 0x02), 5);
     EXPECT_EQ(rig.Slot(SLOT_BRIGHTNESS), 0x00010005);
     EXPECT_EQ(rig.Slot(SLOT_ROTATE), 1);
     bool sent = false;
-    for (const auto& r : Seen())
+    for (const auto& r : Seen()) {
         if (r.value == 0x0200 && r.index == UVC_ENTITY_PROCESSING_UNIT && r.request == UVC_SET_CUR) {
             EXPECT_EQ(r.out, (std::vector<UCHAR>{0x05, 0x00}));
             sent = true;
         }
+    }
     EXPECT_TRUE(sent);
 }
 
-TEST(LoadPropertySet, AnUnopenedKeyLeavesTheRecordAsItIs)
+TEST(PropertySets, LoadingFromAKeyThatCannotBeOpenedLeavesTheRecordAsItIs)
 {
     Rig rig;
     rig.Start();
@@ -522,43 +456,34 @@ TEST(LoadPropertySet, AnUnopenedKeyLeavesTheRecordAsItIs)
     EXPECT_EQ(kvsim::RegOpenKeyCount(), 0u);
 }
 
-// ---- Defaults and reset ----------------------------------------------------------
+// ---- "\Property\Default" and reset ----------------------------------------------
 
-TEST(LoadDefaults, Id0915AppliesTheOrientationValuesOfPropertyDefault)
+// Id 0x0916 applies only the effect values of "\Property\Default", id 0x0915
+// only the orientation values; id 0x0917 resets tracking and the self-timer.
+TEST(PropertyDefaults, EffectsOrientationAndResetEachApplyOnlyTheirOwnValues)
 {
     Rig rig;
     kvsim::RegSetDword(kDefault, "fRotate", 1);
     kvsim::RegSetDword(kDefault, "fMirror", 1);
     kvsim::RegSetDword(kDefault, "fDeadPixelCorrection", 1);
     kvsim::RegSetDword(kDefault, "SpecialEffectNo", 9);
-    rig.Start();
-    EXPECT_EQ(rig.SetDeviceProperty(PROPID_DEFAULT_ORIENTATION, 0), STATUS_SUCCESS);
-    EXPECT_EQ(rig.Slot(SLOT_ROTATE), 1);
-    EXPECT_EQ(rig.Slot(SLOT_MIRROR), 1);
-    EXPECT_EQ(rig.Slot(SLOT_VFLIP), 0);
-    EXPECT_EQ(rig.Slot(SLOT_DEAD_PIXEL), 1);
-    EXPECT_EQ(rig.Settings().m_EffectiveMirror, 1);
-    EXPECT_EQ(rig.Slot(SLOT_SPECIAL_EFFECT), 0);  // not an orientation value
-}
-
-TEST(LoadDefaults, Id0916AppliesTheEffectValuesOfPropertyDefault)
-{
-    Rig rig;
-    kvsim::RegSetDword(kDefault, "SpecialEffectNo", 9);
     kvsim::RegSetDword(kDefault, "SpecialFrameNo", 11);
-    kvsim::RegSetDword(kDefault, "fRotate", 1);
     rig.Start();
     EXPECT_EQ(rig.SetDeviceProperty(PROPID_DEFAULT_EFFECTS, 0), STATUS_SUCCESS);
     EXPECT_EQ(rig.Slot(SLOT_SPECIAL_EFFECT), 9);
     EXPECT_EQ(rig.Slot(SLOT_SPECIAL_FRAME), 11);
     EXPECT_EQ(rig.RequestsValue(&ControlRequests::m_SpecialFrameReload), 1u);
     EXPECT_EQ(rig.Slot(SLOT_ROTATE), 0);
-}
 
-TEST(LoadDefaults, Id0917ResetsTrackingAndTheSelfTimer)
-{
-    Rig rig;
-    rig.Start();
+    rig.SetSlot(SLOT_SPECIAL_EFFECT, 0);
+    EXPECT_EQ(rig.SetDeviceProperty(PROPID_DEFAULT_ORIENTATION, 0), STATUS_SUCCESS);
+    EXPECT_EQ(rig.Slot(SLOT_ROTATE), 1);
+    EXPECT_EQ(rig.Slot(SLOT_MIRROR), 1);
+    EXPECT_EQ(rig.Slot(SLOT_VFLIP), 0);
+    EXPECT_EQ(rig.Slot(SLOT_DEAD_PIXEL), 1);
+    EXPECT_EQ(rig.Settings().m_EffectiveMirror, 1);
+    EXPECT_EQ(rig.Slot(SLOT_SPECIAL_EFFECT), 0);
+
     rig.SetDeviceProperty(PROPID_TRACKING_METHOD, 2);
     rig.SetDeviceProperty(PROPID_SELF_TIMER, 5);
     EXPECT_EQ(rig.SetDeviceProperty(PROPID_RESET_TRACKING, 0), STATUS_SUCCESS);
@@ -568,21 +493,20 @@ TEST(LoadDefaults, Id0917ResetsTrackingAndTheSelfTimer)
 
 // ---- SaveSpecialFrameString ----------------------------------------------------
 
-TEST(SaveSpecialFrameString, Index6Or12FailsWith0xC000000DAndWritesNothing)
+// Photo frames 7-11 are the customer's, saved as "CustomerFrame0".."4" with
+// the units and a terminating zero; any other index, no text or no units
+// fail with STATUS_INVALID_PARAMETER and write nothing.
+TEST(SaveSpecialFrameString, Index7To11WriteCustomerFrame0To4AndOthersFail)
 {
     Rig rig;
     rig.Start();
-    EXPECT_EQ(rig.Settings().SaveSpecialFrameString(6, L"frame.bmp", 9), static_cast<NTSTATUS>(0xC000000D));
-    EXPECT_EQ(rig.Settings().SaveSpecialFrameString(12, L"frame.bmp", 9), static_cast<NTSTATUS>(0xC000000D));
-    EXPECT_EQ(rig.Settings().SaveSpecialFrameString(8, nullptr, 9), static_cast<NTSTATUS>(0xC000000D));
-    EXPECT_EQ(rig.Settings().SaveSpecialFrameString(8, L"frame.bmp", 0), static_cast<NTSTATUS>(0xC000000D));
+    const NTSTATUS invalid = static_cast<NTSTATUS>(0xC000000D);
+    EXPECT_EQ(rig.Settings().SaveSpecialFrameString(6, L"frame.bmp", 9), invalid);
+    EXPECT_EQ(rig.Settings().SaveSpecialFrameString(12, L"frame.bmp", 9), invalid);
+    EXPECT_EQ(rig.Settings().SaveSpecialFrameString(8, nullptr, 9), invalid);
+    EXPECT_EQ(rig.Settings().SaveSpecialFrameString(8, L"frame.bmp", 0), invalid);
     EXPECT_TRUE(kvsim::RegListValues(kLast).empty());
-}
 
-TEST(SaveSpecialFrameString, Index7To11WriteCustomerFrame0To4)
-{
-    Rig rig;
-    rig.Start();
     EXPECT_EQ(rig.Settings().SaveSpecialFrameString(7, L"C:\\a.bmp", 8), STATUS_SUCCESS);
     EXPECT_EQ(rig.Settings().SaveSpecialFrameString(11, L"C:\\b.bmpXX", 8), STATUS_SUCCESS);
     EXPECT_EQ(kvsim::RegGetString(kLast, "CustomerFrame0"), "C:\\a.bmp");
