@@ -66,18 +66,13 @@ inline NTSTATUS FilterPassThrough(PDEVICE_OBJECT device, PIRP irp)
         auto* urb = static_cast<PURB>(stack->Parameters.Others.Argument1);
         if (urb->UrbHeader.Function == URB_FUNCTION_CLASS_INTERFACE) {
             const auto& r = urb->UrbControlVendorClassRequest;
-            SeenRequest s;
-            s.request = r.Request;
-            s.value = r.Value;
-            s.index = r.Index;
-            s.length = r.TransferBufferLength;
-            s.flags = r.TransferFlags;
-            s.irql = KeGetCurrentIrql();
+            std::vector<UCHAR> out;
             if ((r.TransferFlags & USBD_TRANSFER_DIRECTION_IN) == 0 && r.TransferBuffer != nullptr) {
                 auto* p = static_cast<const UCHAR*>(r.TransferBuffer);
-                s.out.assign(p, p + r.TransferBufferLength);
+                out.assign(p, p + r.TransferBufferLength);
             }
-            Seen().push_back(s);
+            Seen().push_back(SeenRequest{r.Request, r.Value, r.Index, r.TransferBufferLength, r.TransferFlags, out,
+                                         KeGetCurrentIrql()});
         }
     }
     if (stack->MajorFunction == IRP_MJ_POWER) PoStartNextPowerIrp(irp);

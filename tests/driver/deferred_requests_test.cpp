@@ -2,13 +2,13 @@
 // reach the camera later. Apart from control_requests_test.cpp because these
 // tests look at the moment between the deferral and the work item ("nothing
 // sent yet"), which only the virtual clock's one-thread-at-a-time scheduling
-// holds still: in Parallel mode (the tsan preset) a worker
-// thread may run the item at once. So this executable forces Virtual mode,
-// as ke_dispatcher_test does; the requests file keeps its Parallel coverage.
+// holds still: in Parallel mode (the tsan preset) a worker thread may run the
+// item at once. So this executable forces Virtual mode, as
+// ke_dispatcher_test does; control_requests_test.cpp keeps its Parallel
+// coverage.
 #include <gtest/gtest.h>
 
 #include "controls_rig.h"
-#include "kvsim/diag.h"
 #include "kvsim/pool.h"
 #include "kvsim/sched.h"
 
@@ -21,9 +21,14 @@ const bool g_virtual = [] {
     return true;
 }();
 
+bool RunTheWorkItems()
+{
+    return kvsim::RunUntil([] { return kvsim::GetSchedCounters().workItemsPending == 0; }, kvsim::kSecond);
+}
+
 }  // namespace
 
-TEST(SendClassRequest, ARequestIssuedAtDispatchLevelIsDeferredAndReachesTheCameraLater)
+TEST(DeferredRequests, ARequestIssuedAtDispatchLevelIsDeferredAndReachesTheCameraLater)
 {
     Rig rig;
     rig.Start();
@@ -39,7 +44,7 @@ TEST(SendClassRequest, ARequestIssuedAtDispatchLevelIsDeferredAndReachesTheCamer
     EXPECT_EQ(rig.CameraValue(3, 0x08), 3);         // the camera still has its default
     EXPECT_EQ(kvsim::PoolStatsForTag(kv::kTagRequest).currentCount, 2u);  // context + record
 
-    ASSERT_TRUE(kvsim::RunUntil([] { return kvsim::GetSchedCounters().workItemsPending == 0; }, kvsim::kSecond));
+    ASSERT_TRUE(RunTheWorkItems());
     EXPECT_EQ(rig.CameraValue(3, 0x08), 5);
     ASSERT_EQ(rig.RequestCount(), 1u);
     EXPECT_EQ(Seen()[0].irql, PASSIVE_LEVEL);  // sent from the work item
@@ -73,14 +78,14 @@ namespace {
 
 }  // namespace
 
-TEST(SendClassRequest, ADeferredRequestSendsTheCallersDataEvenAfterTheCallersFrameIsGone)
+TEST(DeferredRequests, ADeferredRequestSendsTheCallersDataEvenAfterTheCallersFrameIsGone)
 {
     Rig rig;
     rig.Start();
     EXPECT_EQ(SetSharpnessAtDispatchLevel(rig, 5), STATUS_SUCCESS);
     ClobberStack();
     EXPECT_EQ(rig.RequestCount(), 0u);
-    ASSERT_TRUE(kvsim::RunUntil([] { return kvsim::GetSchedCounters().workItemsPending == 0; }, kvsim::kSecond));
+    ASSERT_TRUE(RunTheWorkItems());
     ASSERT_EQ(rig.RequestCount(), 1u);
     EXPECT_EQ(Seen()[0].out, (std::vector<UCHAR>{0x05, 0x00}));
     EXPECT_EQ(Seen()[0].length, 2u);
@@ -88,7 +93,7 @@ TEST(SendClassRequest, ADeferredRequestSendsTheCallersDataEvenAfterTheCallersFra
     EXPECT_EQ(kvsim::PoolStatsForTag(kv::kTagRequest).currentCount, 1u);  // the record is gone
 }
 
-TEST(SendClassRequest, DeferralFailsWithInsufficientResourcesWhenTheRecordCannotBeAllocated)
+TEST(DeferredRequests, DeferralFailsWithInsufficientResourcesWhenTheRecordCannotBeAllocated)
 {
     Rig rig;
     rig.Start();
@@ -104,7 +109,7 @@ TEST(SendClassRequest, DeferralFailsWithInsufficientResourcesWhenTheRecordCannot
     EXPECT_EQ(kvsim::GetSchedCounters().workItemsPending, 0u);
 }
 
-TEST(GetDeviceProperty, ARequestDeferredAtDispatchLevelLeavesTheResultUnwritten)
+TEST(DeferredRequests, ARequestDeferredAtDispatchLevelLeavesTheResultUnwritten)
 {
     Rig rig;
     rig.Start();
@@ -115,7 +120,7 @@ TEST(GetDeviceProperty, ARequestDeferredAtDispatchLevelLeavesTheResultUnwritten)
     KeLowerIrql(old);
     EXPECT_EQ(status, STATUS_PENDING);
     EXPECT_EQ(value, 1234);  // no camera answer yet, so nothing is made up
-    ASSERT_TRUE(kvsim::RunUntil([] { return kvsim::GetSchedCounters().workItemsPending == 0; }, kvsim::kSecond));
+    ASSERT_TRUE(RunTheWorkItems());
     ASSERT_EQ(rig.RequestCount(), 1u);
     EXPECT_EQ(Seen()[0].request, UVC_GET_MAX);
     EXPECT_EQ(value, 1234);

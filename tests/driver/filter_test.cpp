@@ -2,8 +2,8 @@
 // ks.sys sees them (sim/client/ks_client.h) once the device has started
 // through the simulated PnP manager: the filter's categories, the three pins
 // in their order with categories, flows, communication, instances and data
-// ranges, the node and connection tables and their allocation, and the
-// filter object that each open creates. Open filters' part in idle power is
+// ranges, the node and connection tables, and the filter object that each
+// open creates. Open filters' part in idle power is
 // in idle_power_test.cpp.
 #include <gtest/gtest.h>
 
@@ -153,27 +153,6 @@ TEST_F(Filter, FourNodesAndSixConnectionsFromTheCameraTerminalToBothOutputPins)
         EXPECT_EQ(connections[i].FromNodePin, expected[i].FromNodePin);
         EXPECT_EQ(connections[i].ToNode, expected[i].ToNode);
         EXPECT_EQ(connections[i].ToNodePin, expected[i].ToNodePin);
-    }
-}
-
-// ---- The node and connection tables --------------------------------------------------------
-
-// Either table failing: the one allocated first goes back at once, and the
-// failure is reported.
-TEST(FilterTopology, EitherTableFailingFreesTheOtherAndIsReported)
-{
-    for (const char* tag : {"KVNd", "KVCn"}) {
-        SCOPED_TRACE(tag);
-        FilterTables tables;
-        kvsim::ClearDebugLog();
-        kvsim::PoolFailTag(kvsim::PoolTag(tag));
-        EXPECT_EQ(tables.InitNodeAndTopologyDescriptor(), STATUS_INSUFFICIENT_RESOURCES);
-        kvsim::PoolResetFaultInjection();
-        EXPECT_TRUE(DebugSaid(
-            "CCaptureDevice::InitNodeAndTopologyDescriptor() InitNodeDescriptorSize() Failed Status 0xc000009a\n"));
-        EXPECT_EQ(tables.m_pNodeDescriptors, nullptr);
-        EXPECT_EQ(tables.m_pTopologyConnections, nullptr);
-        EXPECT_EQ(kvsim::PoolLiveBlockCount(), 0u);
     }
 }
 

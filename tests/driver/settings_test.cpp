@@ -67,49 +67,6 @@ TEST(RegistryKeyPath, AfterClosingATwoComponentSubkeyTheNextOpenAppendsBelowProp
     EXPECT_EQ(path.KeyHandle(), nullptr);
 }
 
-TEST(RegistryKeyPath, ARawReadCopiesOnlyWhenTheDataFits)
-{
-    kvsim::RegReset();
-    kvsim::RegCreateKey(kData);
-    kvsim::RegSetValue(kData, "Long", REG_BINARY, {1, 2, 3, 4, 5, 6, 7, 8});
-    kvsim::RegSetValue(kData, "Short", REG_SZ, {0xAA, 0xBB});  // type is never checked
-    RegistryKeyPath path;
-    path.OpenRoot(KV_REGISTRY_SERVICE);
-    path.OpenSubkey(KV_REGISTRY_DATA);
-
-    UCHAR buffer[4] = {9, 9, 9, 9};
-    ULONG length = sizeof(buffer);
-    EXPECT_FALSE(NT_SUCCESS(path.ReadRaw(L"Long", buffer, &length)));
-    EXPECT_EQ(length, 4u);
-    EXPECT_EQ(buffer[0], 9);
-    EXPECT_EQ(buffer[3], 9);
-
-    length = sizeof(buffer);
-    EXPECT_EQ(path.ReadRaw(L"Short", buffer, &length), STATUS_SUCCESS);
-    EXPECT_EQ(length, 2u);
-    EXPECT_EQ(buffer[0], 0xAA);
-    EXPECT_EQ(buffer[1], 0xBB);
-    EXPECT_EQ(buffer[2], 9);  // nothing past the data
-
-    // The temporary buffer is "KVaT" and goes back before the call returns.
-    EXPECT_GT(kvsim::PoolStatsForTag(kvsim::PoolTag("KVaT")).totalAllocations, 0u);
-    EXPECT_EQ(kvsim::PoolStatsForTag(kvsim::PoolTag("KVaT")).currentCount, 0u);
-}
-
-TEST(RegistryKeyPath, WriteStringStoresTheUnitsAndATerminatingZero)
-{
-    kvsim::RegReset();
-    kvsim::RegCreateKey(kLast);
-    RegistryKeyPath path;
-    path.OpenRoot(KV_REGISTRY_SERVICE);
-    path.OpenSubkey(KV_REGISTRY_LAST);
-    ASSERT_EQ(path.WriteString(L"Name", L"abcdef", 3), STATUS_SUCCESS);  // only "abc"
-    auto value = kvsim::RegGetValue(kLast, "Name");
-    ASSERT_TRUE(value.has_value());
-    EXPECT_EQ(value->type, static_cast<uint32_t>(REG_SZ));
-    EXPECT_EQ(value->data, (std::vector<uint8_t>{'a', 0, 'b', 0, 'c', 0, 0, 0}));
-}
-
 // ---- The settings' share of the device start -------------------------------
 
 // The record starts with the slot table's values; of "\Data" only the two
