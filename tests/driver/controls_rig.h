@@ -1,11 +1,10 @@
-// Test rig for Parts 3.1 and 3.2 (tests/driver/driver_3_*_test.cpp): a
-// virtual camera plugged into the simulated USB bus, a recording lower
-// filter device attached above the bus's PDO (it notes every class request
-// that passes and hands every IRP on unchanged, as a real lower filter
-// does), and a CCaptureDevice brought up through Part 1.2's
-// ReadandSelectUsbDescriptors with its next-lower device pointing at the
-// filter. The service key's subkeys are created empty, as an installation
-// creates them.
+// Test rig for the settings and the control requests: a virtual camera
+// plugged into the simulated USB bus, a recording lower filter device
+// attached above the bus's PDO (it notes every class request that passes and
+// hands every IRP on unchanged, as a real lower filter does), and a
+// CCaptureDevice whose next-lower device is that filter, started as far as
+// the settings need: the USB configuration, then InitDeviceSettings. The
+// service key's subkeys are created empty, as an installation creates them.
 #pragma once
 #include <gtest/gtest.h>
 
@@ -18,18 +17,20 @@
 #include "controls/requests.h"
 #include "controls/settings.h"
 #include "device/device.h"
+#include "driver_test_support.h"
 #include "kvsim/io.h"
 #include "kvsim/registry.h"
 #include "kvsim/sched.h"
+#include "pooltag.h"
 #include "usb/usb_bus.h"
+#include "uvc.h"
 
 namespace controls_rig {
 
+using namespace drvtest;
 using kvsim::camera::CameraSpec;
 using kvsim::camera::UvcCamera;
 
-inline const std::string kService = "\\Registry\\Machine\\SYSTEM\\CurrentControlSet\\Services\\USBKV";
-inline const std::string kData = kService + "\\Data";
 inline const std::string kDefault = kService + "\\Property\\Default";
 inline const std::string kLast = kService + "\\Property\\Last";
 inline const std::string kCustomer = kService + "\\Property\\Customer";
@@ -65,18 +66,13 @@ inline NTSTATUS FilterPassThrough(PDEVICE_OBJECT device, PIRP irp)
         auto* urb = static_cast<PURB>(stack->Parameters.Others.Argument1);
         if (urb->UrbHeader.Function == URB_FUNCTION_CLASS_INTERFACE) {
             const auto& r = urb->UrbControlVendorClassRequest;
-            SeenRequest s;
-            s.request = r.Request;
-            s.value = r.Value;
-            s.index = r.Index;
-            s.length = r.TransferBufferLength;
-            s.flags = r.TransferFlags;
-            s.irql = KeGetCurrentIrql();
+            std::vector<UCHAR> out;
             if ((r.TransferFlags & USBD_TRANSFER_DIRECTION_IN) == 0 && r.TransferBuffer != nullptr) {
                 auto* p = static_cast<const UCHAR*>(r.TransferBuffer);
-                s.out.assign(p, p + r.TransferBufferLength);
+                out.assign(p, p + r.TransferBufferLength);
             }
-            Seen().push_back(s);
+            Seen().push_back(SeenRequest{r.Request, r.Value, r.Index, r.TransferBufferLength, r.TransferFlags, out,
+                                         KeGetCurrentIrql()});
         }
     }
     if (stack->MajorFunction == IRP_MJ_POWER) PoStartNextPowerIrp(irp);
@@ -90,11 +86,9 @@ inline NTSTATUS FilterEntry(PDRIVER_OBJECT driver, PUNICODE_STRING)
     return STATUS_SUCCESS;
 }
 
-inline std::vector<uint8_t> Bytes(std::initializer_list<uint8_t> b) { return b; }
-
 class Rig {
 public:
-    explicit Rig(const CameraSpec& spec = kvsim::camera::DefaultCameraSpec()) : spec_(spec)
+    explicit Rig(const CameraSpec& spec = kvsim::camera::DefaultCameraSpec())
     {
         kvsim::RegReset();
         for (const auto& key : {kData, kDefault, kLast, kCustomer}) kvsim::RegCreateKey(key);
@@ -107,20 +101,22 @@ public:
         static_cast<FilterExtension*>(filter_->DeviceExtension)->lower = IoAttachDeviceToDeviceStack(filter_, pdo_);
         filter_->Flags &= ~DO_DEVICE_INITIALIZING;
 
-        device_ = std::make_unique<CCaptureDevice>(nullptr);
-        device_->m_pFunctionalDeviceObject = filter_;
-        device_->m_pPhysicalDeviceObject = pdo_;
-        device_->m_pNextDeviceObject = filter_;
-        // Part 1.3 would take these from the video-control descriptors.
-        device_->ProcessingUnitControls = spec.processingUnitControls;
-        device_->CameraTerminalControls = spec.cameraTerminalControls;
+        ksDevice_.FunctionalDeviceObject = filter_;
+        ksDevice_.PhysicalDeviceObject = pdo_;
+        ksDevice_.NextDeviceObject = filter_;
+        device_ = std::make_unique<CCaptureDevice>(&ksDevice_);
+        // The format tables' walk would take these from the video-control
+        // descriptors.
+        device_->m_Formats.ProcessingUnitControls = spec.processingUnitControls;
+        device_->m_Formats.CameraTerminalControls = spec.cameraTerminalControls;
     }
 
     ~Rig()
     {
         // Deferred requests still queued must finish before the device goes.
         kvsim::RunUntil([] { return kvsim::GetSchedCounters().workItemsPending == 0; }, 10 * kvsim::kSecond);
-        device_->ReleaseSettings();
+        // Released twice (here and by the destructor): a second release is
+        // harmless, which every test thus checks under AddressSanitizer.
         device_->ReleaseAllocations();
         device_.reset();
         IoDetachDevice(pdo_);
@@ -129,18 +125,44 @@ public:
         kvsim::usb::Unplug(pdo_);
     }
 
-    // Part 1.2 (configures the camera), then Part 3.1's start share.
+    // The camera configured, then the settings' share of the device start.
     void Start()
     {
-        ASSERT_EQ(device_->ReadandSelectUsbDescriptors(), STATUS_SUCCESS);
+        ASSERT_EQ(device_->m_Usb.ReadandSelectUsbDescriptors(), STATUS_SUCCESS);
         ASSERT_EQ(device_->InitDeviceSettings(), STATUS_SUCCESS);
         Seen().clear();
     }
 
     CCaptureDevice& Dev() { return *device_; }
+    DeviceSettings& Settings() { return device_->m_Settings; }
+
+    // Calls into ControlRequests. The driver is built without RTTI, so this
+    // class with virtual functions has no typeinfo for UndefinedBehavior-
+    // Sanitizer's vptr check to compare with, and a checked call would not
+    // link: the tests call through these unchecked wrappers.
+    [[gnu::no_sanitize("vptr")]] NTSTATUS SetDeviceProperty(USHORT id, LONG value)
+    {
+        return device_->m_Requests.SetDeviceProperty(id, value);
+    }
+    [[gnu::no_sanitize("vptr")]] NTSTATUS GetDeviceProperty(USHORT id, UCHAR request, PLONG pValue)
+    {
+        return device_->m_Requests.GetDeviceProperty(id, request, pValue);
+    }
+    [[gnu::no_sanitize("vptr")]] NTSTATUS SendClassRequest(USHORT wIndex, UCHAR request, USHORT wValue, PVOID pBuffer,
+                                                            PULONG pLength)
+    {
+        return device_->m_Requests.SendClassRequest(wIndex, request, wValue, pBuffer, pLength);
+    }
+    // One of its device values (m_CapturePinRunning, m_ControlReady,
+    // m_SpecialFrameReload), read or written.
+    [[gnu::no_sanitize("vptr")]] ULONG& RequestsValue(ULONG ControlRequests::*member)
+    {
+        return device_->m_Requests.*member;
+    }
+
     UvcCamera& Camera() { return *camera_; }
-    LONG Slot(ULONG n) const { return device_->m_Property->Slot[n]; }
-    void SetSlot(ULONG n, LONG v) { device_->m_Property->Slot[n] = v; }
+    LONG Slot(ULONG n) const { return device_->m_Settings.m_Property->Slot[n]; }
+    void SetSlot(ULONG n, LONG v) { device_->m_Settings.m_Property->Slot[n] = v; }
     // The camera's current value of a control (entity 1 camera terminal, 3
     // processing unit; selector = wValue >> 8).
     int64_t CameraValue(uint8_t entity, uint8_t selector) const
@@ -150,11 +172,11 @@ public:
     size_t RequestCount() const { return Seen().size(); }
 
 private:
-    CameraSpec spec_;
     std::shared_ptr<UvcCamera> camera_;
     PDEVICE_OBJECT pdo_ = nullptr;
     PDRIVER_OBJECT driver_ = nullptr;
     PDEVICE_OBJECT filter_ = nullptr;
+    KSDEVICE ksDevice_{};
     std::unique_ptr<CCaptureDevice> device_;
 };
 

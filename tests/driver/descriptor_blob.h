@@ -1,4 +1,4 @@
-// Test helpers for Parts 1.2 and 1.3: a small writer of configuration
+// Test helpers for the descriptor walks: a small writer of configuration
 // descriptors byte by byte (so that tests can make odd, short and lying
 // descriptors the camera builder would never produce), and the real cameras'
 // descriptor files.

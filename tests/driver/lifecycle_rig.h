@@ -1,26 +1,21 @@
-// Test rig for Parts 1.1 and 1.4 (tests/driver/driver_1_1_*, driver_1_4_*):
-// the driver loaded into the simulation through its DriverEntry, a virtual
-// camera plugged into the simulated USB bus, the device added on the bus's
-// PDO by the simulated PnP manager, and the helpers the suites share (the
-// device object behind the FDO, the debug log, registry set-up, the pool).
-// The service key's subkeys are created empty, as an installation creates
-// them.
+// The whole device as Windows drives it: the driver loaded through its
+// DriverEntry, a virtual camera plugged into the simulated USB bus, the
+// device added on the bus's PDO and started, stopped and removed by the
+// simulated PnP manager (sim/ks/pnp.h), and the filter opened as a client
+// opens it. The service key's subkeys are created empty, as an installation
+// creates them.
 #pragma once
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <memory>
-#include <optional>
 #include <string>
-#include <vector>
 
 #include "camera/descriptor_builder.h"
 #include "camera/uvc_camera.h"
 #include "client/ks_client.h"
-#include "device/descriptors.h"
 #include "device/device.h"
+#include "driver_test_support.h"
 #include "ks/pnp.h"
-#include "kvsim/diag.h"
 #include "kvsim/pool.h"
 #include "kvsim/registry.h"
 #include "kvsim/sched.h"
@@ -30,19 +25,17 @@ extern "C" NTSTATUS DriverEntry(PDRIVER_OBJECT DriverObject, PUNICODE_STRING Reg
 
 namespace lifecycle_rig {
 
+using namespace drvtest;
 namespace cam = kvsim::camera;
 namespace pnp = kvsim::pnp;
 namespace usb = kvsim::usb;
-
-inline const std::string kService = "\\Registry\\Machine\\SYSTEM\\CurrentControlSet\\Services\\USBKV";
-inline const std::string kData = kService + "\\Data";
 
 inline std::shared_ptr<cam::UvcCamera> DefaultCamera()
 {
     return std::shared_ptr<cam::UvcCamera>(cam::UvcCamera::Create(cam::BuildDescriptors(cam::DefaultCameraSpec())));
 }
 
-// One of the real cameras of /work/shared/cameras (null when unreadable).
+// One of the real cameras of ../shared/cameras (null when unreadable).
 inline std::shared_ptr<cam::UvcCamera> SharedCamera(const std::string& name)
 {
     auto set = cam::LoadDescriptorFiles(std::string(KV_SHARED_DIR) + "/cameras", name);
@@ -50,34 +43,9 @@ inline std::shared_ptr<cam::UvcCamera> SharedCamera(const std::string& name)
     return std::shared_ptr<cam::UvcCamera>(cam::UvcCamera::Create(*set));
 }
 
-// "SWSetting" with bit 0 (idle power) set, the other bytes at their default.
-inline void EnableIdlePower() { kvsim::RegSetValue(kData, "SWSetting", REG_BINARY, {0x01, 0xC0, 0x01}); }
-
-inline bool DebugSaid(const std::string& text)
-{
-    auto all = kvsim::DebugMessages();
-    return std::find(all.begin(), all.end(), text) != all.end();
-}
-
-// Messages that begin with `prefix`.
-inline std::vector<std::string> DebugStartingWith(const std::string& prefix)
-{
-    std::vector<std::string> out;
-    for (const auto& m : kvsim::DebugMessages()) {
-        if (m.rfind(prefix, 0) == 0) out.push_back(m);
-    }
-    return out;
-}
-
-inline std::string Hex(NTSTATUS status)
-{
-    char text[16];
-    snprintf(text, sizeof(text), "0x%X", static_cast<unsigned>(status));
-    return text;
-}
-
 class Rig {
 public:
+    // idlePower: "SWSetting" with bit 0 set, the other bytes at their default.
     explicit Rig(std::shared_ptr<cam::UvcCamera> camera = DefaultCamera(), bool idlePower = false)
         : camera_(std::move(camera))
     {
@@ -85,7 +53,7 @@ public:
         for (const char* sub : {"\\Data", "\\Property\\Default", "\\Property\\Last", "\\Property\\Customer"}) {
             kvsim::RegCreateKey(kService + sub);
         }
-        if (idlePower) EnableIdlePower();
+        if (idlePower) kvsim::RegSetValue(kData, "SWSetting", REG_BINARY, {0x01, 0xC0, 0x01});
         pdo_ = usb::PlugCamera(camera_, usb::Speed::kHigh);
         NTSTATUS status = STATUS_UNSUCCESSFUL;
         driver_ = pnp::LoadDriver(u"USBKV", DriverEntry, &status);
@@ -120,9 +88,9 @@ public:
     void MarkRemoved() { removed_ = true; }
 
     PDEVICE_OBJECT Pdo() const { return pdo_; }
-    PDEVICE_OBJECT Fdo() const { return pdo_->AttachedDevice; }
-    PKSDEVICE KsDevice() const { return KsGetDeviceForDeviceObject(Fdo()); }
+    PKSDEVICE KsDevice() const { return KsGetDeviceForDeviceObject(pdo_->AttachedDevice); }
     CCaptureDevice& Dev() const { return *static_cast<CCaptureDevice*>(KsDevice()->Context); }
+    IdlePower& Idle() const { return Dev().m_Idle; }
     DEVICE_POWER_STATE BusPower() const { return usb::GetDeviceState(pdo_).power; }
 
     // The filter, opened through its first device interface under `category`.

@@ -1,10 +1,10 @@
-// Part 1.1: the idle timer's exact due times (5 s from the start, period
-// 5000 ms; re-armed 5 s after the set-power that follows a system-sleep
-// query). Split from driver_1_1_lifecycle_test.cpp because these tests read
-// DueTime - Now() to the 100 ns, which only the virtual clock gives: in
-// Parallel mode (the tsan preset) the clock is the host's and moves between
-// the KeSetTimerEx and the read. So this executable forces Virtual mode, as
-// ke_dispatcher_test does; the lifecycle file keeps its Parallel coverage.
+// The idle timer's exact due times: 5 s from the start, period 5000 ms, and
+// re-armed 5 s after the set-power that follows a system-sleep query. These
+// tests read DueTime - Now() to the 100 ns, which only the virtual clock
+// gives: in Parallel mode (the tsan preset) the clock is the host's and
+// moves between the KeSetTimerEx and the read. So this executable forces
+// Virtual mode, as ke_dispatcher_test does; idle_power_test.cpp keeps its
+// Parallel coverage.
 #include <gtest/gtest.h>
 
 #include "kvsim/sched.h"
@@ -19,25 +19,26 @@ const bool g_virtual = [] {
     return true;
 }();
 
-TEST(Part11IdleEnabled, StartArmsTheIdleTimerForFiveSecondsThenEvery5000ms)
+TEST(IdleTimer, StartArmsItForFiveSecondsThenEvery5000ms)
 {
     Rig rig(DefaultCamera(), /*idlePower=*/true);
     ASSERT_EQ(rig.AddAndStart(), STATUS_SUCCESS);
-    CCaptureDevice& dev = rig.Dev();
-    EXPECT_EQ(dev.m_IdlePowerEnabled, 1u);
-    EXPECT_EQ(dev.m_IdleActive, 1u);
+    const IdlePower& idle = rig.Idle();
+    EXPECT_EQ(idle.m_IdlePowerEnabled, 1u);
+    EXPECT_EQ(idle.m_IdleActive, 1u);
     EXPECT_EQ(kvsim::GetSchedCounters().timersArmed, 1u);
-    EXPECT_EQ(dev.m_IdleTimer.Period, 5000);
-    EXPECT_EQ(static_cast<LONGLONG>(dev.m_IdleTimer.DueTime.QuadPart) - kvsim::Now(), 5 * kvsim::kSecond);
+    EXPECT_EQ(DriverTestAccess::IdleTimer(idle).Period, 5000);
+    EXPECT_EQ(static_cast<LONGLONG>(DriverTestAccess::IdleTimer(idle).DueTime.QuadPart) - kvsim::Now(),
+              5 * kvsim::kSecond);
 }
 
-// Edge case: a system sleep (query-power action 2 or more) stops the idle
-// timer; the set-power that follows restarts it once.
-TEST(Part11SystemSleep, QueryPowerStopsTheIdleTimerAndTheNextSetPowerRestartsItOnce)
+// A system sleep (query-power action PowerActionSleep or beyond) stops the
+// idle timer; the set-power that follows restarts it once.
+TEST(IdleTimer, ASystemSleepQueryStopsItAndTheNextSetPowerRestartsItOnce)
 {
     Rig rig(DefaultCamera(), /*idlePower=*/true);
     ASSERT_EQ(rig.AddAndStart(), STATUS_SUCCESS);
-    CCaptureDevice& dev = rig.Dev();
+    const IdlePower& idle = rig.Idle();
     ASSERT_EQ(kvsim::GetSchedCounters().timersArmed, 1u);
     kvsim::ClearDebugLog();
     ASSERT_EQ(g_KvDeviceDescriptor.Dispatch->QueryPower(rig.KsDevice(), nullptr, PowerDeviceD3, PowerDeviceD0,
@@ -46,19 +47,20 @@ TEST(Part11SystemSleep, QueryPowerStopsTheIdleTimerAndTheNextSetPowerRestartsItO
               STATUS_SUCCESS);
     EXPECT_TRUE(DebugSaid("CCaptureDevice::DispatchQueryPower \n"));
     EXPECT_TRUE(DebugSaid("CCaptureDevice::DispatchQueryPower exit\n"));
-    EXPECT_EQ(dev.m_LastPowerAction, PowerActionSleep);
-    EXPECT_EQ(dev.m_SystemStateTo, PowerSystemSleeping3);
-    EXPECT_EQ(dev.m_SystemStateFrom, PowerSystemWorking);
-    EXPECT_EQ(dev.m_ResumePending, 1);
+    EXPECT_EQ(idle.m_LastPowerAction, PowerActionSleep);
+    EXPECT_EQ(idle.m_SystemStateTo, PowerSystemSleeping3);
+    EXPECT_EQ(idle.m_SystemStateFrom, PowerSystemWorking);
+    EXPECT_EQ(idle.m_ResumePending, 1);
     EXPECT_EQ(kvsim::GetSchedCounters().timersArmed, 0u);
 
     kvsim::ResetSchedCounters();
     ASSERT_EQ(pnp::SetDevicePower(rig.Pdo(), PowerDeviceD3), STATUS_SUCCESS);
     kvsim::RunUntilIdle();
-    EXPECT_EQ(dev.m_ResumePending, 0);
+    EXPECT_EQ(idle.m_ResumePending, 0);
     EXPECT_EQ(kvsim::GetSchedCounters().workItemsRun, 1u);
     EXPECT_EQ(kvsim::GetSchedCounters().timersArmed, 1u);
-    EXPECT_EQ(static_cast<LONGLONG>(dev.m_IdleTimer.DueTime.QuadPart) - kvsim::Now(), 5 * kvsim::kSecond);
+    EXPECT_EQ(static_cast<LONGLONG>(DriverTestAccess::IdleTimer(idle).DueTime.QuadPart) - kvsim::Now(),
+              5 * kvsim::kSecond);
 
     // The next set-power does not restart it again.
     ASSERT_EQ(pnp::SetDevicePower(rig.Pdo(), PowerDeviceD0), STATUS_SUCCESS);

@@ -1,14 +1,14 @@
-// Part 3.2: class requests made at DISPATCH_LEVEL are deferred to a work
-// item and reach the camera later. Split from driver_3_2_requests_test.cpp
-// because these tests look at the moment between the deferral and the work
-// item ("nothing sent yet"), which only the virtual clock's one-thread-at-a-
-// time scheduling holds still: in Parallel mode (the tsan preset) a worker
-// thread may run the item at once. So this executable forces Virtual mode,
-// as ke_dispatcher_test does; the requests file keeps its Parallel coverage.
+// Class requests made at DISPATCH_LEVEL are deferred to a work item and
+// reach the camera later. Apart from control_requests_test.cpp because these
+// tests look at the moment between the deferral and the work item ("nothing
+// sent yet"), which only the virtual clock's one-thread-at-a-time scheduling
+// holds still: in Parallel mode (the tsan preset) a worker thread may run the
+// item at once. So this executable forces Virtual mode, as
+// ke_dispatcher_test does; control_requests_test.cpp keeps its Parallel
+// coverage.
 #include <gtest/gtest.h>
 
 #include "controls_rig.h"
-#include "kvsim/diag.h"
 #include "kvsim/pool.h"
 #include "kvsim/sched.h"
 
@@ -21,9 +21,14 @@ const bool g_virtual = [] {
     return true;
 }();
 
+bool RunTheWorkItems()
+{
+    return kvsim::RunUntil([] { return kvsim::GetSchedCounters().workItemsPending == 0; }, kvsim::kSecond);
+}
+
 }  // namespace
 
-TEST(SendClassRequest, ARequestIssuedAtDispatchLevelIsDeferredAndReachesTheCameraLater)
+TEST(DeferredRequests, ARequestIssuedAtDispatchLevelIsDeferredAndReachesTheCameraLater)
 {
     Rig rig;
     rig.Start();
@@ -32,21 +37,21 @@ TEST(SendClassRequest, ARequestIssuedAtDispatchLevelIsDeferredAndReachesTheCamer
     static ULONG length = 2;
     KIRQL old;
     KeRaiseIrql(DISPATCH_LEVEL, &old);
-    NTSTATUS status = rig.Dev().SendClassRequest(UVC_ENTITY_PROCESSING_UNIT, UVC_SET_CUR, 0x0800, data, &length);
+    NTSTATUS status = rig.SendClassRequest(UVC_ENTITY_PROCESSING_UNIT, UVC_SET_CUR, 0x0800, data, &length);
     KeLowerIrql(old);
     EXPECT_EQ(status, STATUS_PENDING);
     EXPECT_EQ(rig.RequestCount(), 0u);              // nothing sent yet
     EXPECT_EQ(rig.CameraValue(3, 0x08), 3);         // the camera still has its default
-    EXPECT_EQ(kvsim::PoolStatsForTag(KV_TAG_REQUEST).currentCount, 2u);  // context + record
+    EXPECT_EQ(kvsim::PoolStatsForTag(kv::kTagRequest).currentCount, 2u);  // context + record
 
-    ASSERT_TRUE(kvsim::RunUntil([] { return kvsim::GetSchedCounters().workItemsPending == 0; }, kvsim::kSecond));
+    ASSERT_TRUE(RunTheWorkItems());
     EXPECT_EQ(rig.CameraValue(3, 0x08), 5);
     ASSERT_EQ(rig.RequestCount(), 1u);
     EXPECT_EQ(Seen()[0].irql, PASSIVE_LEVEL);  // sent from the work item
     EXPECT_EQ(kvsim::GetSchedCounters().workItemsRun, before.workItemsRun + 1);
     // The record and the URB are freed; the work item too (the I/O
     // manager's end-of-test check reports live work items and IRPs).
-    EXPECT_EQ(kvsim::PoolStatsForTag(KV_TAG_REQUEST).currentCount, 1u);
+    EXPECT_EQ(kvsim::PoolStatsForTag(kv::kTagRequest).currentCount, 1u);
     EXPECT_EQ(kvsim::LiveIrpCount(), 0u);
 }
 
@@ -55,11 +60,11 @@ namespace {
 // Sets a processing-unit control at DISPATCH_LEVEL from a frame of its own,
 // so that SetProcessingUnit's two-byte buffer and length are gone when the
 // work item runs.
-[[gnu::noinline]] NTSTATUS SetSharpnessAtDispatchLevel(CCaptureDevice& device, LONG value)
+[[gnu::noinline]] NTSTATUS SetSharpnessAtDispatchLevel(Rig& rig, LONG value)
 {
     KIRQL old;
     KeRaiseIrql(DISPATCH_LEVEL, &old);
-    NTSTATUS status = device.SetDeviceProperty(PROPID_SHARPNESS, value);
+    NTSTATUS status = rig.SetDeviceProperty(PROPID_SHARPNESS, value);
     KeLowerIrql(old);
     return status;
 }
@@ -73,49 +78,49 @@ namespace {
 
 }  // namespace
 
-TEST(SendClassRequest, ADeferredRequestSendsTheCallersDataEvenAfterTheCallersFrameIsGone)
+TEST(DeferredRequests, ADeferredRequestSendsTheCallersDataEvenAfterTheCallersFrameIsGone)
 {
     Rig rig;
     rig.Start();
-    EXPECT_EQ(SetSharpnessAtDispatchLevel(rig.Dev(), 5), STATUS_SUCCESS);
+    EXPECT_EQ(SetSharpnessAtDispatchLevel(rig, 5), STATUS_SUCCESS);
     ClobberStack();
     EXPECT_EQ(rig.RequestCount(), 0u);
-    ASSERT_TRUE(kvsim::RunUntil([] { return kvsim::GetSchedCounters().workItemsPending == 0; }, kvsim::kSecond));
+    ASSERT_TRUE(RunTheWorkItems());
     ASSERT_EQ(rig.RequestCount(), 1u);
     EXPECT_EQ(Seen()[0].out, (std::vector<UCHAR>{0x05, 0x00}));
     EXPECT_EQ(Seen()[0].length, 2u);
     EXPECT_EQ(rig.CameraValue(3, 0x08), 5);
-    EXPECT_EQ(kvsim::PoolStatsForTag(KV_TAG_REQUEST).currentCount, 1u);  // the record is gone
+    EXPECT_EQ(kvsim::PoolStatsForTag(kv::kTagRequest).currentCount, 1u);  // the record is gone
 }
 
-TEST(SendClassRequest, DeferralFailsWithInsufficientResourcesWhenTheRecordCannotBeAllocated)
+TEST(DeferredRequests, DeferralFailsWithInsufficientResourcesWhenTheRecordCannotBeAllocated)
 {
     Rig rig;
     rig.Start();
     UCHAR data[2] = {0x07, 0x00};
     ULONG length = 2;
-    kvsim::PoolFailTag(KV_TAG_REQUEST);
+    kvsim::PoolFailTag(kv::kTagRequest);
     KIRQL old;
     KeRaiseIrql(DISPATCH_LEVEL, &old);
-    NTSTATUS status = rig.Dev().SendClassRequest(UVC_ENTITY_PROCESSING_UNIT, UVC_SET_CUR, 0x0800, data, &length);
+    NTSTATUS status = rig.SendClassRequest(UVC_ENTITY_PROCESSING_UNIT, UVC_SET_CUR, 0x0800, data, &length);
     KeLowerIrql(old);
     kvsim::PoolResetFaultInjection();
     EXPECT_EQ(status, STATUS_INSUFFICIENT_RESOURCES);
     EXPECT_EQ(kvsim::GetSchedCounters().workItemsPending, 0u);
 }
 
-TEST(GetDeviceProperty, ARequestDeferredAtDispatchLevelLeavesTheResultUnwritten)
+TEST(DeferredRequests, ARequestDeferredAtDispatchLevelLeavesTheResultUnwritten)
 {
     Rig rig;
     rig.Start();
     LONG value = 1234;
     KIRQL old;
     KeRaiseIrql(DISPATCH_LEVEL, &old);
-    NTSTATUS status = rig.Dev().GetDeviceProperty(PROPID_BRIGHTNESS, UVC_GET_MAX, &value);
+    NTSTATUS status = rig.GetDeviceProperty(PROPID_BRIGHTNESS, UVC_GET_MAX, &value);
     KeLowerIrql(old);
     EXPECT_EQ(status, STATUS_PENDING);
     EXPECT_EQ(value, 1234);  // no camera answer yet, so nothing is made up
-    ASSERT_TRUE(kvsim::RunUntil([] { return kvsim::GetSchedCounters().workItemsPending == 0; }, kvsim::kSecond));
+    ASSERT_TRUE(RunTheWorkItems());
     ASSERT_EQ(rig.RequestCount(), 1u);
     EXPECT_EQ(Seen()[0].request, UVC_GET_MAX);
     EXPECT_EQ(value, 1234);

@@ -1,7 +1,7 @@
-// Part 1.3 fuzz test: a seeded random mutator over configuration descriptors
-// (the real cameras, the virtual camera's default set) fed to ExtractVSInfo
-// and ExtractStillInfo in buffers of exactly the bytes held, under
-// AddressSanitizer: no crash, no out-of-bounds read, no leak, and every
+// Fuzz test of the format tables: a seeded random mutator over configuration
+// descriptors (the real cameras, the virtual camera's default set) fed to
+// ExtractVSInfo and ExtractStillInfo in buffers of exactly the bytes held,
+// under AddressSanitizer: no crash, no out-of-bounds read, no leak, and every
 // successful table is consistent with its count. Bounded by iterations and
 // wall time so that it stays fast in CI; the seed is printed on failure.
 #include <gtest/gtest.h>
@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "camera/descriptor_builder.h"
-#include "device/device.h"
+#include "device/formats.h"
 #include "driver/descriptor_blob.h"
 #include "kvsim/diag.h"
 #include "kvsim/pool.h"
@@ -64,20 +64,20 @@ void CheckTable(NTSTATUS status, PKS_DATARANGE_VIDEO p, USHORT n)
 
 void RunOne(const std::vector<uint8_t>& bytes)
 {
-    CCaptureDevice device(nullptr);
+    FormatTables tables;
     // 1: a buffer of exactly the bytes held, walked with that bound.
     {
         std::vector<uint8_t> exact(bytes);
         auto pConfig = reinterpret_cast<PUSB_CONFIGURATION_DESCRIPTOR>(exact.data());
         USHORT n = 0;
         PKS_DATARANGE_VIDEO p = nullptr;
-        { const NTSTATUS status = device.ExtractVSInfo(pConfig, ULONG(exact.size()), &p, &n); CheckTable(status, p, n); }
+        { const NTSTATUS status = tables.ExtractVSInfo(pConfig, ULONG(exact.size()), &p, &n); CheckTable(status, p, n); }
         n = 0;
         p = nullptr;
-        { const NTSTATUS status = device.ExtractStillInfo(pConfig, ULONG(exact.size()), &p, &n); CheckTable(status, p, n); }
+        { const NTSTATUS status = tables.ExtractStillInfo(pConfig, ULONG(exact.size()), &p, &n); CheckTable(status, p, n); }
     }
-    // 2: the Part's form, bounded by wTotalLength alone: a buffer of exactly
-    // wTotalLength bytes, as ConfigureUsbDevice keeps it.
+    // 2: the start's form, bounded by wTotalLength alone: a buffer of exactly
+    // wTotalLength bytes, as the USB configuration keeps it.
     if (bytes.size() >= 9) {
         const size_t total = std::max<size_t>(9, bytes[2] | (bytes[3] << 8));
         std::vector<uint8_t> held(bytes);
@@ -87,14 +87,14 @@ void RunOne(const std::vector<uint8_t>& bytes)
         auto pConfig = reinterpret_cast<PUSB_CONFIGURATION_DESCRIPTOR>(held.data());
         USHORT n = 0;
         PKS_DATARANGE_VIDEO p = nullptr;
-        { const NTSTATUS status = device.ExtractVSInfo(pConfig, &p, &n); CheckTable(status, p, n); }
+        { const NTSTATUS status = tables.ExtractVSInfo(pConfig, &p, &n); CheckTable(status, p, n); }
         n = 0;
         p = nullptr;
-        { const NTSTATUS status = device.ExtractStillInfo(pConfig, &p, &n); CheckTable(status, p, n); }
+        { const NTSTATUS status = tables.ExtractStillInfo(pConfig, &p, &n); CheckTable(status, p, n); }
     }
 }
 
-TEST(Part13Fuzz, MutatedConfigurationDescriptorsNeverCrashReadOutOfBoundsOrLeak)
+TEST(DescriptorFuzz, MutatedConfigurationDescriptorsNeverCrashReadOutOfBoundsOrLeak)
 {
     std::vector<std::vector<uint8_t>> seeds;
     for (const auto& name : blob::RealCameras()) {

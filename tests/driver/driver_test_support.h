@@ -1,0 +1,68 @@
+// What the driver tests share: the service key's paths, the debug log, and
+// DriverTestAccess, which reaches the kernel objects the driver keeps
+// private (IdlePower and SelfTimer name it their friend; nothing else of
+// theirs is reached this way).
+#pragma once
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include "controls/interrupt.h"
+#include "device/power.h"
+#include "kvsim/diag.h"
+
+struct DriverTestAccess {
+    // The idle timer (its due time and period) and the idle pass's work item.
+    static const KTIMER& IdleTimer(const IdlePower& idle) { return idle.m_IdleTimer; }
+    static PIO_WORKITEM IdleWorkItem(const IdlePower& idle) { return idle.m_pIdleWorkItem; }
+
+    // Starts a countdown of `seconds` as the camera's button does: the DPC
+    // runs once a second from one second on.
+    static void StartCountdown(SelfTimer& timer, LONG seconds)
+    {
+        timer.m_CountdownCounter = seconds;
+        LARGE_INTEGER due;
+        due.QuadPart = -10'000'000;
+        KeSetTimerEx(&timer.m_CountdownTimer, due, 1000, &timer.m_CountdownDpc);
+    }
+};
+
+namespace drvtest {
+
+inline const std::string kService = "\\Registry\\Machine\\SYSTEM\\CurrentControlSet\\Services\\USBKV";
+inline const std::string kData = kService + "\\Data";
+
+// A debug message that is exactly `text`, or one that contains it.
+inline bool DebugSaid(const std::string& text)
+{
+    for (const auto& m : kvsim::DebugMessages()) {
+        if (m == text) return true;
+    }
+    return false;
+}
+inline bool DebugHas(const std::string& text)
+{
+    for (const auto& m : kvsim::DebugMessages()) {
+        if (m.find(text) != std::string::npos) return true;
+    }
+    return false;
+}
+
+// Messages that begin with `prefix`.
+inline std::vector<std::string> DebugStartingWith(const std::string& prefix)
+{
+    std::vector<std::string> out;
+    for (const auto& m : kvsim::DebugMessages()) {
+        if (m.rfind(prefix, 0) == 0) out.push_back(m);
+    }
+    return out;
+}
+
+inline std::string Hex(NTSTATUS status)
+{
+    char text[16];
+    snprintf(text, sizeof(text), "0x%X", static_cast<unsigned>(status));
+    return text;
+}
+
+}  // namespace drvtest

@@ -1,0 +1,182 @@
+// Idle power and the device's power states, with the whole device started
+// by the simulated PnP manager: an idle camera goes to D3 after an idle pass,
+// a stream or an open filter keeps it in D0 (opening a filter powers it up
+// again), a system sleep stops the idle timer and the set-power after it
+// restarts it once, and stop, remove or a failed start leave no idle routine
+// running. With idle power disabled ("SWSetting" bit 0 clear) nothing of it
+// runs. The idle timer's exact due times are in idle_timer_test.cpp.
+#include <gtest/gtest.h>
+
+#include "lifecycle_rig.h"
+
+namespace {
+
+using namespace lifecycle_rig;
+
+TEST(IdlePower, WhenDisabledNoIdleTimerDpcOrWorkItemIsEverArmed)
+{
+    Rig rig;
+    ASSERT_EQ(rig.AddAndStart(), STATUS_SUCCESS);
+    ASSERT_EQ(rig.Idle().m_IdlePowerEnabled, 0u);
+    EXPECT_EQ(rig.Idle().m_IdleActive, 0u);
+    EXPECT_EQ(kvsim::GetSchedCounters().timersArmed, 0u);
+    kvsim::ResetSchedCounters();
+    kvsim::RunFor(60 * kvsim::kSecond);
+    auto counters = kvsim::GetSchedCounters();
+    EXPECT_EQ(counters.timersArmed, 0u);
+    EXPECT_EQ(counters.dpcsRun, 0u);
+    EXPECT_EQ(counters.workItemsQueued, 0u);
+    EXPECT_EQ(rig.BusPower(), PowerDeviceD0);
+    // A system sleep announced to it does not start anything either.
+    ASSERT_EQ(pnp::SleepSystem(rig.Pdo()), STATUS_SUCCESS);
+    ASSERT_EQ(pnp::WakeSystem(rig.Pdo()), STATUS_SUCCESS);
+    kvsim::RunFor(20 * kvsim::kSecond);
+    EXPECT_EQ(kvsim::GetSchedCounters().workItemsQueued, 0u);
+    EXPECT_EQ(kvsim::GetSchedCounters().timersArmed, 0u);
+    EXPECT_EQ(rig.Idle().m_ResumePending, 0);
+}
+
+// With idle power, stop first asks for D0 and ends idle management; without
+// it, stop asks for no power (a camera its power policy owner put in D3
+// stays there through the stop).
+TEST(IdlePower, StopPowersTheCameraUpOnlyWhenIdlePowerIsEnabled)
+{
+    for (bool idlePower : {false, true}) {
+        SCOPED_TRACE(idlePower ? "idle power enabled" : "idle power disabled");
+        Rig rig(DefaultCamera(), idlePower);
+        ASSERT_EQ(rig.AddAndStart(), STATUS_SUCCESS);
+        ASSERT_EQ(pnp::SetDevicePower(rig.Pdo(), PowerDeviceD3), STATUS_SUCCESS);
+        ASSERT_EQ(rig.BusPower(), PowerDeviceD3);
+        ASSERT_EQ(rig.Stop(), STATUS_SUCCESS);
+        EXPECT_EQ(rig.BusPower(), idlePower ? PowerDeviceD0 : PowerDeviceD3);
+        EXPECT_EQ(kvsim::GetSchedCounters().timersArmed, 0u);
+        kvsim::ResetSchedCounters();
+        kvsim::RunFor(20 * kvsim::kSecond);
+        EXPECT_EQ(kvsim::GetSchedCounters().dpcsRun, 0u);
+        EXPECT_EQ(kvsim::RegGetDword(kData, "DeviceExist"), 2u);
+    }
+}
+
+TEST(IdlePower, AnIdleDeviceGoesToD3AfterTheFirstIdlePass)
+{
+    Rig rig(DefaultCamera(), /*idlePower=*/true);
+    ASSERT_EQ(rig.AddAndStart(), STATUS_SUCCESS);
+    g_KvIdlePowerDownRequested = 0;
+    kvsim::RunFor(4 * kvsim::kSecond);
+    EXPECT_EQ(rig.BusPower(), PowerDeviceD0);
+    EXPECT_EQ(rig.Idle().m_DevicePowerState, 1u);
+    kvsim::RunFor(2 * kvsim::kSecond);
+    EXPECT_EQ(rig.BusPower(), PowerDeviceD3);
+    EXPECT_EQ(rig.Idle().m_DevicePowerState, static_cast<ULONG>(PowerDeviceD3));
+    EXPECT_EQ(g_KvIdlePowerDownRequested, 1u);
+    EXPECT_EQ(DriverTestAccess::IdleWorkItem(rig.Idle()), nullptr);
+    // Later passes find it powered down and leave it there.
+    kvsim::ResetSchedCounters();
+    kvsim::RunFor(20 * kvsim::kSecond);
+    EXPECT_EQ(kvsim::GetSchedCounters().workItemsQueued, 0u);
+    EXPECT_EQ(rig.BusPower(), PowerDeviceD3);
+}
+
+TEST(IdlePower, ABusyStreamKeepsTheDeviceInD0)
+{
+    Rig rig(DefaultCamera(), /*idlePower=*/true);
+    ASSERT_EQ(rig.AddAndStart(), STATUS_SUCCESS);
+    rig.Idle().m_StreamBusy = 1;
+    kvsim::RunFor(30 * kvsim::kSecond);
+    EXPECT_EQ(rig.BusPower(), PowerDeviceD0);
+    rig.Idle().m_StreamBusy = 0;
+    kvsim::RunFor(6 * kvsim::kSecond);
+    EXPECT_EQ(rig.BusPower(), PowerDeviceD3);
+}
+
+// Open filters are counted; opening one while the camera is powered down for
+// idleness powers it up before the first pin is created, and closing the
+// last lets the next idle pass power it down again.
+TEST(IdlePower, OpenFiltersKeepTheCameraInD0AndTheFirstOpenPowersItUp)
+{
+    Rig rig(DefaultCamera(), /*idlePower=*/true);
+    ASSERT_EQ(rig.AddAndStart(), STATUS_SUCCESS);
+    kvsim::RunFor(6 * kvsim::kSecond);
+    ASSERT_EQ(rig.BusPower(), PowerDeviceD3);
+
+    auto filter = rig.OpenFilter(KSCATEGORY_VIDEO);
+    ASSERT_NE(filter, nullptr);
+    // Back in D0 as soon as the open has returned, before any pin exists.
+    EXPECT_EQ(rig.BusPower(), PowerDeviceD0);
+    EXPECT_EQ(rig.Idle().m_DevicePowerState, 1u);
+    EXPECT_EQ(rig.Idle().m_OpenFilterCount, 1u);
+    auto second = rig.OpenFilter(KSCATEGORY_CAPTURE);
+    ASSERT_NE(second, nullptr);
+    EXPECT_EQ(rig.Idle().m_OpenFilterCount, 2u);
+    second->Close();
+    EXPECT_EQ(rig.Idle().m_OpenFilterCount, 1u);
+
+    // Idle passes leave an open filter's device powered.
+    kvsim::RunFor(30 * kvsim::kSecond);
+    EXPECT_EQ(rig.BusPower(), PowerDeviceD0);
+
+    filter->Close();
+    EXPECT_EQ(rig.Idle().m_OpenFilterCount, 0u);
+    EXPECT_EQ(rig.BusPower(), PowerDeviceD0);
+    kvsim::RunFor(6 * kvsim::kSecond);
+    EXPECT_EQ(rig.BusPower(), PowerDeviceD3);
+    EXPECT_EQ(rig.Idle().m_DevicePowerState, static_cast<ULONG>(PowerDeviceD3));
+}
+
+// Without idle power an open neither counts nor asks for power; the close
+// still decrements (the count is never read then). Set-power records the
+// states entered and left.
+TEST(IdlePower, WhenDisabledAnOpenFilterNeitherCountsNorPowersUp)
+{
+    Rig rig;
+    ASSERT_EQ(rig.AddAndStart(), STATUS_SUCCESS);
+    ASSERT_EQ(pnp::SetDevicePower(rig.Pdo(), PowerDeviceD3), STATUS_SUCCESS);
+    EXPECT_EQ(rig.Idle().m_DevicePowerState, static_cast<ULONG>(PowerDeviceD3));
+    EXPECT_EQ(rig.Idle().m_DevicePowerStateFrom, PowerDeviceD0);
+    auto filter = rig.OpenFilter(KSCATEGORY_VIDEO);
+    ASSERT_NE(filter, nullptr);
+    EXPECT_EQ(rig.BusPower(), PowerDeviceD3);
+    EXPECT_EQ(rig.Idle().m_OpenFilterCount, 0u);
+    filter->Close();
+    EXPECT_EQ(rig.Idle().m_OpenFilterCount, static_cast<ULONG>(-1));
+    ASSERT_EQ(pnp::SetDevicePower(rig.Pdo(), PowerDeviceD0), STATUS_SUCCESS);
+    EXPECT_EQ(rig.Idle().m_DevicePowerState, 1u);
+    EXPECT_EQ(rig.Idle().m_DevicePowerStateFrom, PowerDeviceD3);
+}
+
+TEST(IdlePower, ASystemSleepAndWakeRestartTheIdleTimerExactlyOnce)
+{
+    Rig rig(DefaultCamera(), /*idlePower=*/true);
+    ASSERT_EQ(rig.AddAndStart(), STATUS_SUCCESS);
+    kvsim::ResetSchedCounters();
+    ASSERT_EQ(pnp::SleepSystem(rig.Pdo()), STATUS_SUCCESS);
+    ASSERT_EQ(pnp::WakeSystem(rig.Pdo()), STATUS_SUCCESS);
+    kvsim::RunUntilIdle();
+    EXPECT_EQ(kvsim::GetSchedCounters().workItemsQueued, 1u);
+    EXPECT_EQ(kvsim::GetSchedCounters().timersArmed, 1u);
+    EXPECT_EQ(rig.Idle().m_LastPowerAction, PowerActionSleep);
+    EXPECT_EQ(rig.Idle().m_DevicePowerState, 1u);
+    // The restarted scheme still powers an idle device down.
+    kvsim::RunFor(6 * kvsim::kSecond);
+    EXPECT_EQ(rig.BusPower(), PowerDeviceD3);
+}
+
+// A start that fails after the idle timer was armed gets no stop from KS:
+// remove ends the idle scheme, so no timer or DPC outlives the device.
+TEST(IdlePower, RemoveEndsTheIdleSchemeAFailedStartLeftRunning)
+{
+    Rig rig(DefaultCamera(), /*idlePower=*/true);
+    ASSERT_EQ(rig.Add(), STATUS_SUCCESS);
+    kvsim::PoolFailTag(kvsim::PoolTag("KVVs"));
+    EXPECT_EQ(rig.Start(), STATUS_INSUFFICIENT_RESOURCES);
+    kvsim::PoolResetFaultInjection();
+    EXPECT_EQ(kvsim::GetSchedCounters().timersArmed, 1u);
+    rig.Remove();
+    EXPECT_EQ(kvsim::GetSchedCounters().timersArmed, 0u);
+    kvsim::ResetSchedCounters();
+    kvsim::RunFor(20 * kvsim::kSecond);
+    EXPECT_EQ(kvsim::GetSchedCounters().dpcsRun, 0u);
+    EXPECT_EQ(kvsim::PoolLiveBlockCount(), 0u) << ::testing::PrintToString(kvsim::PoolLeakReport());
+}
+
+}  // namespace

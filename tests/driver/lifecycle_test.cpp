@@ -1,0 +1,323 @@
+// Driver entry and the device's life as Windows drives it, with the virtual
+// camera on the simulated USB bus: Add, the start sequence and its failure at
+// every allocation, stop, remove, surprise removal, capabilities, the
+// self-timer's countdown, and the three real cameras. Idle power is in
+// idle_power_test.cpp.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+
+#include "lifecycle_rig.h"
+
+namespace {
+
+using namespace lifecycle_rig;
+
+constexpr NTSTATUS kNoMemory = STATUS_INSUFFICIENT_RESOURCES;
+
+// The tags of the driver's blocks still held, sorted ("KV..." only: ks.sys
+// and the I/O manager keep blocks of their own).
+std::vector<std::string> DriverBlockTags()
+{
+    std::vector<std::string> tags;
+    for (const auto& block : kvsim::PoolLiveBlocks()) {
+        const std::string tag = kvsim::PoolTagText(block.tag);
+        if (tag.rfind("KV", 0) == 0) tags.push_back(tag);
+    }
+    std::sort(tags.begin(), tags.end());
+    return tags;
+}
+
+// ---- Add --------------------------------------------------------------------------------
+
+// The device object's own allocation ("KVaC") failing gives
+// STATUS_INSUFFICIENT_RESOURCES; then every allocation of the add in turn
+// (I/O manager, ks.sys, the driver): the add succeeds or leaves nothing.
+TEST(DeviceAdd, AnAllocationFailureAtAnyAllocationLeavesNothing)
+{
+    {
+        Rig rig;
+        kvsim::PoolFailTag(kvsim::PoolTag("KVaC"));
+        EXPECT_EQ(rig.Add(), kNoMemory);
+        kvsim::PoolResetFaultInjection();
+        EXPECT_FALSE(pnp::HasFunctionDevice(rig.Pdo()));
+    }
+    uint64_t allocations = 0;
+    {
+        Rig rig;
+        const uint64_t before = kvsim::PoolAllocationCount();
+        ASSERT_EQ(rig.Add(), STATUS_SUCCESS);
+        allocations = kvsim::PoolAllocationCount() - before;
+    }
+    kvsim::PoolEndOfTestCheck();
+    ASSERT_GE(allocations, 2u);
+    size_t failures = 0;
+    for (uint64_t n = 1; n <= allocations; ++n) {
+        SCOPED_TRACE("allocation #" + std::to_string(n));
+        Rig rig;
+        kvsim::PoolFailNthAllocation(n);
+        NTSTATUS status = rig.Add();
+        kvsim::PoolResetFaultInjection();
+        if (!NT_SUCCESS(status)) {
+            ++failures;
+            EXPECT_FALSE(pnp::HasFunctionDevice(rig.Pdo()));
+            EXPECT_EQ(kvsim::PoolLiveBlockCount(), 0u) << ::testing::PrintToString(kvsim::PoolLeakReport());
+        } else {
+            EXPECT_EQ(kvsim::PoolStatsForTag(kvsim::PoolTag("KVaC")).currentCount, 1u);
+        }
+    }
+    EXPECT_GE(failures, 2u);
+}
+
+// ---- Start ------------------------------------------------------------------------------
+
+TEST(DeviceStart, TheDefaultCameraStartsWithItsTablesOnTheFilterFactory)
+{
+    kvsim::ClearDebugLog();
+    Rig rig;
+    EXPECT_TRUE(DebugSaid("init Driver entry get called\n"));
+    ASSERT_EQ(rig.AddAndStart(), STATUS_SUCCESS);
+    const CCaptureDevice& dev = rig.Dev();
+    const FilterTables& f = dev.m_Filter;
+    const FormatTables& t = dev.m_Formats;
+    EXPECT_TRUE(f.m_FilterFactoryCreated);
+    EXPECT_NE(f.m_pFilterFactory, nullptr);
+    EXPECT_EQ(dev.m_Requests.m_ControlReady, 1u);
+    EXPECT_NE(dev.m_Settings.m_Property, nullptr);
+    EXPECT_GT(t.m_nCaptureTable, 0);
+    EXPECT_GT(t.m_nStillTable, 0);
+    EXPECT_EQ(f.m_FilterDescriptor.PinDescriptors, f.m_PinDescriptors);
+    EXPECT_EQ(f.m_FilterDescriptor.PinDescriptorsCount, 3u);
+    EXPECT_EQ(f.m_FilterDescriptor.PinDescriptorSize, 136u);
+    EXPECT_EQ(f.m_FilterDescriptor.NodeDescriptorsCount, 4u);
+    EXPECT_EQ(f.m_FilterDescriptor.NodeDescriptorSize, 24u);
+    EXPECT_EQ(f.m_FilterDescriptor.NodeDescriptors, f.m_pNodeDescriptors);
+    EXPECT_EQ(f.m_FilterDescriptor.ConnectionsCount, 6u);
+    EXPECT_EQ(f.m_FilterDescriptor.Connections, f.m_pTopologyConnections);
+    const KSPIN_DESCRIPTOR& capture = f.m_PinDescriptors[KV_PIN_CAPTURE].PinDescriptor;
+    ASSERT_EQ(capture.DataRangesCount, t.m_nCaptureTable);
+    for (ULONG i = 0; i < capture.DataRangesCount; ++i) {
+        EXPECT_EQ(static_cast<const void*>(capture.DataRanges[i]), static_cast<const void*>(&t.m_pCaptureTable[i]));
+    }
+    const KSPIN_DESCRIPTOR& still = f.m_PinDescriptors[KV_PIN_STILL].PinDescriptor;
+    ASSERT_EQ(still.DataRangesCount, t.m_nStillTable);
+    EXPECT_EQ(static_cast<const void*>(still.DataRanges[0]), static_cast<const void*>(&t.m_pStillTable[0]));
+    // The factory's device interfaces are on: a client finds the filter.
+    EXPECT_FALSE(kvsim::client::EnumerateFilters(KSCATEGORY_VIDEO).empty());
+    EXPECT_EQ(kvsim::RegGetDword(kData, "DeviceExist"), 1u);
+    // Every lasting block carries its owner's tag.
+    EXPECT_EQ(DriverBlockTags(), (std::vector<std::string>{"KVB1", "KVCn", "KVNd", "KVVd", "KVVp", "KVVr", "KVVs",
+                                                           "KVaC", "KVaT", "KVcd", "KVdd", "KVle", "KVrb", "KVtx"}));
+
+    // A start dispatched to a device that is already started does nothing.
+    const uint64_t before = kvsim::PoolAllocationCount();
+    PKSDEVICE ks = rig.KsDevice();
+    ASSERT_TRUE(ks->Started);
+    EXPECT_EQ(g_KvDeviceDescriptor.Dispatch->Start(ks, nullptr, nullptr, nullptr), STATUS_SUCCESS);
+    EXPECT_EQ(kvsim::PoolAllocationCount(), before);
+}
+
+// Every allocation of the start sequence failing in turn (USB requests and
+// descriptors, settings, format tables, the pins' data ranges, the node
+// tables, ks.sys's factory): the start fails with the status of the step the
+// allocation belongs to and that step's one line, or succeeds where the step
+// does without it (registry buffers, the bus interface); no filter factory
+// is left after a failure, and remove ("PnP Remove") frees everything and
+// detaches the device. Over the sweep every
+// step's line appears, in the order of the steps.
+TEST(DeviceStart, AnAllocationFailureAtAnyAllocationFailsTheStartAtItsStepAndRemoveFreesEverything)
+{
+    uint64_t allocations = 0;
+    {
+        Rig rig;
+        ASSERT_EQ(rig.Add(), STATUS_SUCCESS);
+        const uint64_t before = kvsim::PoolAllocationCount();
+        ASSERT_EQ(rig.Start(), STATUS_SUCCESS);
+        allocations = kvsim::PoolAllocationCount() - before;
+    }
+    kvsim::PoolEndOfTestCheck();
+    ASSERT_GT(allocations, 10u);
+    const std::string nm = " (Status " + Hex(kNoMemory) + " )";
+    const std::vector<std::string> stepLines = {
+        "Kvdrv PnP start exit1" + nm,
+        "Kvdrv PnP start exit2" + nm,
+        "Kvdrv PnP start : ExtractVSInfo return error" + nm,
+        "Kvdrv PnP start exit3" + nm,
+        "Kvdrv PnP start : ExtractStillInfo return error" + nm,
+        "Kvdrv PnP start exit4" + nm,
+        "CCaptureDevice::InitNodeAndTopologyDescriptor() InitNodeDescriptorSize() Failed Status 0xc000009a\n",
+    };
+    std::vector<std::string> seen;  // the lines of the failed starts, repeats folded
+    size_t failedStarts = 0;
+    for (uint64_t n = 1; n <= allocations; ++n) {
+        SCOPED_TRACE("allocation #" + std::to_string(n));
+        Rig rig;
+        ASSERT_EQ(rig.Add(), STATUS_SUCCESS);
+        kvsim::ClearDebugLog();
+        kvsim::PoolFailNthAllocation(n);
+        NTSTATUS status = rig.Start();
+        const bool injected = kvsim::PoolInjectedFailureCount() == 1;
+        kvsim::PoolResetFaultInjection();
+        EXPECT_TRUE(injected);
+        if (!NT_SUCCESS(status)) {
+            ++failedStarts;
+            auto lines = DebugStartingWith("Kvdrv PnP start");
+            auto topology = DebugStartingWith("CCaptureDevice::InitNodeAndTopologyDescriptor()");
+            // The first failing step ends the start. The factory's step and a
+            // start IRP the I/O manager could not allocate print no line.
+            EXPECT_LE(lines.size() + topology.size(), 1u);
+            if (lines.size() == 1) {
+                EXPECT_NE(lines[0].find("(Status " + Hex(status) + " )"), std::string::npos) << lines[0];
+            }
+            lines.insert(lines.end(), topology.begin(), topology.end());
+            for (const auto& line : lines) {
+                if (seen.empty() || seen.back() != line) seen.push_back(line);
+            }
+            EXPECT_FALSE(rig.Dev().m_Filter.m_FilterFactoryCreated);
+        } else {
+            EXPECT_TRUE(rig.Dev().m_Filter.m_FilterFactoryCreated);
+        }
+        kvsim::ClearDebugLog();
+        rig.Remove();
+        EXPECT_TRUE(DebugSaid("PnP Remove\n"));
+        EXPECT_EQ(kvsim::PoolLiveBlockCount(), 0u) << ::testing::PrintToString(kvsim::PoolLeakReport());
+        EXPECT_FALSE(pnp::HasFunctionDevice(rig.Pdo()));
+        kvsim::PoolEndOfTestCheck();
+    }
+    EXPECT_GT(failedStarts, 8u);
+    EXPECT_EQ(seen, stepLines);
+}
+
+// The real cameras of ../shared/cameras: the one with still-image
+// descriptors starts; the two without fail the start in ExtractStillInfo,
+// after the capture table was made, and remove frees what the start left.
+struct RealCamera {
+    const char* name;
+    NTSTATUS start;
+};
+void PrintTo(const RealCamera& camera, std::ostream* os) { *os << camera.name; }
+
+class RealCameraStart : public ::testing::TestWithParam<RealCamera> {};
+
+TEST_P(RealCameraStart, StartsOnlyWithStillImageDescriptors)
+{
+    auto camera = SharedCamera(GetParam().name);
+    ASSERT_NE(camera, nullptr);
+    Rig rig(camera);
+    ASSERT_EQ(rig.Add(), STATUS_SUCCESS);
+    kvsim::ClearDebugLog();
+    EXPECT_EQ(rig.Start(), GetParam().start);
+    EXPECT_GT(rig.Dev().m_Formats.m_nCaptureTable, 0);
+    if (NT_SUCCESS(GetParam().start)) {
+        EXPECT_GT(rig.Dev().m_Formats.m_nStillTable, 0);
+    } else {
+        EXPECT_TRUE(DebugSaid("Kvdrv PnP start : ExtractStillInfo return error (Status 0xC000000D )"));
+        rig.Remove();
+        EXPECT_EQ(kvsim::PoolLiveBlockCount(), 0u);
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(SharedCameras, RealCameraStart,
+                         ::testing::Values(RealCamera{"trust_webcam", STATUS_SUCCESS},
+                                           RealCamera{"logitech_c270", STATUS_INVALID_PARAMETER},
+                                           RealCamera{"elp_h264", STATUS_INVALID_PARAMETER}),
+                         [](const auto& info) { return std::string(info.param.name); });
+
+// ---- Stop, remove, surprise removal, capabilities ------------------------------------------
+
+// Stop writes "DeviceExist" = 2, deconfigures the camera and frees the
+// driver's blocks but the device object (ks.sys keeps its device and object
+// bag); the device then starts again.
+TEST(DeviceStop, WritesDeviceExist2FreesTheAllocationsAndTheDeviceStartsAgain)
+{
+    Rig rig;
+    ASSERT_EQ(rig.AddAndStart(), STATUS_SUCCESS);
+    ASSERT_EQ(kvsim::RegGetDword(kData, "DeviceExist"), 1u);
+    ASSERT_EQ(rig.Stop(), STATUS_SUCCESS);
+    EXPECT_EQ(kvsim::RegGetDword(kData, "DeviceExist"), 2u);
+    EXPECT_EQ(DriverBlockTags(), std::vector<std::string>{"KVaC"});
+    EXPECT_FALSE(usb::GetDeviceState(rig.Pdo()).configured);
+    EXPECT_EQ(rig.Dev().m_Formats.m_pCaptureTable, nullptr);
+    EXPECT_EQ(rig.Dev().m_Settings.m_Property, nullptr);
+    EXPECT_TRUE(kvsim::client::EnumerateFilters(KSCATEGORY_VIDEO).empty());
+
+    ASSERT_EQ(rig.Start(), STATUS_SUCCESS);
+    EXPECT_TRUE(rig.Dev().m_Filter.m_FilterFactoryCreated);
+    EXPECT_EQ(kvsim::client::EnumerateFilters(KSCATEGORY_VIDEO).size(), 1u);
+    EXPECT_EQ(kvsim::RegGetDword(kData, "DeviceExist"), 1u);
+}
+
+// A camera pulled out: idle management ends at once (no power request, no
+// idle pass after it), and the remove that follows frees everything.
+TEST(DeviceSurpriseRemoval, EndsIdleManagementAndTheFinalRemoveFreesEverything)
+{
+    Rig rig(DefaultCamera(), /*idlePower=*/true);
+    ASSERT_EQ(rig.AddAndStart(), STATUS_SUCCESS);
+    ASSERT_EQ(rig.Idle().m_IdleActive, 1u);
+    ASSERT_EQ(kvsim::GetSchedCounters().timersArmed, 1u);
+    usb::SurpriseRemove(rig.Pdo());
+    ASSERT_EQ(pnp::SurpriseRemoveDevice(rig.Pdo()), STATUS_SUCCESS);
+    EXPECT_EQ(rig.Idle().m_IdleActive, 0u);
+    EXPECT_EQ(kvsim::GetSchedCounters().timersArmed, 0u);
+    kvsim::ResetSchedCounters();
+    kvsim::RunFor(20 * kvsim::kSecond);
+    EXPECT_EQ(kvsim::GetSchedCounters().workItemsQueued, 0u);
+    kvsim::ClearDebugLog();
+    rig.MarkRemoved();
+    pnp::FinishSurpriseRemoval(rig.Pdo());
+    EXPECT_TRUE(DebugSaid("PnP Remove\n"));
+    EXPECT_EQ(kvsim::PoolLiveBlockCount(), 0u) << ::testing::PrintToString(kvsim::PoolLeakReport());
+}
+
+// The camera may be pulled out without warning and is not offered for
+// ejection. QueryCapabilities is pageable: above APC_LEVEL it prints the
+// IRQL line and goes on.
+TEST(DeviceCapabilities, ClearRemovableAndSetSurpriseRemovalOK)
+{
+    Rig rig;
+    ASSERT_EQ(rig.AddAndStart(), STATUS_SUCCESS);
+    kvsim::ClearDebugLog();
+    DEVICE_CAPABILITIES caps{};
+    ASSERT_EQ(pnp::QueryCapabilities(rig.Pdo(), &caps), STATUS_SUCCESS);
+    EXPECT_EQ(caps.Removable, 0u);
+    EXPECT_EQ(caps.SurpriseRemovalOK, 1u);
+    EXPECT_TRUE(DebugStartingWith("EX: Pageable").empty());
+
+    caps = DEVICE_CAPABILITIES{};
+    KIRQL old = KeRaiseIrqlToDpcLevel();
+    g_KvDeviceDescriptor.Dispatch->QueryCapabilities(rig.KsDevice(), nullptr, &caps);
+    KeLowerIrql(old);
+    EXPECT_TRUE(DebugSaid("EX: Pageable code called at IRQL 2\n"));
+    EXPECT_EQ(caps.SurpriseRemovalOK, 1u);
+}
+
+// ---- The self-timer's countdown ------------------------------------------------------------
+
+// The DPC counts down once a second; the second after 0 it asks for a still
+// (no longer a software trigger) and stops the timer. Stop cancels a
+// countdown that runs.
+TEST(SelfTimerCountdown, CountsDownThenRaisesTheStillRequestAndStopCancelsIt)
+{
+    Rig rig;
+    ASSERT_EQ(rig.AddAndStart(), STATUS_SUCCESS);
+    SelfTimer& timer = rig.Dev().m_SelfTimer;
+    timer.m_SoftwareTrigger = 1;
+    DriverTestAccess::StartCountdown(timer, 2);
+    kvsim::RunFor(1 * kvsim::kSecond);
+    EXPECT_EQ(timer.m_CountdownCounter, 1);
+    kvsim::RunFor(1 * kvsim::kSecond);
+    EXPECT_EQ(timer.m_CountdownCounter, 0);
+    EXPECT_EQ(timer.m_StillRequest, 0u);
+    kvsim::RunFor(1 * kvsim::kSecond);
+    EXPECT_EQ(timer.m_CountdownCounter, -1);
+    EXPECT_EQ(timer.m_StillRequest, 1u);
+    EXPECT_EQ(timer.m_SoftwareTrigger, 0u);
+    EXPECT_EQ(kvsim::GetSchedCounters().timersArmed, 0u);
+
+    DriverTestAccess::StartCountdown(timer, 5);
+    ASSERT_EQ(kvsim::GetSchedCounters().timersArmed, 1u);
+    ASSERT_EQ(rig.Stop(), STATUS_SUCCESS);
+    EXPECT_EQ(kvsim::GetSchedCounters().timersArmed, 0u);
+}
+
+}  // namespace
