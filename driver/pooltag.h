@@ -16,6 +16,8 @@ constexpr ULONG PoolTag(const char (&tag)[5])
            (static_cast<ULONG>(static_cast<UCHAR>(tag[3])) << 24);
 }
 
+// Everything a plain global new allocates in kvdrv.sys.
+constexpr ULONG kTagNew = PoolTag("KVnw");
 // The device object.
 constexpr ULONG kTagDevice = PoolTag("KVaC");
 // USB configuration: descriptors, the first interface, the pipe array, the

@@ -8,6 +8,13 @@
 
 using namespace kv;
 
+namespace {
+
+// The filter context's first value: the property handlers give it meaning.
+constexpr ULONG kFilterDefaultValue = 15;
+
+}  // namespace
+
 void* CCaptureFilter::operator new(decltype(sizeof(0)) cb) noexcept
 {
     return ExAllocatePoolWithTag(NonPagedPoolNx, cb, kTagFilter);
@@ -24,7 +31,11 @@ void CCaptureFilter::operator delete(void* p) noexcept
 // is enabled, and asks for D0 so that the camera is powered before the first
 // pin is created.
 CCaptureFilter::CCaptureFilter(PKSFILTER pKsFilter, CCaptureDevice* pDevice)
-    : m_pDevice(pDevice), m_pKsFilter(pKsFilter), m_DefaultValue(15), m_TunnelPending(0), m_CurrentFormatIndex(0)
+    : m_pDevice(pDevice),
+      m_pKsFilter(pKsFilter),
+      m_DefaultValue(kFilterDefaultValue),
+      m_TunnelPending(0),
+      m_CurrentFormatIndex(0)
 {
     m_pDevice->m_pCaptureFilter = this;
     if (m_pDevice->m_Idle.m_IdlePowerEnabled != 0) {

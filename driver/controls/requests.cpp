@@ -1,5 +1,5 @@
 // Video-class control requests. SendClassRequest builds one class-interface
-// URB per request and sends it down the default control pipe
+// URB per request and sends it down the default control pipe;
 // GetDeviceProperty / SetDeviceProperty translate a PropertyId into requests
 // and keep DeviceProperty in step with the camera; AccessExtensionRegister
 // toggles one bit of a camera register through the extension unit.
@@ -15,8 +15,9 @@
 //   length: the callers here pass stack buffers, and the caller never learns
 //   the result anyway.
 // - Deferred operations (class requests at DISPATCH_LEVEL, and the ids whose
-//   action needs PASSIVE_LEVEL) run in the order they were queued, and stop
-//   and remove wait until none is queued or running.
+//   action needs PASSIVE_LEVEL) reach the camera in the order they were
+//   made, also relative to requests made at PASSIVE_LEVEL, which run what is
+//   still queued first; stop and remove wait until none is queued or running.
 // - Steps that send several requests (0x0C00, 0x0909, the extension register)
 //   end at the first failing request and return its status.
 #include "controls/requests.h"
@@ -36,6 +37,14 @@ static_assert(kClassRequestUrbSize == 136, "the class request URB is 136 bytes o
 // 10 ms relative, in 100 ns units: the camera needs this long between two
 // accesses to its register window.
 constexpr LONGLONG kRegisterPause = -100000;
+
+// A control transfer's wLength is 16 bits.
+constexpr ULONG kMaximumControlLength = 0xFFFF;
+
+// The register window's requests: command and register (2 bytes), or
+// command, register and value (3 bytes).
+constexpr ULONG kWindowSelectLength = 2;
+constexpr ULONG kWindowWriteLength = 3;
 
 // The camera registers id 0x0909 writes: the first arms the option, the
 // second holds its value.
@@ -268,7 +277,7 @@ NTSTATUS SubmitClassRequest(const ControlRequestContext* pContext, USHORT wIndex
 // a property set that must run at PASSIVE_LEVEL.
 struct ControlRequests::DeferredOperation {
     LIST_ENTRY Link;
-    BOOLEAN Executed;     // run by its own or an earlier work item (under the run mutex)
+    BOOLEAN Executed;     // run, under the run mutex, by a work item or a PASSIVE_LEVEL request
     BOOLEAN PropertySet;  // else a class request
     USHORT Id;            // the property set's id and value
     LONG Value;
@@ -300,6 +309,19 @@ ControlRequests::ControlRequests(DeviceSettings* pSettings, const FormatTables* 
 ControlRequests::~ControlRequests()
 {
     Release();
+}
+
+PropertyAccess ControlRequests::Access()
+{
+    PropertyAccess access;
+    access.pContext = this;
+    access.pfnGetDeviceProperty = [](PVOID pContext, USHORT Id, UCHAR Request, PLONG pValue) {
+        return static_cast<ControlRequests*>(pContext)->GetDeviceProperty(Id, Request, pValue);
+    };
+    access.pfnSetDeviceProperty = [](PVOID pContext, USHORT Id, LONG Value) {
+        return static_cast<ControlRequests*>(pContext)->SetDeviceProperty(Id, Value);
+    };
+    return access;
 }
 
 NTSTATUS ControlRequests::Initialize(PDEVICE_OBJECT pFunctionalDeviceObject, PDEVICE_OBJECT pNextDeviceObject)
@@ -343,7 +365,7 @@ NTSTATUS ControlRequests::SendClassRequest(USHORT wIndex, UCHAR Request, USHORT 
         // IRQL (SetProcessingUnit, SetDeviceProperty) pass buffers on their
         // stack, which are gone when the work item runs.
         const ULONG cbData = pBuffer != nullptr ? length : 0;
-        if (cbData > 0xFFFF) {
+        if (cbData > kMaximumControlLength) {
             // A control transfer's wLength is 16 bits: the bus would fail it
             // as the synchronous path reports it.
             return STATUS_UNSUCCESSFUL;
@@ -367,20 +389,30 @@ NTSTATUS ControlRequests::SendClassRequest(USHORT wIndex, UCHAR Request, USHORT 
         pRecord->Direction = Request == UVC_SET_CUR ? USBD_TRANSFER_DIRECTION_OUT : USBD_TRANSFER_DIRECTION_IN;
         pRecord->Length = length;
         pRecord->pLength = &pRecord->Length;  // the caller never learns the result
-        return QueueDeferred(pOperation);
+        return QueueDeferred(pOperation, "SendClassRequest");
     }
-    return SubmitClassRequest(m_pControlContext, wIndex, Request, wValue, pBuffer, length, pLength);
+    // Requests deferred earlier reach the camera first.
+    KeWaitForSingleObject(&m_DeferredRunMutex, Executive, KernelMode, FALSE, nullptr);
+    RunQueuedLocked();
+    const NTSTATUS status = SubmitClassRequest(m_pControlContext, wIndex, Request, wValue, pBuffer, length, pLength);
+    KeReleaseMutex(&m_DeferredRunMutex, FALSE);
+    return status;
 }
 
 // Queues an operation with a work item of its own. Once the queue is
 // closed (stop or remove has begun) nothing more is queued.
-NTSTATUS ControlRequests::QueueDeferred(DeferredOperation* pOperation)
+NTSTATUS ControlRequests::QueueDeferred(DeferredOperation* pOperation, const char* pRoutine)
 {
     DeferredClassRequest* pRecord = &pOperation->Request;
     pRecord->pRequests = this;
+    if (m_pControlContext == nullptr) {
+        DbgPrint("%s: no control-request context\n", pRoutine);
+        ExFreePoolWithTag(pOperation, kTagRequest);
+        return STATUS_UNSUCCESSFUL;
+    }
     pRecord->pWorkItem = IoAllocateWorkItem(m_pControlContext->pFunctionalDeviceObject);
     if (pRecord->pWorkItem == nullptr) {
-        DbgPrint("SendClassRequest: Failed to allocate a work item\n");
+        DbgPrint("%s: Failed to allocate a work item\n", pRoutine);
         ExFreePoolWithTag(pOperation, kTagRequest);
         return STATUS_INSUFFICIENT_RESOURCES;
     }
@@ -393,10 +425,10 @@ NTSTATUS ControlRequests::QueueDeferred(DeferredOperation* pOperation)
     }
     KeReleaseSpinLock(&m_DeferredLock, oldIrql);
     if (!open) {
-        DbgPrint("SendClassRequest: the device is stopping, request dropped\n");
+        DbgPrint("%s: the device is stopping, request dropped\n", pRoutine);
         IoFreeWorkItem(pRecord->pWorkItem);
         ExFreePoolWithTag(pOperation, kTagRequest);
-        return STATUS_DEVICE_NOT_READY;
+        return STATUS_UNSUCCESSFUL;
     }
     IoQueueWorkItem(pRecord->pWorkItem, DeferredRequestWorker, DelayedWorkQueue, pOperation);
     return STATUS_PENDING;
@@ -414,24 +446,36 @@ void ControlRequests::RunDeferred(DeferredOperation* pOperation)
                                          pRecord->pBuffer, pRecord->Length, pRecord->pLength);
 }
 
+// Runs every queued operation, oldest first. With the run mutex held; an
+// operation may be run here by another operation's work item or by a
+// request made at PASSIVE_LEVEL, before its own work item comes.
+void ControlRequests::RunQueuedLocked()
+{
+    for (;;) {
+        KIRQL oldIrql;
+        KeAcquireSpinLock(&m_DeferredLock, &oldIrql);
+        PLIST_ENTRY pEntry = IsListEmpty(&m_DeferredList) ? nullptr : RemoveHeadList(&m_DeferredList);
+        KeReleaseSpinLock(&m_DeferredLock, oldIrql);
+        if (pEntry == nullptr) {
+            return;
+        }
+        DeferredOperation* pNext = CONTAINING_RECORD(pEntry, DeferredOperation, Link);
+        RunDeferred(pNext);
+        pNext->Executed = TRUE;
+    }
+}
+
 // A deferred operation's work routine: runs, in order, every operation
-// queued up to and including its own (some may have been run already by an
-// earlier work item), then frees its own. Nobody learns the results.
+// still queued (its own among them, unless it ran already), then frees its
+// own. Nobody learns the results.
 VOID ControlRequests::DeferredRequestWorker(PDEVICE_OBJECT pDeviceObject, PVOID pContext)
 {
     UNREFERENCED_PARAMETER(pDeviceObject);
     auto pOwn = static_cast<DeferredOperation*>(pContext);
     ControlRequests* pRequests = pOwn->Request.pRequests;
     KeWaitForSingleObject(&pRequests->m_DeferredRunMutex, Executive, KernelMode, FALSE, nullptr);
-    while (!pOwn->Executed) {
-        KIRQL oldIrql;
-        KeAcquireSpinLock(&pRequests->m_DeferredLock, &oldIrql);
-        PLIST_ENTRY pEntry = RemoveHeadList(&pRequests->m_DeferredList);
-        KeReleaseSpinLock(&pRequests->m_DeferredLock, oldIrql);
-        DeferredOperation* pNext = CONTAINING_RECORD(pEntry, DeferredOperation, Link);
-        pRequests->RunDeferred(pNext);
-        pNext->Executed = TRUE;
-    }
+    pRequests->RunQueuedLocked();
+    ASSERT(pOwn->Executed);
     KeReleaseMutex(&pRequests->m_DeferredRunMutex, FALSE);
 
     PIO_WORKITEM pWorkItem = pOwn->Request.pWorkItem;
@@ -474,7 +518,9 @@ NTSTATUS ControlRequests::DeferPropertySet(USHORT Id, LONG Value)
     pOperation->PropertySet = TRUE;
     pOperation->Id = Id;
     pOperation->Value = Value;
-    return QueueDeferred(pOperation);
+    // These ids answer success; the work item's own result is not learnt.
+    const NTSTATUS status = QueueDeferred(pOperation, "SetDeviceProperty");
+    return status == STATUS_PENDING ? STATUS_SUCCESS : status;
 }
 
 // Little-endian; the request's status is ignored.
@@ -652,8 +698,8 @@ NTSTATUS ControlRequests::SetDeviceProperty(USHORT Id, LONG Value)
         break;
 
     case PROPID_EXTENSION_OPTION:
-        if (Value < 0 || Value > 1) {
-            break;
+        if (Value != 0 && Value != 1) {
+            break;  // an on/off option: other values are ignored
         }
         pSlot[SLOT_EXTENSION_OPTION] = Value;
         status = AccessExtensionRegister(kRegisterOptionArm, 1);
@@ -695,13 +741,13 @@ NTSTATUS ControlRequests::SetDeviceProperty(USHORT Id, LONG Value)
 NTSTATUS ControlRequests::AccessExtensionRegister(UCHAR Register, ULONG Set)
 {
     UCHAR data[3] = {kWindowRead, Register, 0};
-    ULONG length = 2;
+    ULONG length = kWindowSelectLength;
     NTSTATUS status = SetCur(UVC_ENTITY_EXTENSION_UNIT, UVC_XU_REGISTER_WINDOW, data, &length);
     if (!NT_SUCCESS(status)) {
         return status;
     }
     PauseTenMilliseconds();
-    length = 2;
+    length = kWindowSelectLength;
     status = GetCur(UVC_ENTITY_EXTENSION_UNIT, UVC_XU_REGISTER_WINDOW, data, &length);
     if (!NT_SUCCESS(status)) {
         return status;
@@ -722,12 +768,12 @@ NTSTATUS ControlRequests::AccessExtensionRegister(UCHAR Register, ULONG Set)
     data[0] = kWindowWrite;
     data[1] = Register;
     data[2] = Set != 0 ? static_cast<UCHAR>(oldValue | bit) : static_cast<UCHAR>(oldValue & ~bit);
-    length = 3;
+    length = kWindowWriteLength;
     status = SetCur(UVC_ENTITY_EXTENSION_UNIT, UVC_XU_REGISTER_WINDOW, data, &length);
     if (!NT_SUCCESS(status)) {
         return status;
     }
     PauseTenMilliseconds();
-    length = 3;
+    length = kWindowWriteLength;
     return GetCur(UVC_ENTITY_EXTENSION_UNIT, UVC_XU_REGISTER_WINDOW, data, &length);
 }

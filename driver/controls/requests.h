@@ -17,7 +17,7 @@ struct ControlRequestContext {
     PDEVICE_OBJECT pNextDeviceObject;
 };
 
-class ControlRequests final : public PropertyAccess {
+class ControlRequests {
 public:
     ControlRequests(DeviceSettings* pSettings, const FormatTables* pFormats, const UsbConfiguration* pUsb);
     ~ControlRequests();
@@ -39,8 +39,10 @@ public:
     NTSTATUS SetProcessingUnit(USHORT wValue, LONG Value);
     NTSTATUS GetCur(USHORT wIndex, USHORT wValue, PVOID pBuffer, PULONG pLength);
     NTSTATUS SetCur(USHORT wIndex, USHORT wValue, PVOID pBuffer, PULONG pLength);
-    NTSTATUS GetDeviceProperty(USHORT Id, UCHAR Request, PLONG pValue) override;
-    NTSTATUS SetDeviceProperty(USHORT Id, LONG Value) override;
+    NTSTATUS GetDeviceProperty(USHORT Id, UCHAR Request, PLONG pValue);
+    NTSTATUS SetDeviceProperty(USHORT Id, LONG Value);
+    // The two property routines as the settings store calls them.
+    PropertyAccess Access();
     // Read-modify-write of one bit of a camera register through the
     // extension unit's register window.
     NTSTATUS AccessExtensionRegister(UCHAR Register, ULONG Set);
@@ -53,7 +55,8 @@ public:
 private:
     struct DeferredOperation;
     static IO_WORKITEM_ROUTINE DeferredRequestWorker;
-    NTSTATUS QueueDeferred(DeferredOperation* pOperation);
+    NTSTATUS QueueDeferred(DeferredOperation* pOperation, const char* pRoutine);
+    void RunQueuedLocked();
     void RunDeferred(DeferredOperation* pOperation);
     NTSTATUS DeferPropertySet(USHORT Id, LONG Value);
 

@@ -91,7 +91,7 @@ struct OptionEntry {
     ULONG Slot;
 };
 
-// LoadPropertySet's step 5, in order.
+// The options LoadPropertySet applies, in order.
 const OptionEntry kLoadOptions[] = {
     {L"fRotate", PROPID_ROTATE, SLOT_ROTATE},
     {L"fVflip", PROPID_VFLIP, SLOT_VFLIP},
@@ -308,7 +308,7 @@ NTSTATUS RegistryKeyPath::WriteString(PCWSTR pName, PCWSTR pText, ULONG Count)
 DeviceSettings::DeviceSettings()
     : m_Property(nullptr),
       m_BW(0),
-      m_SWSetting{0x00, 0xC0, 0x01},
+      m_SWSetting{SWSETTING_DEFAULT[0], SWSETTING_DEFAULT[1], SWSETTING_DEFAULT[2]},
       m_SaveFileMJPEG(0),
       m_SaveFileDroppedMJPEG(0),
       m_DropFrameCntVGA(0),
@@ -320,7 +320,7 @@ DeviceSettings::DeviceSettings()
       m_EffectiveMirror(0),
       m_EffectiveDeadPixel(0),
       m_OneShotValue(0),
-      m_pAccess(nullptr),
+      m_Access(),
       m_pFormats(nullptr)
 {
 }
@@ -330,22 +330,18 @@ DeviceSettings::~DeviceSettings()
     Release();
 }
 
-void DeviceSettings::Bind(PropertyAccess* pAccess, const FormatTables* pFormats)
+void DeviceSettings::Bind(const PropertyAccess& access, const FormatTables* pFormats)
 {
-    m_pAccess = pAccess;
+    m_Access = access;
     m_pFormats = pFormats;
 }
 
-NTSTATUS DeviceSettings::LoadDataKey()
+NTSTATUS DeviceSettings::LoadDataKey(RegistryKeyPath& path)
 {
-    RegistryKeyPath path;
-    path.OpenRoot(KV_REGISTRY_SERVICE);
     m_EffectiveVflip = 0;
     m_EffectiveMirror = 0;
     m_EffectiveDeadPixel = 0;
-    m_SWSetting[0] = 0x00;
-    m_SWSetting[1] = 0xC0;
-    m_SWSetting[2] = 0x01;
+    RtlCopyMemory(m_SWSetting, SWSETTING_DEFAULT, SWSETTING_BYTES);
     m_OneShotValue = 0;
 
     // Each value is stored only when read.
@@ -372,16 +368,16 @@ NTSTATUS DeviceSettings::LoadDataKey()
     if (ReadDwordFresh(path, L"TrackingWindowSize", &value)) {
         m_TrackingWindowSize = value;
     } else {
-        m_TrackingWindowSize = 4;
-        path.WriteDword(L"TrackingWindowSize", 4);
+        m_TrackingWindowSize = TRACKING_WINDOW_SIZE_DEFAULT;
+        path.WriteDword(L"TrackingWindowSize", TRACKING_WINDOW_SIZE_DEFAULT);
     }
     if (ReadDwordFresh(path, L"TrackingFocus", &value)) {
         m_TrackingFocus = value;
     } else {
-        m_TrackingFocus = 2;
-        path.WriteDword(L"TrackingFocus", 2);
+        m_TrackingFocus = TRACKING_FOCUS_DEFAULT;
+        path.WriteDword(L"TrackingFocus", TRACKING_FOCUS_DEFAULT);
     }
-    path.WriteDword(L"DeviceExist", 1);
+    path.WriteDword(L"DeviceExist", DEVICE_EXIST_STARTED);
     path.CloseSubkey(KV_REGISTRY_DATA);
 
     if (m_Property == nullptr) {
@@ -452,7 +448,7 @@ BOOLEAN DeviceSettings::InitLastValue()
                 continue;
             }
             LONG value = 0;
-            if (!NT_SUCCESS(m_pAccess->GetDeviceProperty(entry.Id, UVC_GET_DEF, &value))) {
+            if (!NT_SUCCESS(m_Access.GetDeviceProperty(entry.Id, UVC_GET_DEF, &value))) {
                 value = 0;
                 failed = true;
             }
@@ -488,7 +484,7 @@ NTSTATUS DeviceSettings::LoadPropertySet(ULONG Which)
             }
             ULONG value = static_cast<ULONG>(m_Property->Slot[entry.Slot]);
             path.ReadDword(entry.pName, &value);
-            m_pAccess->SetDeviceProperty(entry.Id, Low16(value));
+            m_Access.SetDeviceProperty(entry.Id, Low16(value));
             m_Property->Slot[entry.Slot] = static_cast<LONG>(value);
         }
     };
@@ -499,7 +495,7 @@ NTSTATUS DeviceSettings::LoadPropertySet(ULONG Which)
     for (const OptionEntry& option : kLoadOptions) {
         ULONG value = 0;
         if (NT_SUCCESS(path.ReadDword(option.pName, &value))) {
-            m_pAccess->SetDeviceProperty(option.Id, Low16(value));
+            m_Access.SetDeviceProperty(option.Id, Low16(value));
         }
     }
     path.CloseSubkey(SetKeyName(Which));
@@ -537,7 +533,7 @@ namespace {
 
 // Applies each value of "\Property\Default" that reads successfully.
 template <ULONG N>
-void ApplyDefaults(PropertyAccess* pAccess, const OptionEntry (&options)[N])
+void ApplyDefaults(const PropertyAccess& access, const OptionEntry (&options)[N])
 {
     RegistryKeyPath path;
     path.OpenRoot(KV_REGISTRY_SERVICE);
@@ -545,7 +541,7 @@ void ApplyDefaults(PropertyAccess* pAccess, const OptionEntry (&options)[N])
     for (const OptionEntry& option : options) {
         ULONG value = 0;
         if (NT_SUCCESS(path.ReadDword(option.pName, &value))) {
-            pAccess->SetDeviceProperty(option.Id, Low16(value));
+            access.SetDeviceProperty(option.Id, Low16(value));
         }
     }
     path.CloseSubkey(KV_REGISTRY_DEFAULT);
@@ -556,21 +552,21 @@ void ApplyDefaults(PropertyAccess* pAccess, const OptionEntry (&options)[N])
 
 NTSTATUS DeviceSettings::LoadDefaultOrientation()
 {
-    ApplyDefaults(m_pAccess, kDefaultOrientation);
+    ApplyDefaults(m_Access, kDefaultOrientation);
     return STATUS_SUCCESS;
 }
 
 NTSTATUS DeviceSettings::LoadDefaultEffects()
 {
-    ApplyDefaults(m_pAccess, kDefaultEffects);
+    ApplyDefaults(m_Access, kDefaultEffects);
     return STATUS_SUCCESS;
 }
 
 // Tracking off, self-timer off.
 NTSTATUS DeviceSettings::ResetTrackingAndTimer()
 {
-    m_pAccess->SetDeviceProperty(PROPID_TRACKING_METHOD, 0);
-    m_pAccess->SetDeviceProperty(PROPID_SELF_TIMER, -1);
+    m_Access.SetDeviceProperty(PROPID_TRACKING_METHOD, 0);
+    m_Access.SetDeviceProperty(PROPID_SELF_TIMER, -1);
     return STATUS_SUCCESS;
 }
 
@@ -578,7 +574,7 @@ NTSTATUS DeviceSettings::ResetTrackingAndTimer()
 // give the digits 0-4, of which the photo-frame reader uses 1-4.
 NTSTATUS DeviceSettings::SaveSpecialFrameString(ULONG Index, PCWSTR pText, ULONG Count)
 {
-    if (Index < 7 || Index > 11 || pText == nullptr || Count == 0) {
+    if (Index < CUSTOMER_FRAME_FIRST_INDEX || Index > CUSTOMER_FRAME_LAST_INDEX || pText == nullptr || Count == 0) {
         DbgPrint("SaveSpecialFrameString: invalid index %u or text\n", Index);
         return STATUS_INVALID_PARAMETER;
     }
@@ -589,7 +585,7 @@ NTSTATUS DeviceSettings::SaveSpecialFrameString(ULONG Index, PCWSTR pText, ULONG
     WCHAR digitBuffer[4];
     UNICODE_STRING digit;
     RtlInitEmptyUnicodeString(&digit, digitBuffer, sizeof(digitBuffer));
-    RtlIntegerToUnicodeString(Index - 7, 10, &digit);
+    RtlIntegerToUnicodeString(Index - CUSTOMER_FRAME_FIRST_INDEX, 10, &digit);
     RtlAppendUnicodeStringToString(&name, &digit);
     nameBuffer[name.Length / sizeof(WCHAR)] = 0;
 

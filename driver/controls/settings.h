@@ -8,10 +8,9 @@
 #pragma once
 
 #include "wdk.h"
+#include "uvc.h"
 
 class FormatTables;
-
-typedef USHORT PropertyId;
 
 // ---- PropertyId: a camera control's id is its UVC wValue (selector << 8);
 // the driver's own options use 0x0606-0x0660 and 0x0905-0x0918.
@@ -19,17 +18,17 @@ typedef USHORT PropertyId;
 
 enum : USHORT {
     // Camera controls (PU = processing unit, CT = camera terminal).
-    PROPID_BACKLIGHT = 0x0100,          // PU
-    PROPID_BRIGHTNESS = 0x0200,         // PU
-    PROPID_CONTRAST = 0x0300,           // PU
-    PROPID_EXPOSURE_TIME = 0x0400,      // CT exposure time absolute, 4 bytes
-    PROPID_POWER_LINE = 0x0500,         // PU, 1-byte control sent as 2
-    PROPID_HUE = 0x0600,                // PU
-    PROPID_SATURATION = 0x0700,         // PU
-    PROPID_SHARPNESS = 0x0800,          // PU
-    PROPID_GAMMA = 0x0900,              // PU
-    PROPID_WB_TEMPERATURE = 0x0A00,     // PU
-    PROPID_WB_AUTO = 0x0B00,            // PU
+    PROPID_BACKLIGHT = UVC_PU_BACKLIGHT_COMPENSATION_CONTROL, // PU
+    PROPID_BRIGHTNESS = UVC_PU_BRIGHTNESS_CONTROL, // PU
+    PROPID_CONTRAST = UVC_PU_CONTRAST_CONTROL, // PU
+    PROPID_EXPOSURE_TIME = UVC_CT_EXPOSURE_TIME_ABSOLUTE_CONTROL, // CT exposure time absolute, 4 bytes
+    PROPID_POWER_LINE = UVC_PU_POWER_LINE_FREQUENCY_CONTROL, // PU, 1-byte control sent as 2
+    PROPID_HUE = UVC_PU_HUE_CONTROL, // PU
+    PROPID_SATURATION = UVC_PU_SATURATION_CONTROL, // PU
+    PROPID_SHARPNESS = UVC_PU_SHARPNESS_CONTROL, // PU
+    PROPID_GAMMA = UVC_PU_GAMMA_CONTROL, // PU
+    PROPID_WB_TEMPERATURE = UVC_PU_WHITE_BALANCE_TEMPERATURE_CONTROL, // PU
+    PROPID_WB_AUTO = UVC_PU_WHITE_BALANCE_TEMPERATURE_AUTO_CONTROL, // PU
     PROPID_AUTO_EXPOSURE = 0x0C00,      // CT auto-exposure mode (wValue 0x0200)
     // Driver options.
     PROPID_VFLIP = 0x0606,
@@ -108,6 +107,18 @@ struct DeviceProperty {
 };
 static_assert(sizeof(DeviceProperty) == 140, "DeviceProperty is 35 words");
 
+// "DeviceExist" under "\Data": 1 while the device is started, 2 once stopped.
+constexpr ULONG DEVICE_EXIST_STARTED = 1;
+constexpr ULONG DEVICE_EXIST_STOPPED = 2;
+// The face-tracking values the driver creates under "\Data" when missing.
+constexpr ULONG TRACKING_WINDOW_SIZE_DEFAULT = 4;
+constexpr ULONG TRACKING_FOCUS_DEFAULT = 2;
+// The user's own photo frames: frame numbers 8-11, whose picture paths are
+// "CustomerFrame1".."CustomerFrame4"; the driver-control property names
+// them by index 7-11 (digits 0-4 of the value name).
+constexpr ULONG CUSTOMER_FRAME_FIRST_INDEX = 7;
+constexpr ULONG CUSTOMER_FRAME_LAST_INDEX = 11;
+
 // Photo frame 11 is the last of the user's own frames; choosing it asks the
 // frame loop to read its picture file again, since the user may have just
 // named a new one.
@@ -123,6 +134,9 @@ enum PropertySetKind { PropertySetLast, PropertySetCustomer };
 
 // ---- "SWSetting": three bytes, bit n is bit (n mod 8) of byte n div 8.
 constexpr ULONG SWSETTING_BYTES = 3;
+// Mirror, vertical flip and dead-pixel correction enabled; idle power and
+// option 0x0905 off.
+constexpr UCHAR SWSETTING_DEFAULT[SWSETTING_BYTES] = {0x00, 0xC0, 0x01};
 inline bool SwSettingBit(const UCHAR* pSwSetting, ULONG n)
 {
     return ((pSwSetting[n / 8] >> (n % 8)) & 1) != 0;
@@ -187,13 +201,18 @@ private:
 
 // What loaded values go through: GetDeviceProperty reads camera defaults,
 // SetDeviceProperty sends a value to the camera and keeps the record in step.
-class PropertyAccess {
-public:
-    virtual NTSTATUS GetDeviceProperty(USHORT Id, UCHAR Request, PLONG pValue) = 0;
-    virtual NTSTATUS SetDeviceProperty(USHORT Id, LONG Value) = 0;
+// Two routines and their context, not a class with virtual functions: the
+// driver has no run-time type information and no vtables.
+struct PropertyAccess {
+    PVOID pContext;
+    NTSTATUS (*pfnGetDeviceProperty)(PVOID pContext, USHORT Id, UCHAR Request, PLONG pValue);
+    NTSTATUS (*pfnSetDeviceProperty)(PVOID pContext, USHORT Id, LONG Value);
 
-protected:
-    ~PropertyAccess() = default;
+    NTSTATUS GetDeviceProperty(USHORT Id, UCHAR Request, PLONG pValue) const
+    {
+        return pfnGetDeviceProperty(pContext, Id, Request, pValue);
+    }
+    NTSTATUS SetDeviceProperty(USHORT Id, LONG Value) const { return pfnSetDeviceProperty(pContext, Id, Value); }
 };
 
 // The device's settings: the record and the "\Data" values read at start.
@@ -207,11 +226,12 @@ public:
 
     // Where values go, and the control bitmaps that say which camera
     // controls exist.
-    void Bind(PropertyAccess* pAccess, const FormatTables* pFormats);
+    void Bind(const PropertyAccess& access, const FormatTables* pFormats);
 
     // Device start: reads "\Data", creates the two values the driver owns
     // there when missing, writes "DeviceExist" = 1 and creates the record.
-    NTSTATUS LoadDataKey();
+    // `path` is open at the service key.
+    NTSTATUS LoadDataKey(RegistryKeyPath& path);
     // Device stop writes "DeviceExist" = 2.
     NTSTATUS WriteDeviceExist(ULONG Value);
     // Capture pin start: when "ReadDef" differs from the processing unit's
@@ -246,6 +266,6 @@ public:
     LONG m_OneShotValue;  // id 0x0918, cleared by its read
 
 private:
-    PropertyAccess* m_pAccess;
+    PropertyAccess m_Access;
     const FormatTables* m_pFormats;
 };

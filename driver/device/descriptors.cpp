@@ -175,13 +175,16 @@ NTSTATUS FilterTables::CreateFilterFactory(PKSDEVICE pKsDevice)
     return status;
 }
 
-void FilterTables::Release()
+void FilterTables::UnhookDataRanges()
 {
-    // The pins' copies must not keep pointers into the freed format tables.
     for (KSPIN_DESCRIPTOR_EX& pin : m_PinDescriptors) {
         pin.PinDescriptor.DataRangesCount = 0;
         pin.PinDescriptor.DataRanges = nullptr;
     }
+}
+
+void FilterTables::ReleaseTopology()
+{
     m_FilterDescriptor.NodeDescriptorsCount = 0;
     m_FilterDescriptor.NodeDescriptors = nullptr;
     m_FilterDescriptor.ConnectionsCount = 0;

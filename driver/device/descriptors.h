@@ -44,9 +44,17 @@ public:
     NTSTATUS InitNodeAndTopologyDescriptor();
     // The one filter factory of the device, freed by ks.sys at stop.
     NTSTATUS CreateFilterFactory(PKSDEVICE pKsDevice);
-    // Frees the run-time tables and unhooks everything the descriptor
-    // pointed at, so that no pointer into a freed table remains.
-    void Release();
+    // Unhooks the pins' data ranges: the format tables they point into are
+    // about to go.
+    void UnhookDataRanges();
+    // Frees the node and connection tables and unhooks them from the filter
+    // descriptor (a second call is harmless).
+    void ReleaseTopology();
+    void Release()
+    {
+        UnhookDataRanges();
+        ReleaseTopology();
+    }
 
     KSFILTER_DESCRIPTOR m_FilterDescriptor;
     KSPIN_DESCRIPTOR_EX m_PinDescriptors[KV_PIN_COUNT];

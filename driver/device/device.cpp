@@ -60,7 +60,7 @@ CCaptureDevice::CCaptureDevice(PKSDEVICE pKsDevice)
 {
     m_Usb.Attach(m_pNextDeviceObject);
     m_Idle.Attach(m_pFunctionalDeviceObject, m_pPhysicalDeviceObject);
-    m_Settings.Bind(&m_Requests, &m_Formats);
+    m_Settings.Bind(m_Requests.Access(), &m_Formats);
 }
 
 CCaptureDevice::~CCaptureDevice()
@@ -262,13 +262,15 @@ NTSTATUS CCaptureDevice::PnpStart()
 
 NTSTATUS CCaptureDevice::InitDeviceSettings()
 {
+    RegistryKeyPath path;
+    path.OpenRoot(KV_REGISTRY_SERVICE);
     // The control-request context comes first: nothing is read without it.
     NTSTATUS status = m_Requests.Initialize(m_pFunctionalDeviceObject, m_pNextDeviceObject);
     if (!NT_SUCCESS(status)) {
         DbgPrint("InitDeviceSettings: Failed to allocate the control-request context\n");
         return status;
     }
-    status = m_Settings.LoadDataKey();
+    status = m_Settings.LoadDataKey(path);
     if (!NT_SUCCESS(status)) {
         return status;
     }
@@ -287,12 +289,16 @@ void CCaptureDevice::PnpStop()
     if (m_Idle.m_IdlePowerEnabled != 0) {
         m_Idle.EndIdleManagement(TRUE);
     }
+    // Requests deferred before the stop still reach a configured camera.
+    m_Requests.WaitForDeferredRequests();
     m_Usb.DeconfigureUsbDevice();
     m_SelfTimer.CancelCountdown();
+    // A countdown DPC already queued must not run into the next start's
+    // initialisation of the same DPC.
+    m_SelfTimer.FlushCountdown();
     // The interrupt endpoint's transfer stops here, once the button joins.
-    m_Requests.WaitForDeferredRequests();
     ReleaseAllocations();
-    m_Settings.WriteDeviceExist(2);
+    m_Settings.WriteDeviceExist(DEVICE_EXIST_STOPPED);
 }
 
 // The wait for outstanding pin IRPs belongs to the capture pin.
@@ -315,12 +321,15 @@ void CCaptureDevice::SurpriseRemoval()
 }
 
 // Each block goes back with its tag and its pointer is cleared. The pins'
-// descriptors are unhooked before the format tables go.
+// descriptors are unhooked before the format tables go; the bus interface
+// is given back only after everything that came through the configuration.
 void CCaptureDevice::ReleaseAllocations()
 {
-    m_Usb.Release();
-    m_Filter.Release();
+    m_Usb.ReleaseConfiguration();
+    m_Filter.UnhookDataRanges();
     m_Formats.Release();
+    m_Filter.ReleaseTopology();
+    m_Usb.ReleaseBusInterface();
     m_Settings.Release();
     m_Requests.Release();
 }

@@ -62,11 +62,6 @@ public:
                                        SYSTEM_POWER_STATE SystemFrom, POWER_ACTION Action);
     static void DispatchSetPower(PKSDEVICE pKsDevice, PIRP pIrp, DEVICE_POWER_STATE To, DEVICE_POWER_STATE From);
 
-    // The sequences behind them.
-    NTSTATUS PnpStart();
-    void PnpStop();
-    void PnpRemove();
-    void SurpriseRemoval();
     // The settings, the control-request context, the bus interface and the
     // bus speed (device start).
     NTSTATUS InitDeviceSettings();
@@ -87,4 +82,11 @@ public:
     ControlRequests m_Requests;
     SelfTimer m_SelfTimer;
     CCaptureFilter* m_pCaptureFilter;  // the most recently created filter object
+
+private:
+    // The sequences behind the dispatch routines.
+    NTSTATUS PnpStart();
+    void PnpStop();
+    void PnpRemove();
+    void SurpriseRemoval();
 };

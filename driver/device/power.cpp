@@ -52,7 +52,6 @@ IdlePower::IdlePower()
       m_SystemStateFrom(PowerSystemWorking),
       m_SystemStateTo(PowerSystemWorking),
       m_ResumePending(0),
-      m_PowerUpEvent(),
       m_pFunctionalDeviceObject(nullptr),
       m_pPhysicalDeviceObject(nullptr),
       m_IdleTimer(),
@@ -61,6 +60,7 @@ IdlePower::IdlePower()
       m_pIdleWorkItem(nullptr),
       m_pTimerRestartWorkItem(nullptr),
       m_IdlePassEvent(),
+      m_PowerUpEvent(),
       m_TimerRestartIdle(),
       m_SuppressTimerRestart(0),
       m_IdleTimerStarted(0)
@@ -111,15 +111,19 @@ void IdlePower::SetPower(DEVICE_POWER_STATE To, DEVICE_POWER_STATE From)
         return;
     }
     m_ResumePending = 0;
-    if (m_IdleTimerStarted == 0 || m_pTimerRestartWorkItem != nullptr) {
-        return;
+    // Under the idle lock: once EndIdleManagement has cleared m_IdleActive no
+    // restart is queued, and the slot and the event change together with the
+    // work routine's.
+    KIRQL oldIrql;
+    KeAcquireSpinLock(&m_IdleSpinLock, &oldIrql);
+    if (m_IdleTimerStarted != 0 && m_IdleActive != 0 && m_pTimerRestartWorkItem == nullptr) {
+        m_pTimerRestartWorkItem = IoAllocateWorkItem(m_pFunctionalDeviceObject);
+        if (m_pTimerRestartWorkItem != nullptr) {
+            KeClearEvent(&m_TimerRestartIdle);
+            IoQueueWorkItem(m_pTimerRestartWorkItem, TimerRestartWorkRoutine, DelayedWorkQueue, this);
+        }
     }
-    m_pTimerRestartWorkItem = IoAllocateWorkItem(m_pFunctionalDeviceObject);
-    if (m_pTimerRestartWorkItem == nullptr) {
-        return;
-    }
-    KeClearEvent(&m_TimerRestartIdle);
-    IoQueueWorkItem(m_pTimerRestartWorkItem, TimerRestartWorkRoutine, DelayedWorkQueue, this);
+    KeReleaseSpinLock(&m_IdleSpinLock, oldIrql);
 }
 
 void IdlePower::TimerRestartWorkRoutine(PDEVICE_OBJECT pDeviceObject, PVOID pContext)
@@ -128,17 +132,19 @@ void IdlePower::TimerRestartWorkRoutine(PDEVICE_OBJECT pDeviceObject, PVOID pCon
     auto* pIdle = static_cast<IdlePower*>(pContext);
     // Checked and armed under the lock that EndIdleManagement clears
     // m_IdleActive under: a timer armed before the clear is cancelled after
-    // it, and none is armed after it.
+    // it, and none is armed after it. The event is set under the lock too;
+    // EndIdleManagement takes the lock once more after its wait, so that
+    // this routine has let go of the device before the device can go.
     KIRQL oldIrql;
     KeAcquireSpinLock(&pIdle->m_IdleSpinLock, &oldIrql);
     if (pIdle->m_IdleActive != 0) {
         SetIdleTimer(&pIdle->m_IdleTimer, &pIdle->m_IdleDpc);
     }
-    KeReleaseSpinLock(&pIdle->m_IdleSpinLock, oldIrql);
     PIO_WORKITEM pWorkItem = pIdle->m_pTimerRestartWorkItem;
     pIdle->m_pTimerRestartWorkItem = nullptr;
-    IoFreeWorkItem(pWorkItem);
     KeSetEvent(&pIdle->m_TimerRestartIdle, IO_NO_INCREMENT, FALSE);
+    KeReleaseSpinLock(&pIdle->m_IdleSpinLock, oldIrql);
+    IoFreeWorkItem(pWorkItem);
 }
 
 NTSTATUS IdlePower::RequestPowerUp()
@@ -186,8 +192,11 @@ void IdlePower::EndIdleManagement(BOOLEAN PowerUp)
     KeFlushQueuedDpcs();
     KeWaitForSingleObject(&m_IdlePassEvent, Executive, KernelMode, FALSE, nullptr);
     // A restart queued before m_IdleActive was cleared leaves the timer
-    // alone (it re-arms only while active); it must still finish first.
+    // alone (it re-arms only while active); it must still finish first, and
+    // release the idle lock it signals under.
     KeWaitForSingleObject(&m_TimerRestartIdle, Executive, KernelMode, FALSE, nullptr);
+    KeAcquireSpinLock(&m_IdleSpinLock, &oldIrql);
+    KeReleaseSpinLock(&m_IdleSpinLock, oldIrql);
     m_IdleTimerStarted = 0;
 }
 

@@ -42,7 +42,6 @@ public:
     SYSTEM_POWER_STATE m_SystemStateFrom;
     SYSTEM_POWER_STATE m_SystemStateTo;
     UCHAR m_ResumePending;
-    KEVENT m_PowerUpEvent;
 
 private:
     friend struct DriverTestAccess;
@@ -60,6 +59,7 @@ private:
     PIO_WORKITEM m_pIdleWorkItem;
     PIO_WORKITEM m_pTimerRestartWorkItem;
     KEVENT m_IdlePassEvent;
+    KEVENT m_PowerUpEvent;
     // Signalled while no timer-restart work item is outstanding, so that the
     // end of idle management can wait for one still queued.
     KEVENT m_TimerRestartIdle;

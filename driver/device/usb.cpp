@@ -37,6 +37,10 @@ constexpr ULONG kDeviceDescriptorSize = 18;
 constexpr ULONG kConfigurationHeaderSize = 9;
 constexpr ULONG kMaximumTransferSize = 0x10000;
 constexpr ULONG kPipeInformationSize = sizeof(USBD_PIPE_INFORMATION);  // 24
+// Packets per isochronous transfer: 16 ms of microframes at high speed, 32 ms
+// of frames at full speed.
+constexpr ULONG kPacketsPerTransferHighSpeed = 128;
+constexpr ULONG kPacketsPerTransferFullSpeed = 32;
 
 // The status of a request: the submit's, or the URB's own when the submit
 // succeeded but the URB did not.
@@ -94,7 +98,6 @@ NTSTATUS BusInterfaceQueryCompleted(PDEVICE_OBJECT, PIRP, PVOID pContext)
 UsbConfiguration::UsbConfiguration()
     : m_pDeviceDescriptor(nullptr),
       m_pConfigurationDescriptor(nullptr),
-      m_RemoteWakeup(0),
       m_ConfigurationHandle(nullptr),
       m_pInterfaceInformation(nullptr),
       m_pPipes(nullptr),
@@ -106,6 +109,7 @@ UsbConfiguration::UsbConfiguration()
       m_HighSpeed(0),
       m_SpeedPacketCount(0),
       m_pNextDeviceObject(nullptr),
+      m_RemoteWakeup(0),
       m_nPipeCapacity(0)
 {
 }
@@ -115,7 +119,7 @@ UsbConfiguration::~UsbConfiguration()
     Release();
 }
 
-void UsbConfiguration::Release()
+void UsbConfiguration::ReleaseConfiguration()
 {
     m_ConfigurationHandle = nullptr;
     m_IsoInPipe = nullptr;
@@ -127,6 +131,10 @@ void UsbConfiguration::Release()
     FreeTagged(m_pConfigurationDescriptor, kTagConfigurationDescriptor);
     FreeTagged(m_pDeviceDescriptor, kTagDeviceDescriptor);
     FreeTagged(m_pInterfaceInformation, kTagInterfaceList);
+}
+
+void UsbConfiguration::ReleaseBusInterface()
+{
     if (m_pBusInterface != nullptr && m_pBusInterface->InterfaceDereference != nullptr) {
         // The bus took a reference when it answered IRP_MN_QUERY_INTERFACE;
         // the interface's user gives it back before dropping the interface.
@@ -392,7 +400,7 @@ NTSTATUS UsbConfiguration::SelectAlternateInterface(UCHAR InterfaceNumber, UCHAR
     const ULONG nEndpoints = pInterface->bNumEndpoints;
     // (e - 1) x 24 + 80 bytes: the URB with its e pipes (56 for e = 0).
     const ULONG cbUrb = nEndpoints * kPipeInformationSize + sizeof(struct _URB_SELECT_INTERFACE) - kPipeInformationSize;
-    const ULONG cbInfo = nEndpoints * kPipeInformationSize + 24;
+    const ULONG cbInfo = GET_USBD_INTERFACE_SIZE(nEndpoints);
     PURB pUrb = static_cast<PURB>(ExAllocatePool(NonPagedPoolNx, cbUrb));
     if (pUrb == nullptr) {
         return STATUS_INSUFFICIENT_RESOURCES;
@@ -537,10 +545,10 @@ NTSTATUS UsbConfiguration::InitDeviceSpeed()
     }
     if (m_HighSpeed) {
         DbgPrint("[CCaptureDevice::InitDeviceSpeed] Device is operating at high speed\n");
-        m_SpeedPacketCount = 128;
+        m_SpeedPacketCount = kPacketsPerTransferHighSpeed;
     } else {
         DbgPrint("[CCaptureDevice::InitDeviceSpeed] Device is operating at full speed\n");
-        m_SpeedPacketCount = 32;
+        m_SpeedPacketCount = kPacketsPerTransferFullSpeed;
     }
     return STATUS_SUCCESS;
 }

@@ -17,9 +17,6 @@ public:
     // The device object that URBs are sent to (the one below ours).
     void Attach(PDEVICE_OBJECT pNextDeviceObject) { m_pNextDeviceObject = pNextDeviceObject; }
 
-    // One URB, synchronously. For a pended request the answer is the wait's
-    // status; callers that care read the URB's own status too.
-    NTSTATUS SubmitUrb(PURB pUrb);
     // Device descriptor, configuration descriptor, then the configuration
     // with alternate setting 0 of every interface.
     NTSTATUS ReadandSelectUsbDescriptors();
@@ -32,14 +29,20 @@ public:
     NTSTATUS GetBusInterface();
     // m_HighSpeed and the packets per isochronous transfer.
     NTSTATUS InitDeviceSpeed();
-    // Frees every block with its tag (a second call is harmless), giving the
-    // bus interface's reference back first.
-    void Release();
+    // Frees the descriptors, the interface and the pipe array with their tags
+    // (a second call is harmless).
+    void ReleaseConfiguration();
+    // Gives the bus interface's reference back and frees it.
+    void ReleaseBusInterface();
+    void Release()
+    {
+        ReleaseConfiguration();
+        ReleaseBusInterface();
+    }
 
     // Read by the pins, the control requests and the format tables.
     PUSB_DEVICE_DESCRIPTOR m_pDeviceDescriptor;                // 18 bytes, "KVdd"
     PUSB_CONFIGURATION_DESCRIPTOR m_pConfigurationDescriptor;  // wTotalLength bytes, "KVcd"
-    UCHAR m_RemoteWakeup;                                      // bmAttributes bit 0x20
     USBD_CONFIGURATION_HANDLE m_ConfigurationHandle;
     PUSBD_INTERFACE_INFORMATION m_pInterfaceInformation;       // first interface, "KVle"
     PUSBD_PIPE_INFORMATION m_pPipes;                           // pipe array, "KVtx"
@@ -52,11 +55,15 @@ public:
     ULONG m_SpeedPacketCount;                                  // 128 high speed, 32 full speed
 
 private:
+    // One URB, synchronously. For a pended request the answer is the wait's
+    // status; callers that care read the URB's own status too.
+    NTSTATUS SubmitUrb(PURB pUrb);
     NTSTATUS ConfigureUsbDevice();
     NTSTATUS SelectUsbInterfaces(PUSB_CONFIGURATION_DESCRIPTOR pConfigurationDescriptor);
     NTSTATUS KeepFirstInterface(PUSBD_INTERFACE_INFORMATION pInfo, USBD_CONFIGURATION_HANDLE hConfiguration);
     void ReplaceBusInterface(PUSB_BUS_INTERFACE_USBDI_V1 pInterface);
 
     PDEVICE_OBJECT m_pNextDeviceObject;
+    UCHAR m_RemoteWakeup;   // bmAttributes bit 0x20
     ULONG m_nPipeCapacity;  // entries allocated: the largest alternate setting's endpoints
 };

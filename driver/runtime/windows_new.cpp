@@ -19,12 +19,12 @@
 //    only guarantees 16-byte alignment on x64, so these over-allocate, align
 //    inside the block and keep the pool's pointer just below the object.
 #include "wdk.h"
+#include "pooltag.h"
 #include <new>
 
 namespace {
 
-// Pool tools print a tag's bytes in memory order: 'K' first shows "KVnw".
-constexpr ULONG kNewTag = ULONG('K') | ULONG('V') << 8 | ULONG('n') << 16 | ULONG('w') << 24;
+constexpr ULONG kNewTag = kv::kTagNew;
 
 // The pool's own alignment on x64 (MEMORY_ALLOCATION_ALIGNMENT).
 constexpr SIZE_T kPoolAlignment = 16;

@@ -136,26 +136,23 @@ public:
     CCaptureDevice& Dev() { return *device_; }
     DeviceSettings& Settings() { return device_->m_Settings; }
 
-    // Calls into ControlRequests. The driver is built without RTTI, so this
-    // class with virtual functions has no typeinfo for UndefinedBehavior-
-    // Sanitizer's vptr check to compare with, and a checked call would not
-    // link: the tests call through these unchecked wrappers.
-    [[gnu::no_sanitize("vptr")]] NTSTATUS SetDeviceProperty(USHORT id, LONG value)
+    // Calls into the device's control requests.
+    NTSTATUS SetDeviceProperty(USHORT id, LONG value)
     {
         return device_->m_Requests.SetDeviceProperty(id, value);
     }
-    [[gnu::no_sanitize("vptr")]] NTSTATUS GetDeviceProperty(USHORT id, UCHAR request, PLONG pValue)
+    NTSTATUS GetDeviceProperty(USHORT id, UCHAR request, PLONG pValue)
     {
         return device_->m_Requests.GetDeviceProperty(id, request, pValue);
     }
-    [[gnu::no_sanitize("vptr")]] NTSTATUS SendClassRequest(USHORT wIndex, UCHAR request, USHORT wValue, PVOID pBuffer,
+    NTSTATUS SendClassRequest(USHORT wIndex, UCHAR request, USHORT wValue, PVOID pBuffer,
                                                             PULONG pLength)
     {
         return device_->m_Requests.SendClassRequest(wIndex, request, wValue, pBuffer, pLength);
     }
     // One of its device values (m_CapturePinRunning, m_ControlReady,
     // m_SpecialFrameReload), read or written.
-    [[gnu::no_sanitize("vptr")]] ULONG& RequestsValue(ULONG ControlRequests::*member)
+    ULONG& RequestsValue(ULONG ControlRequests::*member)
     {
         return device_->m_Requests.*member;
     }

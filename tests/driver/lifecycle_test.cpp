@@ -302,6 +302,8 @@ TEST(SelfTimerCountdown, CountsDownThenRaisesTheStillRequestAndStopCancelsIt)
     ASSERT_EQ(rig.AddAndStart(), STATUS_SUCCESS);
     SelfTimer& timer = rig.Dev().m_SelfTimer;
     timer.m_SoftwareTrigger = 1;
+    // The counting, not the clock tick, is under test: each second exactly.
+    kvsim::SetExactTimers(true);
     DriverTestAccess::StartCountdown(timer, 2);
     kvsim::RunFor(1 * kvsim::kSecond);
     EXPECT_EQ(timer.m_CountdownCounter, 1);
