@@ -4,17 +4,21 @@
 //
 // Behaviour followed (learn.microsoft.com/windows-hardware/drivers/ unless a
 // full address is given), decisions marked "we":
-//  - URB status -> IRP status as USBPORT maps it (ReactOS's reimplementation
-//    of usbport.sys, USBPORT_USBDStatusToNtStatus): success, CANCELED ->
-//    STATUS_CANCELLED, DEVICE_GONE -> STATUS_DEVICE_NOT_CONNECTED,
-//    INSUFFICIENT_RESOURCES, NOT_SUPPORTED, every other error
-//    STATUS_UNSUCCESSFUL; we add INVALID_PARAMETER -> STATUS_INVALID_PARAMETER.
+//  - URB status -> IRP status (ddi/usbioctl/ni-usbioctl-ioctl_internal_usb_
+//    submit_urb: STATUS_SUCCESS when the URB succeeds, otherwise an error
+//    such as STATUS_INVALID_PARAMETER or STATUS_INSUFFICIENT_RESOURCES, with
+//    the USBD status of ddi/usb/ns-usb-_urb_header in UrbHeader.Status). As
+//    Windows's port driver maps it: success, CANCELED -> STATUS_CANCELLED,
+//    DEVICE_GONE -> STATUS_DEVICE_NOT_CONNECTED, INSUFFICIENT_RESOURCES,
+//    NOT_SUPPORTED, every other error STATUS_UNSUCCESSFUL; we add
+//    INVALID_PARAMETER -> STATUS_INVALID_PARAMETER, the error that page names.
 //    So a stalled control request is USBD_STATUS_STALL_PID +
 //    STATUS_UNSUCCESSFUL, a bad pipe handle USBD_STATUS_INVALID_PIPE_HANDLE.
-//  - The hub's PDO fails every URB with STATUS_DEVICE_NOT_CONNECTED once the
-//    device is gone and with STATUS_DEVICE_POWERED_OFF while it is not in D0
-//    (ReactOS usbhub, USBH_PdoInternalControl); the URB status is left as
-//    submitted there, as the hub does.
+//  - Windows's hub driver fails every URB on its PDO at once with
+//    STATUS_DEVICE_NOT_CONNECTED once the device is gone and with
+//    STATUS_DEVICE_POWERED_OFF while it is not in D0 (its port suspended:
+//    usbcon/comparing-usb-device-states-to-wdm-device-states); the URB
+//    status is left as submitted, as the hub does.
 //  - Transfers pending when the device disappears complete with
 //    USBD_STATUS_DEVICE_GONE and (we) STATUS_NO_SUCH_DEVICE: the device
 //    handle is gone, and a client's isochronous completion routine stops on
@@ -54,8 +58,10 @@
 //    STALL. Slots while the device is not in D0 are not accessed (a
 //    suspended port has no SOFs).
 //  - Cancel (IoCancelIrp) and ABORT_PIPE complete pending transfers with
-//    USBD_STATUS_CANCELED / STATUS_CANCELLED. RESET_PIPE with transfers
-//    pending fails with USBD_STATUS_ERROR_BUSY (ReactOS USBPORT_ResetPipe).
+//    USBD_STATUS_CANCELED / STATUS_CANCELLED. Every transfer must be aborted
+//    or cancelled before a pipe is reset; a reset with transfers pending
+//    fails with USBD_STATUS_ERROR_BUSY, "the endpoint has active transfers
+//    pending" (ddi/usb/ns-usb-_urb_header, URB_FUNCTION_SYNC_RESET_PIPE*).
 //  - An interrupt (or bulk IN) transfer stays pending until the camera has a
 //    status packet; the bus polls every endpoint interval (at least 1 ms, we).
 //    A packet shorter than the buffer without USBD_SHORT_TRANSFER_OK ends

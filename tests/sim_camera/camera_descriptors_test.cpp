@@ -166,11 +166,7 @@ void Exercise(UvcCamera& cam, bool stream) {
     for (const auto& vs : cam.Model().streaming) {
         for (const auto& f : vs.formats)
             for (const auto& fr : f.frames) {
-                ProbeControl p;
-                p.formatIndex = f.index;
-                p.frameIndex = fr.index;
-                p.frameInterval = 1;
-                Probe(cam, vs.number, false, p);
+                Probe(cam, vs.number, false, Pc(f.index, fr.index, 1));
                 ProbeGet(cam, vs.number);
                 ProbeGet(cam, vs.number, uvc::kGetMax);
             }
@@ -180,10 +176,7 @@ void Exercise(UvcCamera& cam, bool stream) {
         for (uint8_t sel = 0; sel < 0x14; ++sel) VcGet(cam, uvc::kGetCur, e.id, sel, 8, nullptr);
     if (!stream) return;
     for (const auto& vs : cam.Model().streaming) {
-        ProbeControl p;
-        p.formatIndex = 1;
-        p.frameIndex = 1;
-        if (!Probe(cam, vs.number, true, p).ok()) continue;
+        if (!Probe(cam, vs.number, true, Pc(1, 1)).ok()) continue;
         auto got = ProbeGet(cam, vs.number);
         if (!got) continue;
         const auto* fmt = vs.FindFormat(1);

@@ -3,9 +3,8 @@
 // nearest supported one; the payload size is an alternate setting's
 // capacity chosen as real cameras do. Controls: ranges of every announced
 // camera-terminal and processing-unit control, stalls like a real camera,
-// the request error code control, the register window of extension unit 4
-// (selector 3) that kvdrv's AccessExtensionRegister uses, and the interrupt
-// endpoint's status packets (the still-image button).
+// the request error code control, and the interrupt endpoint's status
+// packets (the still-image button).
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -25,11 +24,8 @@ TEST_P(ProbeCommitEveryFrame, NegotiatesAndCommitsEveryFormatAndFrame) {
             for (const auto& fr : f.frames) {
                 SCOPED_TRACE(testing::Message() << GetParam() << " if " << int(vs.number) << " format "
                                                 << int(f.index) << " frame " << int(fr.index));
-                ProbeControl p;
-                p.formatIndex = f.index;
-                p.frameIndex = fr.index;
-                p.frameInterval = fr.intervals.empty() ? 0 : fr.intervals.back() + 1;  // not listed: snaps
-                ASSERT_TRUE(Probe(*cam, vs.number, false, p).ok());
+                uint32_t unlisted = fr.intervals.empty() ? 0 : fr.intervals.back() + 1;  // snaps
+                ASSERT_TRUE(Probe(*cam, vs.number, false, Pc(f.index, fr.index, unlisted)).ok());
                 auto got = ProbeGet(*cam, vs.number);
                 ASSERT_TRUE(got);
                 EXPECT_EQ(got->formatIndex, f.index);
@@ -69,9 +65,7 @@ TEST(ProbeCommit, BadFormatOrFrameIndexStalls) {
     auto before = ProbeGet(*cam, 1);
     ASSERT_TRUE(before);
     for (auto [format, frame] : {std::pair{0, 1}, {3, 1}, {1, 0}, {1, 7}, {2, 5}}) {
-        ProbeControl p;
-        p.formatIndex = static_cast<uint8_t>(format);
-        p.frameIndex = static_cast<uint8_t>(frame);
+        ProbeControl p = Pc(static_cast<uint8_t>(format), static_cast<uint8_t>(frame));
         EXPECT_FALSE(Probe(*cam, 1, false, p).ok()) << format << "/" << frame;
         EXPECT_FALSE(Probe(*cam, 1, true, p).ok()) << format << "/" << frame;
     }
@@ -85,11 +79,7 @@ TEST(ProbeCommit, IntervalSnapsToTheNearestSupportedOne) {
     auto cam = UvcCamera::CreateDefault();
     ASSERT_TRUE(Configure(*cam));
     auto snap = [&](uint8_t format, uint8_t frame, uint32_t interval) {
-        ProbeControl p;
-        p.formatIndex = format;
-        p.frameIndex = frame;
-        p.frameInterval = interval;
-        EXPECT_TRUE(Probe(*cam, 1, false, p).ok());
+        EXPECT_TRUE(Probe(*cam, 1, false, Pc(format, frame, interval)).ok());
         return ProbeGet(*cam, 1)->frameInterval;
     };
     EXPECT_EQ(snap(1, 1, 333333), 333333u);
@@ -113,11 +103,7 @@ TEST(ProbeCommit, MinMaxDefAndPayloadSizesAreThoseOfARealCamera) {
     // 640x480 YUY2 at 30 fps needs 614400 / 266 + 12 = 2322 bytes a
     // microframe: the smallest setting that carries it is 3 x 896.
     EXPECT_EQ(def->maxPayloadTransferSize, 2688u);
-    ProbeControl p;
-    p.formatIndex = 1;
-    p.frameIndex = 5;  // 160x120
-    p.frameInterval = 333333;
-    ASSERT_TRUE(Probe(*cam, 1, false, p).ok());
+    ASSERT_TRUE(Probe(*cam, 1, false, Pc(1, 5, 333333)).ok());  // 160x120
     auto cur = ProbeGet(*cam, 1);
     EXPECT_EQ(cur->maxPayloadTransferSize, 256u);  // 38400 / 266 + 12 = 157 -> the 256-byte setting
     auto mn = ProbeGet(*cam, 1, uvc::kGetMin);
@@ -150,11 +136,7 @@ TEST(ProbeCommit, ContinuousIntervalsAreClampedAndPutOnTheStep) {
     ASSERT_TRUE(fr && fr->continuous);
     EXPECT_EQ(fr->intervals, (std::vector<uint32_t>{333333, 2000000, 333333}));
     auto snap = [&](uint32_t interval) {
-        ProbeControl p;
-        p.formatIndex = 1;
-        p.frameIndex = 1;
-        p.frameInterval = interval;
-        EXPECT_TRUE(Probe(*cam, 1, false, p).ok());
+        EXPECT_TRUE(Probe(*cam, 1, false, Pc(1, 1, interval)).ok());
         return ProbeGet(*cam, 1)->frameInterval;
     };
     EXPECT_EQ(snap(100), 333333u);
@@ -173,10 +155,7 @@ TEST(ProbeCommit, FullSpeedPayloadsFitOneFullSpeedPacket) {
     ASSERT_TRUE(Configure(*cam));
     for (const auto& f : cam->Model().streaming[0].formats)
         for (const auto& fr : f.frames) {
-            ProbeControl p;
-            p.formatIndex = f.index;
-            p.frameIndex = fr.index;
-            ASSERT_TRUE(Probe(*cam, 1, false, p).ok());
+            ASSERT_TRUE(Probe(*cam, 1, false, Pc(f.index, fr.index)).ok());
             auto got = ProbeGet(*cam, 1);
             EXPECT_LE(got->maxPayloadTransferSize, 1023u);
             EXPECT_GT(got->maxPayloadTransferSize, 12u);
@@ -313,6 +292,13 @@ TEST(CameraControls, OutOfRangeAndOffGridValuesStallAndSetTheErrorCode) {
     EXPECT_EQ(res[0], 0x09);
     EXPECT_FALSE(VcSet(*cam, 1, uvc::kCtAeMode, {2}).ok());
     EXPECT_FALSE(VcGet(*cam, uvc::kGetMin, 1, uvc::kCtAeMode, 1, nullptr).ok());
+    // The register window of extension unit 4 (selector 3) refuses a command
+    // it does not know, and selector 1 is not announced. (Its reads and
+    // writes: driver_3_2_requests_test's ExtensionRegister tests.)
+    cam->SetRegister(0x17, 0x05);
+    EXPECT_FALSE(VcSet(*cam, 4, 3, {0x42, 0x17}).ok());
+    EXPECT_FALSE(VcSet(*cam, 4, 1, {0, 0}).ok());
+    EXPECT_EQ(cam->Register(0x17), 0x05);
 }
 
 TEST(CameraControls, ExposureTimeIsOwnedByAutoExposureUntilManualMode) {
@@ -354,27 +340,6 @@ TEST(CameraControls, ClassRequestsNeedAConfiguredDevice) {
     ASSERT_TRUE(Configure(*cam));
     EXPECT_TRUE(VcGet(*cam, uvc::kGetCur, 3, uvc::kPuBrightness, 2, nullptr).ok());
     EXPECT_FALSE(SetInterface(*cam, 1, 9));  // no such alternate setting
-}
-
-TEST(CameraControls, ExtensionUnitRegisterWindowRoundTrip) {
-    auto cam = UvcCamera::CreateDefault();
-    ASSERT_TRUE(Configure(*cam));
-    cam->SetRegister(0x17, 0x05);
-    // AccessExtensionRegister(0x17, set) on product 0x8034: bit 0x20.
-    ASSERT_TRUE(VcSet(*cam, 4, 3, {0x80, 0x17}).ok());
-    std::vector<uint8_t> b;
-    ASSERT_TRUE(VcGet(*cam, uvc::kGetCur, 4, 3, 2, &b).ok());
-    ASSERT_EQ(b.size(), 2u);
-    EXPECT_EQ(b[1], 0x05);
-    uint8_t next = b[1] | 0x20;
-    ASSERT_TRUE(VcSet(*cam, 4, 3, {0x00, 0x17, next}).ok());
-    ASSERT_TRUE(VcGet(*cam, uvc::kGetCur, 4, 3, 3, &b).ok());
-    EXPECT_EQ(b, (std::vector<uint8_t>{0x00, 0x17, 0x25}));
-    EXPECT_EQ(cam->Register(0x17), 0x25);
-    EXPECT_EQ(cam->Register(0x18), 0x00);
-    EXPECT_FALSE(VcSet(*cam, 4, 3, {0x42, 0x17}).ok());  // unknown command
-    EXPECT_FALSE(VcSet(*cam, 4, 1, {0, 0}).ok());        // selector 1 is not announced
-    EXPECT_EQ(cam->Register(0x17), 0x25);
 }
 
 TEST(CameraInterrupt, StatusPacketsComeOutInOrderAndCutToTheTransferLength) {

@@ -64,6 +64,16 @@ inline ControlResult VcSet(UvcCamera& c, uint8_t entity, uint8_t selector, std::
                static_cast<uint16_t>(entity << 8 | c.Model().controlInterface.value_or(0)), std::move(data));
 }
 
+// A probe/commit block asking for `format`, `frame` and `interval` (0: the
+// frame's default).
+inline ProbeControl Pc(uint8_t format, uint8_t frame, uint32_t interval = 0) {
+    ProbeControl p;
+    p.formatIndex = format;
+    p.frameIndex = frame;
+    p.frameInterval = interval;
+    return p;
+}
+
 inline ControlResult Probe(UvcCamera& c, uint8_t iface, bool commit, const ProbeControl& p) {
     return Out(c, 0x21, uvc::kSetCur, commit ? 0x0200 : 0x0100, iface, p.Pack());
 }
@@ -86,11 +96,7 @@ inline const AltSetting* AlternateFor(const StreamingInterface& vs, uint32_t max
 inline std::optional<ProbeControl> StartStreaming(UvcCamera& c, uint8_t iface, uint8_t format, uint8_t frame,
                                                   uint32_t interval) {
     if (!Configure(c)) return std::nullopt;
-    ProbeControl p;
-    p.formatIndex = format;
-    p.frameIndex = frame;
-    p.frameInterval = interval;
-    if (!Probe(c, iface, false, p).ok()) return std::nullopt;
+    if (!Probe(c, iface, false, Pc(format, frame, interval)).ok()) return std::nullopt;
     auto got = ProbeGet(c, iface);
     if (!got || !Probe(c, iface, true, *got).ok()) return std::nullopt;
     const AltSetting* alt = AlternateFor(*c.Model().FindStreaming(iface), got->maxPayloadTransferSize);

@@ -53,8 +53,6 @@ void OverlappingDpc(PKDPC, PVOID context, PVOID, PVOID) {
     ++s->done;
 }
 
-TEST(KeParallel, ModeIsParallel) { EXPECT_EQ(kvsim::GetClockMode(), kvsim::ClockMode::Parallel); }
-
 TEST(KeParallel, DpcsRunOnSeveralThreadsAtOnceUnderARealSpinLock) {
     ParallelDpcState state;
     KeInitializeSpinLock(&state.spin);

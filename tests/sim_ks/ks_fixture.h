@@ -66,6 +66,16 @@ protected:
         ASSERT_NE(Recorder().capturePin, nullptr);
     }
 
+    // OpenCapturePin, then RUN with `count` buffers of `bytes` queued (with
+    // `fill` false, Process leaves them in the queue).
+    void RunWithBuffers(ULONG count, ULONG bytes, bool fill = true) {
+        OpenCapturePin();
+        if (HasFatalFailure()) return;
+        Recorder().fillOnProcess = fill;
+        ASSERT_EQ(pin_->SetState(KSSTATE_RUN), STATUS_SUCCESS);
+        ASSERT_EQ(pin_->QueueBuffers(count, bytes), STATUS_PENDING);
+    }
+
     PDEVICE_OBJECT pdo_ = nullptr;
     PDRIVER_OBJECT driver_ = nullptr;
     std::unique_ptr<kvsim::client::Filter> filter_;

@@ -1,7 +1,7 @@
 // The ks.sys simulation's pins: a connection is accepted or refused by the
 // pin factory's data ranges and instance count as ks.sys decides, reaching
 // SetDataFormat with the matched range; state changes reach SetDeviceState
-// one step at a time; intersection answers the size query first.
+// one step at a time.
 #include <cstring>
 
 #include "sim_ks/ks_fixture.h"
@@ -35,7 +35,7 @@ TEST_F(KsTest, ConnectionMatchingASecondRangeReachesSetDataFormatWithThatRange) 
     EXPECT_EQ(KsGetDevice(pin), Recorder().device);
 }
 
-TEST_F(KsTest, ConnectionWithAnotherSubformatIsRefusedBeforeTheMinidriverSeesIt) {
+TEST_F(KsTest, ConnectionsWithAnotherFormatPinOrInterfaceAreRefusedBeforeTheMinidriverSeesThem) {
     AddAndStart();
     OpenFilter();
     KS_DATAFORMAT_VIDEOINFOHEADER format = MakeTestFormat(0);
@@ -47,26 +47,7 @@ TEST_F(KsTest, ConnectionWithAnotherSubformatIsRefusedBeforeTheMinidriverSeesIt)
     format = MakeTestFormat(0);
     format.DataFormat.Specifier = KSDATAFORMAT_SPECIFIER_VIDEOINFO2;
     EXPECT_EQ(filter_->CreatePin(kCapturePinId, &format.DataFormat, &pin_), STATUS_NO_MATCH);
-    EXPECT_EQ(CountCalls("SetDataFormat"), 0u);
-    EXPECT_EQ(CountCalls("PinCreate"), 0u);
-    EXPECT_EQ(pin_, nullptr);
-}
-
-TEST_F(KsTest, ConnectionWithASizeNoRangeHasIsRefusedBySetDataFormat) {
-    AddAndStart();
-    OpenFilter();
-    KS_DATAFORMAT_VIDEOINFOHEADER format = MakeTestFormat(0);
-    format.VideoInfoHeader.bmiHeader.biWidth = 800;
-    format.VideoInfoHeader.bmiHeader.biHeight = 600;
-    EXPECT_EQ(filter_->CreatePin(kCapturePinId, &format.DataFormat, &pin_), STATUS_NO_MATCH);
-    EXPECT_EQ(CountCalls("SetDataFormat"), 2u);
-    EXPECT_EQ(CountCalls("PinCreate"), 0u);
-}
-
-TEST_F(KsTest, ConnectionRequestsWithBadPinIdsOrSizesAreRefused) {
-    AddAndStart();
-    OpenFilter();
-    KS_DATAFORMAT_VIDEOINFOHEADER format = MakeTestFormat(0);
+    format = MakeTestFormat(0);
     EXPECT_EQ(filter_->CreatePin(kPinCount, &format.DataFormat, &pin_), STATUS_INVALID_PARAMETER);
     format.DataFormat.FormatSize = sizeof(KSDATAFORMAT) - 8;
     EXPECT_EQ(filter_->CreatePin(kCapturePinId, &format.DataFormat, &pin_), STATUS_INVALID_PARAMETER);
@@ -84,7 +65,20 @@ TEST_F(KsTest, ConnectionRequestsWithBadPinIdsOrSizesAreRefused) {
     connect.Medium.Set = KSMEDIUMSETID_Standard;
     format = MakeTestFormat(0);
     EXPECT_EQ(filter_->CreatePin(kCapturePinId, &format.DataFormat, &pin_, &connect), STATUS_NO_MATCH);
+    EXPECT_EQ(CountCalls("SetDataFormat"), 0u);
+    EXPECT_EQ(CountCalls("PinCreate"), 0u);
     EXPECT_EQ(pin_, nullptr);
+}
+
+TEST_F(KsTest, ConnectionWithASizeNoRangeHasIsRefusedBySetDataFormat) {
+    AddAndStart();
+    OpenFilter();
+    KS_DATAFORMAT_VIDEOINFOHEADER format = MakeTestFormat(0);
+    format.VideoInfoHeader.bmiHeader.biWidth = 800;
+    format.VideoInfoHeader.bmiHeader.biHeight = 600;
+    EXPECT_EQ(filter_->CreatePin(kCapturePinId, &format.DataFormat, &pin_), STATUS_NO_MATCH);
+    EXPECT_EQ(CountCalls("SetDataFormat"), 2u);
+    EXPECT_EQ(CountCalls("PinCreate"), 0u);
 }
 
 TEST_F(KsTest, SecondCapturePinIsRefusedByTheInstanceCount) {
@@ -139,53 +133,6 @@ TEST_F(KsTest, ClosingARunningPinWalksItDownToStop) {
     ASSERT_EQ(Recorder().stateSteps.size(), 6u);
     EXPECT_EQ(Recorder().stateSteps.back().to, KSSTATE_STOP);
     EXPECT_EQ(Recorder().calls.back(), "PinClose");
-}
-
-TEST_F(KsTest, IntersectionAnswersTheSizeQueryThenTheFormat) {
-    AddAndStart();
-    OpenFilter();
-    KS_DATARANGE_VIDEO wanted = TestRange(1);
-    ULONG needed = 0;
-    std::vector<uint8_t> format;
-    EXPECT_EQ(filter_->Intersect(kCapturePinId, &wanted, sizeof(wanted), &format, &needed, true),
-              STATUS_BUFFER_OVERFLOW);
-    EXPECT_EQ(needed, sizeof(KS_DATAFORMAT_VIDEOINFOHEADER));
-    ASSERT_EQ(filter_->Intersect(kCapturePinId, &wanted, sizeof(wanted), &format, &needed), STATUS_SUCCESS);
-    ASSERT_EQ(format.size(), sizeof(KS_DATAFORMAT_VIDEOINFOHEADER));
-    KS_DATAFORMAT_VIDEOINFOHEADER expected = MakeTestFormat(1);
-    EXPECT_EQ(memcmp(format.data(), &expected, sizeof(expected)), 0);
-    // The intersected format connects.
-    ASSERT_EQ(filter_->CreatePin(kCapturePinId, reinterpret_cast<const KSDATAFORMAT*>(format.data()), &pin_),
-              STATUS_SUCCESS);
-}
-
-TEST_F(KsTest, ClientListsThePinsWithTheirRangesAndCategories) {
-    AddAndStart();
-    OpenFilter();
-    ULONG count = 0;
-    ASSERT_EQ(filter_->PinCount(&count), STATUS_SUCCESS);
-    EXPECT_EQ(count, kPinCount);
-    std::vector<std::vector<uint8_t>> ranges;
-    ASSERT_EQ(filter_->PinDataRanges(kCapturePinId, &ranges), STATUS_SUCCESS);
-    ASSERT_EQ(ranges.size(), kRangeCount);
-    for (ULONG i = 0; i < kRangeCount; ++i) {
-        ASSERT_EQ(ranges[i].size(), sizeof(KS_DATARANGE_VIDEO));
-        EXPECT_EQ(memcmp(ranges[i].data(), &TestRange(i), sizeof(KS_DATARANGE_VIDEO)), 0);
-    }
-    GUID category{};
-    ASSERT_EQ(filter_->PinCategory(kCapturePinId, &category), STATUS_SUCCESS);
-    EXPECT_EQ(category, PINNAME_VIDEO_CAPTURE);
-    KSPIN_DATAFLOW flow{};
-    ASSERT_EQ(filter_->PinDataFlow(kBridgePinId, &flow), STATUS_SUCCESS);
-    EXPECT_EQ(flow, KSPIN_DATAFLOW_IN);
-    KSPIN_COMMUNICATION communication{};
-    ASSERT_EQ(filter_->PinCommunication(kBridgePinId, &communication), STATUS_SUCCESS);
-    EXPECT_EQ(communication, KSPIN_COMMUNICATION_BRIDGE);
-    ASSERT_EQ(ConnectCapture(0), STATUS_SUCCESS);
-    KSPIN_CINSTANCES instances{};
-    ASSERT_EQ(filter_->PinInstances(kCapturePinId, &instances), STATUS_SUCCESS);
-    EXPECT_EQ(instances.PossibleCount, 1u);
-    EXPECT_EQ(instances.CurrentCount, 1u);
 }
 
 }  // namespace

@@ -1,8 +1,9 @@
 // The ks.sys simulation's device side: the PnP manager's IRPs reach the
-// minidriver's KSDEVICE_DISPATCH in the documented order, filter factories
-// and their device interfaces follow start and stop, power IRPs reach
+// minidriver's KSDEVICE_DISPATCH in the documented order, power IRPs reach
 // QueryPower/SetPower and the pins' power callbacks, and a surprise removal
-// while a pin runs stops the pin and fails its queued buffers.
+// while a pin runs stops the pin and fails its queued buffers. (Filter
+// factories' device interfaces at start and stop: driver_1_4_filter_test and
+// driver_1_1_lifecycle_test on kvdrv.)
 #include "sim_ks/ks_fixture.h"
 
 #include "kvsim/io.h"
@@ -37,17 +38,13 @@ TEST_F(KsTest, RemovingAStartedDeviceStopsItFirst) {
     EXPECT_EQ(Recorder().calls, (Calls{"Add", "Start", "PostStart", "QueryRemove", "Stop", "Remove"}));
 }
 
-TEST_F(KsTest, VetoedQueryStopIsCancelledAndTheDeviceKeepsRunning) {
+TEST_F(KsTest, VetoedQueryStopOrRemoveIsCancelledAndTheDeviceKeepsRunning) {
     AddAndStart();
     Recorder().failQueryStop = true;
     EXPECT_EQ(kvsim::pnp::StopDevice(pdo_), STATUS_UNSUCCESSFUL);
     EXPECT_TRUE(Recorder().device->Started);
     EXPECT_EQ(Recorder().calls, (Calls{"Add", "Start", "PostStart", "QueryStop", "CancelStop"}));
     EXPECT_EQ(kvsim::client::EnumerateFilters(KSCATEGORY_CAPTURE).size(), 1u);
-}
-
-TEST_F(KsTest, VetoedQueryRemoveIsCancelled) {
-    AddAndStart();
     Recorder().failQueryRemove = true;
     EXPECT_EQ(kvsim::pnp::RemoveDevice(pdo_), STATUS_UNSUCCESSFUL);
     EXPECT_TRUE(kvsim::pnp::HasFunctionDevice(pdo_));
@@ -61,38 +58,6 @@ TEST_F(KsTest, FailedStartLeavesTheDeviceNotStarted) {
     EXPECT_EQ(kvsim::pnp::StartDevice(pdo_), STATUS_UNSUCCESSFUL);
     EXPECT_FALSE(Recorder().device->Started);
     EXPECT_EQ(Recorder().calls, (Calls{"Add", "Start"}));  // no PostStart
-}
-
-TEST_F(KsTest, QueryCapabilitiesReachesTheMinidriverAfterTheBus) {
-    AddAndStart();
-    DEVICE_CAPABILITIES caps{};
-    ASSERT_EQ(kvsim::pnp::QueryCapabilities(pdo_, &caps), STATUS_SUCCESS);
-    // The bus said removable; the minidriver's QueryCapabilities ran after
-    // it and changed that.
-    EXPECT_EQ(caps.Removable, 0u);
-    EXPECT_EQ(caps.SurpriseRemovalOK, 1u);
-    EXPECT_EQ(Recorder().calls.back(), "QueryCapabilities");
-}
-
-TEST_F(KsTest, StartedFactoryRegistersOneEnabledInterfacePerCategory) {
-    ASSERT_EQ(kvsim::pnp::AddDevice(driver_, pdo_), STATUS_SUCCESS);
-    EXPECT_TRUE(kvsim::client::EnumerateFilters(KSCATEGORY_CAPTURE).empty());
-    ASSERT_EQ(kvsim::pnp::StartDevice(pdo_), STATUS_SUCCESS);
-    auto capture = kvsim::client::EnumerateFilters(KSCATEGORY_CAPTURE);
-    auto video = kvsim::client::EnumerateFilters(KSCATEGORY_VIDEO);
-    ASSERT_EQ(capture.size(), 1u);
-    ASSERT_EQ(video.size(), 1u);
-    EXPECT_EQ(capture[0].referenceString, u"GLOBAL");
-    EXPECT_EQ(capture[0].pdo, pdo_);
-    EXPECT_NE(capture[0].symbolicLink, video[0].symbolicLink);
-    EXPECT_TRUE(kvsim::client::EnumerateFilters(KSCATEGORY_RENDER).empty());
-    // KSCREATE_ITEM_FREEONSTOP: the factory and its interfaces go at stop.
-    ASSERT_EQ(kvsim::pnp::StopDevice(pdo_), STATUS_SUCCESS);
-    EXPECT_TRUE(kvsim::client::EnumerateFilters(KSCATEGORY_CAPTURE).empty());
-    EXPECT_EQ(KsDeviceGetFirstChildFilterFactory(Recorder().device), nullptr);
-    // A restart creates it again.
-    ASSERT_EQ(kvsim::pnp::StartDevice(pdo_), STATUS_SUCCESS);
-    EXPECT_EQ(kvsim::client::EnumerateFilters(KSCATEGORY_CAPTURE).size(), 1u);
 }
 
 TEST_F(KsTest, SystemSleepAndResumeReachQueryPowerSetPowerAndThePinCallbacks) {
@@ -117,20 +82,8 @@ TEST_F(KsTest, SystemSleepAndResumeReachQueryPowerSetPowerAndThePinCallbacks) {
     EXPECT_EQ(kvsim::RecordedDevicePowerState(Recorder().device->FunctionalDeviceObject), PowerDeviceD0);
 }
 
-TEST_F(KsTest, DevicePowerIrpsReachSetPower) {
-    AddAndStart();
-    ASSERT_EQ(kvsim::pnp::SetDevicePower(pdo_, PowerDeviceD3), STATUS_SUCCESS);
-    EXPECT_EQ(Recorder().lastSetPowerTo, PowerDeviceD3);
-    ASSERT_EQ(kvsim::pnp::SetDevicePower(pdo_, PowerDeviceD0), STATUS_SUCCESS);
-    EXPECT_EQ(Recorder().lastSetPowerTo, PowerDeviceD0);
-    EXPECT_EQ(Recorder().lastSetPowerFrom, PowerDeviceD3);
-}
-
 TEST_F(KsTest, SurpriseRemovalWhileAPinRunsStopsItAndFailsItsBuffers) {
-    OpenCapturePin();
-    Recorder().fillOnProcess = false;  // the buffers stay queued
-    ASSERT_EQ(pin_->SetState(KSSTATE_RUN), STATUS_SUCCESS);
-    ASSERT_EQ(pin_->QueueBuffers(2, TestFrameBytes(0)), STATUS_PENDING);
+    RunWithBuffers(2, TestFrameBytes(0), false);  // the buffers stay queued
     EXPECT_EQ(pin_->PendingBuffers(), 2u);
     Recorder().stateSteps.clear();
 
@@ -162,9 +115,7 @@ TEST_F(KsTest, SurpriseRemovalWhileAPinRunsStopsItAndFailsItsBuffers) {
 
 TEST_F(KsTest, NoPoolIrpOrHandleIsLeftAfterCloseAndRemove) {
     size_t handlesBefore = kvsim::ObOpenHandleCount();
-    OpenCapturePin();
-    ASSERT_EQ(pin_->SetState(KSSTATE_RUN), STATUS_SUCCESS);
-    ASSERT_EQ(pin_->QueueBuffers(3, TestFrameBytes(0)), STATUS_PENDING);
+    RunWithBuffers(3, TestFrameBytes(0));
     ASSERT_TRUE(pin_->WaitForFrames(3, kvsim::kSecond));
     pin_->CollectFrames();
     Recorder().fillOnProcess = false;

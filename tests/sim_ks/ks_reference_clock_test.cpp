@@ -22,10 +22,7 @@ const bool g_virtual = [] {
 }();
 
 TEST_F(KsTest, AttemptProcessingAsynchronouslyRunsProcessOnAWorker) {
-    OpenCapturePin();
-    Recorder().fillOnProcess = false;
-    ASSERT_EQ(pin_->SetState(KSSTATE_RUN), STATUS_SUCCESS);
-    ASSERT_EQ(pin_->QueueBuffers(1, TestFrameBytes(0)), STATUS_PENDING);
+    RunWithBuffers(1, TestFrameBytes(0), false);
     Recorder().fillOnProcess = true;
     ULONG before = Recorder().processCalls;
     KsPinAttemptProcessing(Recorder().capturePin, TRUE);

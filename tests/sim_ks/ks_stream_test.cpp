@@ -95,10 +95,7 @@ TEST_F(KsTest, NoBufferQueuedGivesNoStreamPointer) {
 }
 
 TEST_F(KsTest, AdvancingOffsetsPartlyKeepsTheFrameAndUnlockWithoutEjectKeepsItQueued) {
-    OpenCapturePin();
-    Recorder().fillOnProcess = false;
-    ASSERT_EQ(pin_->SetState(KSSTATE_RUN), STATUS_SUCCESS);
-    ASSERT_EQ(pin_->QueueBuffers(2, 1000), STATUS_PENDING);
+    RunWithBuffers(2, 1000, false);
     PKSPIN pin = Recorder().capturePin;
     PKSSTREAM_POINTER sp = KsPinGetLeadingEdgeStreamPointer(pin, KSSTREAM_POINTER_STATE_LOCKED);
     ASSERT_NE(sp, nullptr);
@@ -128,10 +125,7 @@ TEST_F(KsTest, BuffersQueuedInTheStopStateAreRefused) {
 }
 
 TEST_F(KsTest, StoppingThePinCancelsItsQueuedBuffers) {
-    OpenCapturePin();
-    Recorder().fillOnProcess = false;
-    ASSERT_EQ(pin_->SetState(KSSTATE_RUN), STATUS_SUCCESS);
-    ASSERT_EQ(pin_->QueueBuffers(3, 512), STATUS_PENDING);
+    RunWithBuffers(3, 512, false);
     ASSERT_EQ(pin_->SetState(KSSTATE_STOP), STATUS_SUCCESS);
     auto frames = pin_->CollectFrames();
     ASSERT_EQ(frames.size(), 3u);
@@ -167,9 +161,7 @@ TEST_F(KsTest, MasterClockPropertyChecksItsHandleAndThePinKeepsTheClockUntilItCl
 
 TEST_F(KsTest, DoNotInitiateProcessingLeavesArrivingBuffersToAttemptProcessing) {
     SetCapturePinFlags(KSPIN_FLAG_DO_NOT_INITIATE_PROCESSING);
-    OpenCapturePin();
-    ASSERT_EQ(pin_->SetState(KSSTATE_RUN), STATUS_SUCCESS);
-    ASSERT_EQ(pin_->QueueBuffers(2, TestFrameBytes(0)), STATUS_PENDING);
+    RunWithBuffers(2, TestFrameBytes(0));
     EXPECT_EQ(Recorder().processCalls, 0u);
     EXPECT_EQ(pin_->PendingBuffers(), 2u);
     // Going through PAUSE to RUN again does not start processing either.
@@ -187,9 +179,7 @@ TEST_F(KsTest, DoNotInitiateProcessingLeavesArrivingBuffersToAttemptProcessing) 
 
 TEST_F(KsTest, WithoutDoNotInitiateProcessingAnArrivingBufferIsProcessed) {
     SetCapturePinFlags(0);
-    OpenCapturePin();
-    ASSERT_EQ(pin_->SetState(KSSTATE_RUN), STATUS_SUCCESS);
-    ASSERT_EQ(pin_->QueueBuffers(1, TestFrameBytes(0)), STATUS_PENDING);
+    RunWithBuffers(1, TestFrameBytes(0));
     EXPECT_EQ(Recorder().processCalls, 1u);
     EXPECT_EQ(pin_->CollectFrames().size(), 1u);
 }
@@ -221,19 +211,10 @@ TEST_F(KsTest, WithoutProcessInRunStateOnlyPauseProcesses) {
 }
 
 
-class KsCancelTest : public KsTest {
-protected:
-    // RUN with `count` buffers queued that Process leaves alone.
-    void QueueUnprocessed(ULONG count) {
-        OpenCapturePin();
-        Recorder().fillOnProcess = false;
-        ASSERT_EQ(pin_->SetState(KSSTATE_RUN), STATUS_SUCCESS);
-        ASSERT_EQ(pin_->QueueBuffers(count, 1000), STATUS_PENDING);
-    }
-};
+using KsCancelTest = KsTest;
 
 TEST_F(KsCancelTest, CancellingAQueuedReadCompletesItCancelled) {
-    QueueUnprocessed(3);
+    RunWithBuffers(3, 1000, false);
     EXPECT_TRUE(pin_->CancelBuffer(1));
     auto frames = pin_->CollectFrames();
     ASSERT_EQ(frames.size(), 1u);
@@ -257,7 +238,7 @@ TEST_F(KsCancelTest, CancellingAQueuedReadCompletesItCancelled) {
 }
 
 TEST_F(KsCancelTest, CancellingTheFrameUnderAnUnlockedEdgeMovesTheEdgeOn) {
-    QueueUnprocessed(2);
+    RunWithBuffers(2, 1000, false);
     PKSPIN pin = Recorder().capturePin;
     PKSSTREAM_POINTER sp = KsPinGetLeadingEdgeStreamPointer(pin, KSSTREAM_POINTER_STATE_UNLOCKED);
     ASSERT_NE(sp, nullptr);
@@ -276,7 +257,7 @@ TEST_F(KsCancelTest, CancellingTheFrameUnderAnUnlockedEdgeMovesTheEdgeOn) {
 }
 
 TEST_F(KsCancelTest, ALockedStreamPointerHoldsTheCancellationUntilUnlocked) {
-    QueueUnprocessed(2);
+    RunWithBuffers(2, 1000, false);
     PKSPIN pin = Recorder().capturePin;
     PKSSTREAM_POINTER sp = KsPinGetLeadingEdgeStreamPointer(pin, KSSTREAM_POINTER_STATE_LOCKED);
     ASSERT_NE(sp, nullptr);
@@ -297,7 +278,7 @@ TEST_F(KsCancelTest, ALockedStreamPointerHoldsTheCancellationUntilUnlocked) {
 }
 
 TEST_F(KsCancelTest, ALockedFrameEjectedAfterTheCancelCompletesNormally) {
-    QueueUnprocessed(1);
+    RunWithBuffers(1, 1000, false);
     PKSSTREAM_POINTER sp = KsPinGetLeadingEdgeStreamPointer(Recorder().capturePin, KSSTREAM_POINTER_STATE_LOCKED);
     ASSERT_NE(sp, nullptr);
     EXPECT_TRUE(pin_->CancelBuffer(0));
@@ -310,9 +291,7 @@ TEST_F(KsCancelTest, ALockedFrameEjectedAfterTheCancelCompletesNormally) {
 }
 
 TEST_F(KsCancelTest, ACompletedReadCannotBeCancelled) {
-    OpenCapturePin();
-    ASSERT_EQ(pin_->SetState(KSSTATE_RUN), STATUS_SUCCESS);
-    ASSERT_EQ(pin_->QueueBuffers(1, TestFrameBytes(0)), STATUS_PENDING);
+    RunWithBuffers(1, TestFrameBytes(0));
     ASSERT_EQ(pin_->PendingBuffers(), 0u);
     EXPECT_FALSE(pin_->CancelBuffer(0));
     auto frames = pin_->CollectFrames();

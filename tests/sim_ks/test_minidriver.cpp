@@ -172,10 +172,7 @@ NTSTATUS PinProcess(PKSPIN pin) {
     ++g_recorder.processCalls;
     if (!g_recorder.fillOnProcess) return STATUS_PENDING;
     PKSSTREAM_POINTER sp = KsPinGetLeadingEdgeStreamPointer(pin, KSSTREAM_POINTER_STATE_LOCKED);
-    if (!sp) {
-        ++g_recorder.processWithoutStreamPointer;
-        return STATUS_SUCCESS;
-    }
+    if (!sp) return STATUS_SUCCESS;
     FillFrame(pin, sp);
     KsStreamPointerUnlock(sp, TRUE);
     return STATUS_SUCCESS;
@@ -340,11 +337,11 @@ NTSTATUS DeviceStart(PKSDEVICE device, PIRP irp, PCM_RESOURCE_LIST, PCM_RESOURCE
     g_recorder.startHadIrp = irp != nullptr;
     g_recorder.startSawStartedFalse = !device->Started;
     if (g_recorder.failStart) return STATUS_UNSUCCESSFUL;
-    if (!g_recorder.createFactoryAtStart) return STATUS_SUCCESS;
     KsAcquireDevice(device);
+    PKSFILTERFACTORY factory = nullptr;
     NTSTATUS status = KsCreateFilterFactory(device->FunctionalDeviceObject, &g_filter,
                                             reinterpret_cast<PWSTR>(const_cast<char16_t*>(kReferenceString)),
-                                            nullptr, KSCREATE_ITEM_FREEONSTOP, nullptr, nullptr, &g_recorder.factory);
+                                            nullptr, KSCREATE_ITEM_FREEONSTOP, nullptr, nullptr, &factory);
     KsReleaseDevice(device);
     return status;
 }
@@ -358,10 +355,7 @@ NTSTATUS DeviceQueryStop(PKSDEVICE, PIRP) {
     return g_recorder.failQueryStop ? STATUS_UNSUCCESSFUL : STATUS_SUCCESS;
 }
 void DeviceCancelStop(PKSDEVICE, PIRP) { Record("CancelStop"); }
-void DeviceStop(PKSDEVICE, PIRP) {
-    Record("Stop");
-    g_recorder.factory = nullptr;  // KSCREATE_ITEM_FREEONSTOP: ks.sys frees it now
-}
+void DeviceStop(PKSDEVICE, PIRP) { Record("Stop"); }  // KSCREATE_ITEM_FREEONSTOP: ks.sys frees the factory
 NTSTATUS DeviceQueryRemove(PKSDEVICE, PIRP) {
     Record("QueryRemove");
     return g_recorder.failQueryRemove ? STATUS_UNSUCCESSFUL : STATUS_SUCCESS;
@@ -410,8 +404,6 @@ NTSTATUS TestDriverEntry(PDRIVER_OBJECT driver, PUNICODE_STRING registryPath) {
     return KsInitializeDriver(driver, registryPath, &g_device);
 }
 
-const KSDEVICE_DESCRIPTOR& TestDeviceDescriptor() { return g_device; }
-const KSFILTER_DESCRIPTOR& TestFilterDescriptor() { return g_filter; }
 const KS_DATARANGE_VIDEO& TestRange(ULONG index) { return g_ranges[index]; }
 
 KS_DATAFORMAT_VIDEOINFOHEADER MakeTestFormat(ULONG index) {

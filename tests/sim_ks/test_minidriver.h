@@ -19,9 +19,6 @@
 // Everything the minidriver sees is recorded in TestRecorder() (reset with
 // ResetTestRecorder() at the start of a test), and knobs there make its
 // dispatch routines fail on purpose.
-//
-// Linking: tests/CMakeLists.txt links every non-test .cpp of a test folder
-// into each of that folder's test executables.
 #pragma once
 #include <string>
 #include <vector>
@@ -90,14 +87,12 @@ struct TestRecorder {
     POWER_ACTION lastQueryPowerAction = PowerActionNone;
     // Objects.
     PKSDEVICE device = nullptr;
-    PKSFILTERFACTORY factory = nullptr;
     PKSFILTER filter = nullptr;       // the last filter created (null after its close)
     PKSPIN capturePin = nullptr;      // the last capture pin created (null after its close)
     // Process: frames filled and ejected so far; each frame's bytes are all
     // (BYTE)(framesFilled at the time, counting from 1).
     ULONG framesFilled = 0;
     ULONG processCalls = 0;
-    ULONG processWithoutStreamPointer = 0;  // Process found no leading edge
     // Object bag: the filter's Create adds an item with a free routine that
     // counts here.
     ULONG bagItemsFreed = 0;
@@ -118,7 +113,6 @@ struct TestRecorder {
     bool failStart = false;              // Start returns STATUS_UNSUCCESSFUL
     bool failQueryStop = false;          // QueryStop returns STATUS_UNSUCCESSFUL
     bool failQueryRemove = false;        // QueryRemove returns STATUS_UNSUCCESSFUL
-    bool createFactoryAtStart = true;    // Start creates the filter factory
 };
 
 TestRecorder& Recorder();
@@ -132,8 +126,6 @@ void SetCapturePinFlags(ULONG flags);
 // ---- the driver ------------------------------------------------------------------------
 // The DriverEntry: KsInitializeDriver with the test device descriptor.
 NTSTATUS TestDriverEntry(PDRIVER_OBJECT driver, PUNICODE_STRING registryPath);
-const KSDEVICE_DESCRIPTOR& TestDeviceDescriptor();
-const KSFILTER_DESCRIPTOR& TestFilterDescriptor();
 // The capture pin's ranges.
 const KS_DATARANGE_VIDEO& TestRange(ULONG index);
 // A KS_DATAFORMAT_VIDEOINFOHEADER that matches range `index` exactly (the

@@ -219,11 +219,7 @@ inline NTSTATUS ClassInterface(PDEVICE_OBJECT pdo, bool in, UCHAR request, USHOR
 // Probe (SET_CUR, GET_CUR) then commit on streaming interface `iface`.
 inline std::optional<ProbeControl> ProbeCommit(PDEVICE_OBJECT pdo, UCHAR iface, UCHAR format, UCHAR frame,
                                                ULONG interval) {
-    ProbeControl want;
-    want.formatIndex = format;
-    want.frameIndex = frame;
-    want.frameInterval = interval;
-    auto bytes = want.Pack();
+    auto bytes = ProbeControl{.formatIndex = format, .frameIndex = frame, .frameInterval = interval}.Pack();
     if (!NT_SUCCESS(ClassInterface(pdo, false, uvc::kSetCur, 0x0100, iface, bytes))) return std::nullopt;
     std::vector<uint8_t> got(26);
     if (!NT_SUCCESS(ClassInterface(pdo, true, uvc::kGetCur, 0x0100, iface, got)) || got.size() < 26) return std::nullopt;
@@ -338,7 +334,6 @@ public:
         for (auto& t : xfers_) t->irp.Wait();
     }
     bool Failed() const { return failed_; }
-    IsoTransfer& Transfer(size_t i) { return *xfers_[i]; }
     size_t CountStatus(USBD_STATUS status) const {
         size_t n = 0;
         for (const auto& p : packets) n += p.status == status;
