@@ -1,7 +1,8 @@
 // USB 2.0 and USB Video Class 1.1 constants used by the virtual camera
 // (sim/camera): descriptor types and subtypes, request codes, control
-// selectors, payload-header bits. Facts from the USB 2.0 specification
-// (chapter 9) and the UVC 1.1 specification (appendix A and section 2.4.3.3).
+// selectors, payload-header bits. Facts from chapter 9 of the USB specification
+// (revision 2.0) and from the USB Video Class specification (UVC 1.1,
+// appendix A and section 2.4.3.3).
 #pragma once
 #include <cstddef>
 #include <cstdint>
