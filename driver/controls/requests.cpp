@@ -22,6 +22,7 @@
 //   end at the first failing request and return its status.
 #include "controls/requests.h"
 
+#include "device/descriptor_reader.h"
 #include "device/formats.h"
 #include "device/usb.h"
 #include "pooltag.h"
@@ -68,13 +69,12 @@ const RegisterBit kRegisterBits[] = {
 
 LONG ReadLe16Signed(const UCHAR* p)
 {
-    return static_cast<LONG>(static_cast<SHORT>(static_cast<USHORT>(p[0] | (p[1] << 8))));
+    return static_cast<LONG>(static_cast<SHORT>(ReadLe16(p)));
 }
 
 LONG ReadLe32Signed(const UCHAR* p)
 {
-    return static_cast<LONG>(static_cast<ULONG>(p[0]) | (static_cast<ULONG>(p[1]) << 8) |
-                             (static_cast<ULONG>(p[2]) << 16) | (static_cast<ULONG>(p[3]) << 24));
+    return static_cast<LONG>(ReadLe32(p));
 }
 
 void WriteLe32(UCHAR* p, LONG value)
