@@ -57,7 +57,6 @@ void SetupIoctl(PIO_STACK_LOCATION sp, const void* ctx) {
 }
 
 void SetupCreate(PIO_STACK_LOCATION sp, const void*) { sp->MajorFunction = IRP_MJ_CREATE; }
-void SetupClose(PIO_STACK_LOCATION sp, const void*) { sp->MajorFunction = IRP_MJ_CLOSE; }
 
 }  // namespace
 
@@ -95,15 +94,21 @@ NTSTATUS KsObject::Create(PDEVICE_OBJECT pdo, std::u16string name, PFILE_OBJECT 
     return r.status;
 }
 
+// Closing a handle does not fail for want of memory on Windows: the driver
+// always gets its IRP_MJ_CLOSE. So the close's IRP is the I/O manager's own,
+// outside fault injection (a failed allocation would leave the object open
+// in the driver for good).
 NTSTATUS KsObject::Close() {
     if (!file_) return STATUS_SUCCESS;
-    IoResult r = SendAndWait(top_, file_, false, nullptr, SetupClose, nullptr);
+    PFILE_OBJECT file = file_;
+    NTSTATUS status =
+        kvsim::SendIrpAndWait(top_, IRP_MJ_CLOSE, 0, [file](PIO_STACK_LOCATION sp) { sp->FileObject = file; }).status;
     delete file_;
     file_ = nullptr;
     --g_liveFiles;
     ObDereferenceObject(top_);
     top_ = nullptr;
-    return r.status;
+    return status;
 }
 
 IoResult KsObject::Ioctl(ULONG code, void* input, ULONG inputLength, void* output, ULONG outputLength, bool as32bit) {

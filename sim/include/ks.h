@@ -1270,6 +1270,8 @@ NTSTATUS KsStreamPointerClone(PKSSTREAM_POINTER StreamPointer, PFNKSSTREAMPOINTE
 void KsPinAttemptProcessing(PKSPIN Pin, BOOLEAN Asynchronous);
 void KsPinAcquireProcessingMutex(PKSPIN Pin);
 void KsPinReleaseProcessingMutex(PKSPIN Pin);
+void KsFilterAcquireProcessingMutex(PKSFILTER Filter);
+void KsFilterReleaseProcessingMutex(PKSFILTER Filter);
 #ifdef __cplusplus
 NTSTATUS KsPinGetReferenceClockInterface(PKSPIN Pin, PIKSREFERENCECLOCK* Interface);
 #endif

@@ -176,7 +176,9 @@ NTSTATUS EnableItem(PIRP irp, ObjectHeader* object, const KSEVENT_SET* set, cons
     entry->Flags = (type == KSEVENT_TYPE_ONESHOT) ? KSEVENT_ENTRY_ONESHOT : 0;
 
     KeWaitForSingleObject(&object->controlMutex, Executive, KernelMode, FALSE, nullptr);
-    status = item->AddHandler ? item->AddHandler(irp, &record->data, entry)
+    CallbackOwner owner = object->kind == ObjectKind::Pin ? CallbackOwner::Pin : CallbackOwner::Filter;
+    status = item->AddHandler ? CallMinidriver(object->device, owner, "event add handler", item->AddHandler, irp,
+                                               &record->data, entry)
                               : KsDefaultAddEventHandler(irp, &record->data, entry);
     KeReleaseMutex(&object->controlMutex, FALSE);
     if (!NT_SUCCESS(status)) {

@@ -107,7 +107,14 @@ NTSTATUS CallHandler(PFNKSHANDLER handler, bool builtin, PIRP irp, ObjectHeader*
     irp->Tail.Overlay.DriverContext[3] = const_cast<KSPROPERTY_ITEM*>(item);  // KSPROPERTY_ITEM_IRP_STORAGE
     bool lock = !builtin && object != nullptr;
     if (lock) KeWaitForSingleObject(&object->controlMutex, Executive, KernelMode, FALSE, nullptr);
-    NTSTATUS status = handler(irp, reinterpret_cast<PKSIDENTIFIER>(buffers.request.get()), buffers.data.get());
+    auto* request = reinterpret_cast<PKSIDENTIFIER>(buffers.request.get());
+    NTSTATUS status;
+    if (lock) {
+        CallbackOwner owner = object->kind == ObjectKind::Pin ? CallbackOwner::Pin : CallbackOwner::Filter;
+        status = CallMinidriver(object->device, owner, "property handler", handler, irp, request, buffers.data.get());
+    } else {
+        status = handler(irp, request, buffers.data.get());
+    }
     if (lock) KeReleaseMutex(&object->controlMutex, FALSE);
     if (KeGetCurrentIrql() != PASSIVE_LEVEL) {
         ReportViolation("property handler %p returned at IRQL %u (called at PASSIVE_LEVEL)",

@@ -116,8 +116,9 @@ NTSTATUS PnpStart(KsDevice* device, PIRP irp) {
     PIO_STACK_LOCATION sp = IoGetCurrentIrpStackLocation(irp);
     const KSDEVICE_DISPATCH* dispatch = DispatchOf(device);
     if (dispatch && dispatch->Start) {
-        status = dispatch->Start(&device->pub, irp, sp->Parameters.StartDevice.AllocatedResourcesTranslated,
-                                 sp->Parameters.StartDevice.AllocatedResources);
+        status = CallMinidriver(device, CallbackOwner::Device, "Start", dispatch->Start, &device->pub, irp,
+                                sp->Parameters.StartDevice.AllocatedResourcesTranslated,
+                                sp->Parameters.StartDevice.AllocatedResources);
         if (status == STATUS_PENDING) {
             // KsCompletePendingRequest is not simulated.
             ReportViolation("ks.sys simulation: a Start dispatch returning STATUS_PENDING is not supported");
@@ -128,7 +129,7 @@ NTSTATUS PnpStart(KsDevice* device, PIRP irp) {
     device->pub.Started = TRUE;
     SetAllInterfaces(device, true);
     if (dispatch && dispatch->PostStart) {
-        NTSTATUS post = dispatch->PostStart(&device->pub);
+        NTSTATUS post = CallMinidriver(device, CallbackOwner::Device, "PostStart", dispatch->PostStart, &device->pub);
         if (!NT_SUCCESS(post)) DbgPrint("ks.sys: PostStart failed 0x%08X\n", static_cast<unsigned>(post));
     }
     return Complete(irp, STATUS_SUCCESS);
@@ -136,7 +137,9 @@ NTSTATUS PnpStart(KsDevice* device, PIRP irp) {
 
 void StopDevice(KsDevice* device, PIRP irp) {
     const KSDEVICE_DISPATCH* dispatch = DispatchOf(device);
-    if (dispatch && dispatch->Stop) dispatch->Stop(&device->pub, irp);
+    if (dispatch && dispatch->Stop) {
+        CallMinidriver(device, CallbackOwner::Device, "Stop", dispatch->Stop, &device->pub, irp);
+    }
     device->pub.Started = FALSE;
     SetAllInterfaces(device, false);
     FreeFactoriesOnStop(device, false);
@@ -162,7 +165,9 @@ NTSTATUS PnpRemove(KsDevice* device, PIRP irp) {
         StopAllPins(device);
         SetAllInterfaces(device, false);
         device->removed = true;
-        if (dispatch && dispatch->Remove) dispatch->Remove(&device->pub, irp);
+        if (dispatch && dispatch->Remove) {
+            CallMinidriver(device, CallbackOwner::Device, "Remove", dispatch->Remove, &device->pub, irp);
+        }
     }
     irp->IoStatus.Status = STATUS_SUCCESS;
     NTSTATUS status = PassDown(device, irp);
@@ -186,7 +191,8 @@ NTSTATUS DispatchPnp(PDEVICE_OBJECT fdo, PIRP irp) {
             PFNKSDEVICEIRP query = !dispatch ? nullptr : stop ? dispatch->QueryStop : dispatch->QueryRemove;
             if (query) {
                 DeviceLock lock(device);
-                status = query(&device->pub, irp);
+                status = CallMinidriver(device, CallbackOwner::Device, stop ? "QueryStop" : "QueryRemove", query,
+                                        &device->pub, irp);
                 if (!NT_SUCCESS(status)) return Complete(irp, status);
             }
             irp->IoStatus.Status = STATUS_SUCCESS;
@@ -200,7 +206,8 @@ NTSTATUS DispatchPnp(PDEVICE_OBJECT fdo, PIRP irp) {
             PFNKSDEVICEIRPVOID cancel = !dispatch ? nullptr : stop ? dispatch->CancelStop : dispatch->CancelRemove;
             if (cancel) {
                 DeviceLock lock(device);
-                cancel(&device->pub, irp);
+                CallMinidriver(device, CallbackOwner::Device, stop ? "CancelStop" : "CancelRemove", cancel,
+                               &device->pub, irp);
             }
             return Complete(irp, status);
         }
@@ -218,7 +225,10 @@ NTSTATUS DispatchPnp(PDEVICE_OBJECT fdo, PIRP irp) {
                 DeviceLock lock(device);
                 device->surpriseRemoved = true;
                 SetAllInterfaces(device, false);
-                if (dispatch && dispatch->SurpriseRemoval) dispatch->SurpriseRemoval(&device->pub, irp);
+                if (dispatch && dispatch->SurpriseRemoval) {
+                    CallMinidriver(device, CallbackOwner::Device, "SurpriseRemoval", dispatch->SurpriseRemoval,
+                                   &device->pub, irp);
+                }
             }
             // Pins go to stop and their stream IRPs complete with an error
             // (outside the device mutex: SetDeviceState may take it).
@@ -232,7 +242,9 @@ NTSTATUS DispatchPnp(PDEVICE_OBJECT fdo, PIRP irp) {
             status = ForwardAndWait(device, irp);
             if (NT_SUCCESS(status) && dispatch && dispatch->QueryCapabilities) {
                 DeviceLock lock(device);
-                status = dispatch->QueryCapabilities(&device->pub, irp, sp->Parameters.DeviceCapabilities.Capabilities);
+                status = CallMinidriver(device, CallbackOwner::Device, "QueryCapabilities",
+                                        dispatch->QueryCapabilities, &device->pub, irp,
+                                        sp->Parameters.DeviceCapabilities.Capabilities);
             }
             if (NT_SUCCESS(status)) {
                 // The S -> D mapping the power policy owner uses later.
@@ -243,7 +255,8 @@ NTSTATUS DispatchPnp(PDEVICE_OBJECT fdo, PIRP irp) {
         }
         case IRP_MN_QUERY_INTERFACE: {
             if (dispatch && dispatch->QueryInterface && device->pub.Descriptor->Version >= MIN_DEV_VER_FOR_QI) {
-                status = dispatch->QueryInterface(&device->pub, irp);
+                status = CallMinidriver(device, CallbackOwner::Device, "QueryInterface", dispatch->QueryInterface,
+                                        &device->pub, irp);
                 if (status != STATUS_NOT_SUPPORTED) return Complete(irp, status);
             }
             return PassDown(device, irp);
@@ -299,8 +312,9 @@ NTSTATUS PowerQuery(KsDevice* device, PIRP irp) {
     }
     if (dispatch && dispatch->QueryPower) {
         DeviceLock lock(device);
-        NTSTATUS status = dispatch->QueryPower(&device->pub, irp, deviceTo, device->pub.DevicePowerState, systemTo,
-                                               device->pub.SystemPowerState, action);
+        NTSTATUS status = CallMinidriver(device, CallbackOwner::Device, "QueryPower", dispatch->QueryPower,
+                                         &device->pub, irp, deviceTo, device->pub.DevicePowerState, systemTo,
+                                         device->pub.SystemPowerState, action);
         if (!NT_SUCCESS(status)) {
             PoStartNextPowerIrp(irp);
             return Complete(irp, status);
@@ -313,7 +327,10 @@ NTSTATUS PowerQuery(KsDevice* device, PIRP irp) {
 void CallFactoryPowerCallbacks(KsDevice* device, DEVICE_POWER_STATE state, bool sleeping) {
     for (KsFilterFactory* f : Factories(device)) {
         PFNKSFILTERFACTORYPOWER cb = sleeping ? f->sleepCallback : f->wakeCallback;
-        if (cb) cb(&f->pub, state);
+        if (cb) {
+            CallMinidriver(device, CallbackOwner::Filter, sleeping ? "factory Sleep" : "factory Wake", cb, &f->pub,
+                           state);
+        }
     }
 }
 
@@ -331,7 +348,7 @@ NTSTATUS PowerSetDevice(KsDevice* device, PIRP irp) {
         CallFactoryPowerCallbacks(device, to, true);
         if (dispatch && dispatch->SetPower) {
             DeviceLock lock(device);
-            dispatch->SetPower(&device->pub, irp, to, from);
+            CallMinidriver(device, CallbackOwner::Device, "SetPower", dispatch->SetPower, &device->pub, irp, to, from);
         }
         device->pub.DevicePowerState = to;
         PoSetPowerState(device->pub.FunctionalDeviceObject, DevicePowerState, ps);
@@ -345,7 +362,7 @@ NTSTATUS PowerSetDevice(KsDevice* device, PIRP irp) {
         PoSetPowerState(device->pub.FunctionalDeviceObject, DevicePowerState, ps);
         if (dispatch && dispatch->SetPower) {
             DeviceLock lock(device);
-            dispatch->SetPower(&device->pub, irp, to, from);
+            CallMinidriver(device, CallbackOwner::Device, "SetPower", dispatch->SetPower, &device->pub, irp, to, from);
         }
         if (to < from) {
             CallFactoryPowerCallbacks(device, to, false);
@@ -523,7 +540,9 @@ extern "C" NTSTATUS KsAddDevice(PDRIVER_OBJECT DriverObject, PDEVICE_OBJECT Phys
     fdo->Flags &= ~DO_DEVICE_INITIALIZING;
     status = CreateStaticFactories(device);
     const KSDEVICE_DISPATCH* dispatch = descriptor ? descriptor->Dispatch : nullptr;
-    if (NT_SUCCESS(status) && dispatch && dispatch->Add) status = dispatch->Add(&device->pub);
+    if (NT_SUCCESS(status) && dispatch && dispatch->Add) {
+        status = CallMinidriver(device, CallbackOwner::Device, "Add", dispatch->Add, &device->pub);
+    }
     if (!NT_SUCCESS(status)) {
         // Add failed: the device goes away again, as if it never was.
         for (ObjectHeader* child : std::vector<ObjectHeader*>(device->header.children)) {
@@ -551,7 +570,16 @@ extern "C" void KsAcquireDevice(PKSDEVICE Device) {
     if (device) KeWaitForSingleObject(&device->mutex, Executive, KernelMode, FALSE, nullptr);
 }
 
+// Releasing it without holding it breaks KsDeviceMutex
+// (https://learn.microsoft.com/windows-hardware/drivers/devtest/ks-ksdevicemutex).
 extern "C" void KsReleaseDevice(PKSDEVICE Device) {
     KsDevice* device = AsDevice(HeaderFromObject(Device));
-    if (device) KeReleaseMutex(&device->mutex, FALSE);
+    if (!device) return;
+    if (kvsim::HoldCount(&device->mutex) == 0) {
+        kvsim::ReportViolation("KsReleaseDevice(%p): the device mutex is not held by this thread (KsDeviceMutex: "
+                               "a KsReleaseDevice without its KsAcquireDevice)",
+                               static_cast<void*>(Device));
+        return;
+    }
+    KeReleaseMutex(&device->mutex, FALSE);
 }

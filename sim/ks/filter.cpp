@@ -83,7 +83,8 @@ NTSTATUS CloseFilter(KsFilter* filter, PIRP irp) {
     const KSFILTER_DISPATCH* dispatch = filter->pub.Descriptor->Dispatch;
     if (dispatch && dispatch->Close) {
         KsAcquireControl(&filter->pub);
-        NTSTATUS status = dispatch->Close(&filter->pub, irp);
+        NTSTATUS status = CallMinidriver(filter->header.device, CallbackOwner::Filter, "Close", dispatch->Close,
+                                         &filter->pub, irp);
         KsReleaseControl(&filter->pub);
         if (status == STATUS_PENDING) ReportViolation("ks.sys simulation: a filter Close returning STATUS_PENDING");
     }
@@ -100,7 +101,8 @@ NTSTATUS ClosePin(KsPin* pin, PIRP irp) {
     const KSPIN_DISPATCH* dispatch = pin->pub.Descriptor->Dispatch;
     if (dispatch && dispatch->Close) {
         KsAcquireControl(&pin->pub);
-        NTSTATUS status = dispatch->Close(&pin->pub, irp);
+        NTSTATUS status =
+            CallMinidriver(pin->header.device, CallbackOwner::Pin, "Close", dispatch->Close, &pin->pub, irp);
         KsReleaseControl(&pin->pub);
         if (status == STATUS_PENDING) ReportViolation("ks.sys simulation: a pin Close returning STATUS_PENDING");
     }
@@ -148,12 +150,14 @@ NTSTATUS CreateFilter(KsDevice* device, PIRP irp) {
     filter->pub.Context = factory->pub.Context;
     filter->factory = factory;
     filter->pinInstanceCounts.assign(descriptor->PinDescriptorsCount, 0);
+    KeInitializeMutex(&filter->processingMutex, 0);
     InitHeader(filter->header, ObjectKind::Filter, &filter->pub, &factory->header, device, descriptor->AutomationTable);
     filter->header.fileObject = file;
     file->FsContext = &filter->header;
     NTSTATUS status = STATUS_SUCCESS;
     if (descriptor->Dispatch && descriptor->Dispatch->Create) {
-        status = descriptor->Dispatch->Create(&filter->pub, irp);
+        status = CallMinidriver(device, CallbackOwner::Filter, "Create", descriptor->Dispatch->Create, &filter->pub,
+                                irp);
         if (status == STATUS_PENDING) {
             ReportViolation("ks.sys simulation: a filter Create returning STATUS_PENDING is not supported");
             status = STATUS_UNSUCCESSFUL;

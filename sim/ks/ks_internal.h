@@ -22,9 +22,11 @@
 #include <cstdint>
 #include <deque>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "ks.h"
+#include "kvsim/verifier.h"
 
 namespace kvsim::ks {
 
@@ -93,6 +95,8 @@ struct KsFilter {
     std::vector<ULONG> pinInstanceCounts;  // per pin id: pins open now
     PFNKSFILTERPOWER sleepCallback = nullptr;
     PFNKSFILTERPOWER wakeCallback = nullptr;
+    KMUTEX processingMutex;       // KsFilterAcquireProcessingMutex
+    LONGLONG processingSince = 0;  // when it was last acquired (outermost)
 };
 
 // One client buffer: a KSSTREAM_HEADER of an IOCTL_KS_READ_STREAM /
@@ -133,6 +137,7 @@ struct KsPin {
     KsStreamPointer* leadingEdge = nullptr;  // made on first use, freed at close; on the front frame
     // Processing.
     KMUTEX processingMutex;  // KsPinAcquireProcessingMutex; held around Process
+    LONGLONG processingSince = 0;  // when it was last acquired (outermost)
     bool processPending = false;        // KsPinAttemptProcessing while processing
     bool inProcess = false;
     // The clock the client assigned (KSPROPERTY_STREAM_MASTERCLOCK set):
@@ -208,5 +213,53 @@ NTSTATUS DispatchAutomationIoctl(PIRP irp, ObjectHeader* object);
 // Called when `object` closes (before its bag is freed and before it is
 // unlinked): disables the events enabled on it and frees automationState.
 void AutomationObjectClosing(ObjectHeader* object);
+
+// ---- ks.sys's checks of the minidriver ---------------------------------------------------
+// Driver Verifier's rules for AVStream drivers (sim/ks/rules.cpp;
+// https://learn.microsoft.com/windows-hardware/drivers/devtest/rules-for-avstream-drivers).
+enum class CallbackOwner { Device, Filter, Pin };
+
+// Around one call into the minidriver: when it returns, the device mutex must
+// be held as often as before (KsDeviceMutex), every other lock the callback
+// took must be released, and in the Virtual clock mode at most 500 ms of
+// simulated time may have passed (KsTimedDeviceCallbacks,
+// KsTimedFilterCallbacks, KsTimedPinCallbacks). What is wrong is reported
+// and put right (locks released, the device mutex rebalanced).
+class MinidriverCall {
+public:
+    MinidriverCall(KsDevice* device, CallbackOwner owner, const char* name, const void* routine);
+    ~MinidriverCall();
+    MinidriverCall(const MinidriverCall&) = delete;
+    MinidriverCall& operator=(const MinidriverCall&) = delete;
+
+private:
+    KsDevice* device_;
+    CallbackOwner owner_;
+    const char* name_;
+    const void* routine_;
+    LONGLONG start_;
+    size_t deviceHolds_;
+    kvsim::HeldLocks locks_;
+};
+
+// Calls the minidriver's `fn` (a device, filter or pin callback named `name`)
+// under MinidriverCall's checks and returns what it returns.
+template <class Fn, class... Args>
+decltype(auto) CallMinidriver(KsDevice* device, CallbackOwner owner, const char* name, Fn fn, Args&&... args) {
+    MinidriverCall call(device, owner, name, reinterpret_cast<const void*>(fn));
+    return fn(std::forward<Args>(args)...);
+}
+
+// The processing mutexes of pins and filters (`owner` is the KSPIN or
+// KSFILTER, `ownerKind` "pin" or "filter"). Not recursive (KsProcessingMutex:
+// the minidriver acquiring it again on the same thread is reported, a
+// deadlock on Windows; ks.sys's own Process dispatch nests inside a
+// minidriver's hold, as KsPinAttemptProcessing may be called under it); held
+// for at most 100 ms of simulated time in the Virtual clock mode
+// (KsTimedProcessingMutex). A release by a thread that does not hold it is
+// reported.
+void AcquireProcessingMutex(PKMUTEX mutex, LONGLONG* since, const char* ownerKind, const void* owner,
+                            bool byMinidriver);
+void ReleaseProcessingMutex(PKMUTEX mutex, const LONGLONG* since, const char* ownerKind, const void* owner);
 
 }  // namespace kvsim::ks

@@ -99,7 +99,8 @@ NTSTATUS ChooseRange(KsPin* pin, const std::vector<const KSDATARANGE*>& ranges) 
     if (!dispatch || !dispatch->SetDataFormat) return STATUS_SUCCESS;
     NTSTATUS status = STATUS_NO_MATCH;
     for (const KSDATARANGE* range : ranges) {
-        status = dispatch->SetDataFormat(&pin->pub, nullptr, nullptr, range, nullptr);
+        status = CallMinidriver(pin->header.device, CallbackOwner::Pin, "SetDataFormat", dispatch->SetDataFormat,
+                                &pin->pub, nullptr, nullptr, range, nullptr);
         if (status != STATUS_NO_MATCH) break;
     }
     return status;
@@ -213,7 +214,7 @@ NTSTATUS CreatePin(KsFilter* filter, PIRP irp) {
     KsAcquireControl(&filter->pub);
     NTSTATUS status = ChooseRange(pin, ranges);
     if (NT_SUCCESS(status) && pd->Dispatch && pd->Dispatch->Create) {
-        status = pd->Dispatch->Create(&pub, irp);
+        status = CallMinidriver(device, CallbackOwner::Pin, "Create", pd->Dispatch->Create, &pub, irp);
         if (status == STATUS_PENDING) {
             ReportViolation("ks.sys simulation: a pin Create returning STATUS_PENDING is not supported");
             status = STATUS_UNSUCCESSFUL;
@@ -241,6 +242,24 @@ void ReleasePinResources(KsPin* pin) {
     }
 }
 
+// A pin that stops with its leading edge still locked (the minidriver had
+// its SetDeviceState to let go): KsStreamPointerUnlock rule, "unlocks all
+// stream pointers before ... the device stops".
+// https://learn.microsoft.com/windows-hardware/drivers/devtest/ks-ksstreampointerunlock
+namespace {
+void CheckNoStreamPointerLocked(KsPin* pin) {
+    KIRQL irql;
+    KeAcquireSpinLock(&pin->queueLock, &irql);
+    bool locked = pin->leadingEdge != nullptr && pin->leadingEdge->locked;
+    KeReleaseSpinLock(&pin->queueLock, irql);
+    if (locked) {
+        ReportViolation("pin %p stopped with its leading-edge stream pointer %p still locked (KsStreamPointerUnlock: "
+                        "every stream pointer is unlocked before the pin stops)",
+                        static_cast<void*>(&pin->pub), static_cast<void*>(&pin->leadingEdge->pub));
+    }
+}
+}  // namespace
+
 NTSTATUS ChangePinState(KsPin* pin, KSSTATE target) {
     const KSPIN_DISPATCH* dispatch = pin->pub.Descriptor->Dispatch;
     NTSTATUS status = STATUS_SUCCESS;
@@ -249,14 +268,20 @@ NTSTATUS ChangePinState(KsPin* pin, KSSTATE target) {
     while (pin->pub.DeviceState != target) {
         KSSTATE from = pin->pub.DeviceState;
         auto to = static_cast<KSSTATE>(from < target ? from + 1 : from - 1);
-        if (dispatch && dispatch->SetDeviceState) status = dispatch->SetDeviceState(&pin->pub, to, from);
+        if (dispatch && dispatch->SetDeviceState) {
+            status = CallMinidriver(pin->header.device, CallbackOwner::Pin, "SetDeviceState",
+                                    dispatch->SetDeviceState, &pin->pub, to, from);
+        }
         if (!NT_SUCCESS(status)) {
             pin->pub.ClientState = from;
             break;
         }
         pin->pub.DeviceState = to;
         // Leaving ACQUIRE for STOP: the queue is flushed.
-        if (to == KSSTATE_STOP) FlushPinQueue(pin, STATUS_CANCELLED);
+        if (to == KSSTATE_STOP) {
+            CheckNoStreamPointerLocked(pin);
+            FlushPinQueue(pin, STATUS_CANCELLED);
+        }
     }
     KsReleaseControl(&pin->pub);
     if (NT_SUCCESS(status) && pin->pub.DeviceState >= KSSTATE_PAUSE &&
@@ -278,12 +303,16 @@ void NotifyPinsOfPower(KsDevice* device, DEVICE_POWER_STATE state, bool sleeping
             KsFilter* filter = AsFilter(fl);
             if (!filter) continue;
             PFNKSFILTERPOWER fcb = sleeping ? filter->sleepCallback : filter->wakeCallback;
-            if (fcb) fcb(&filter->pub, state);
+            if (fcb) {
+                CallMinidriver(device, CallbackOwner::Filter, sleeping ? "Sleep" : "Wake", fcb, &filter->pub, state);
+            }
             for (ObjectHeader* p : fl->children) {
                 KsPin* pin = AsPin(p);
                 if (!pin) continue;
                 PFNKSPINPOWER cb = sleeping ? pin->sleepCallback : pin->wakeCallback;
-                if (cb) cb(&pin->pub, state);
+                if (cb) {
+                    CallMinidriver(device, CallbackOwner::Pin, sleeping ? "Sleep" : "Wake", cb, &pin->pub, state);
+                }
             }
         }
     }

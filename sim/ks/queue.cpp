@@ -12,11 +12,13 @@
 // https://learn.microsoft.com/windows-hardware/drivers/ddi/ks/ns-ks-ksstream_header
 //
 // The leading edge: KsPinGetLeadingEdgeStreamPointer returns NULL when no
-// frame is queued; OffsetOut (a read pin) starts at the frame's Data with
+// frame is queued and the edge was asked for locked (unlocked, it returns the
+// edge, without a frame); OffsetOut (a read pin) starts at the frame's Data with
 // Count = Remaining = FrameExtent; KsStreamPointerUnlock(.., TRUE) ejects
 // the frame (completing it to the client since no trailing edge holds it);
-// KsStreamPointerAdvance moves to the next frame (STATUS_DEVICE_NOT_READY
-// when there is none).
+// KsStreamPointerAdvance moves to the next frame (a locked pointer gets
+// STATUS_DEVICE_NOT_READY when there is none; an unlocked one always
+// succeeds).
 // https://learn.microsoft.com/windows-hardware/drivers/ddi/ks/nf-ks-kspingetleadingedgestreampointer
 // https://learn.microsoft.com/windows-hardware/drivers/ddi/ks/nf-ks-ksstreampointerunlock
 // https://learn.microsoft.com/windows-hardware/drivers/ddi/ks/nf-ks-ksstreampointeradvance
@@ -288,7 +290,9 @@ NTSTATUS ResetState(KsPin* pin, PIRP irp) {
     if (reset == KSRESET_BEGIN) {
         FlushPinQueue(pin, STATUS_CANCELLED);
         const KSPIN_DISPATCH* dispatch = pin->pub.Descriptor->Dispatch;
-        if (dispatch && dispatch->Reset) dispatch->Reset(&pin->pub);
+        if (dispatch && dispatch->Reset) {
+            CallMinidriver(pin->header.device, CallbackOwner::Pin, "Reset", dispatch->Reset, &pin->pub);
+        }
     }
     return Complete(irp, STATUS_SUCCESS);
 }
@@ -365,12 +369,13 @@ void ProcessPin(KsPin* pin) {
         KeReleaseSpinLock(&pin->queueLock, irql);
         if (busy) return;
     }
-    KeWaitForSingleObject(&pin->processingMutex, Executive, KernelMode, FALSE, nullptr);
+    AcquireProcessingMutex(&pin->processingMutex, &pin->processingSince, "pin", &pin->pub, false);
     for (;;) {
         if (!CanProcess(pin)) break;
         size_t before = QueuedFrames(pin);
         pin->processPending = false;
-        NTSTATUS status = pin->pub.Descriptor->Dispatch->Process(&pin->pub);
+        NTSTATUS status = CallMinidriver(pin->header.device, CallbackOwner::Pin, "Process",
+                                         pin->pub.Descriptor->Dispatch->Process, &pin->pub);
         bool again = pin->processPending || (status == STATUS_SUCCESS && QueuedFrames(pin) < before);
         if (status == STATUS_PENDING || !NT_SUCCESS(status)) again = pin->processPending;
         if (!again) break;
@@ -380,7 +385,7 @@ void ProcessPin(KsPin* pin) {
     pin->inProcess = false;
     pin->processPending = false;
     KeReleaseSpinLock(&pin->queueLock, irql);
-    KeReleaseMutex(&pin->processingMutex, FALSE);
+    ReleaseProcessingMutex(&pin->processingMutex, &pin->processingSince, "pin", &pin->pub);
 }
 
 }  // namespace kvsim::ks
@@ -403,8 +408,9 @@ extern "C" PKSSTREAM_POINTER KsPinGetLeadingEdgeStreamPointer(PKSPIN Pin, KSSTRE
     bool any = AimLeadingEdge(pin);
     if (any && State == KSSTREAM_POINTER_STATE_LOCKED) pin->leadingEdge->locked = true;
     KeReleaseSpinLock(&pin->queueLock, irql);
-    // NULL when nothing is queued (locked or not).
-    if (!any) return nullptr;
+    // Locked: NULL when no frame is queued. Unlocked: the edge "regardless of
+    // whether it references a data frame or not" (no StreamHeader then).
+    if (!any && State == KSSTREAM_POINTER_STATE_LOCKED) return nullptr;
     return &pin->leadingEdge->pub;
 }
 
@@ -415,6 +421,12 @@ extern "C" PKSSTREAM_POINTER KsPinGetTrailingEdgeStreamPointer(PKSPIN, KSSTREAM_
 extern "C" NTSTATUS KsStreamPointerLock(PKSSTREAM_POINTER StreamPointer) {
     KsStreamPointer* edge = EdgeOf(StreamPointer);
     if (!edge) return STATUS_INVALID_PARAMETER;
+    // https://learn.microsoft.com/windows-hardware/drivers/devtest/ks-ksstreampointerlock
+    if (edge->locked) {
+        ReportViolation("KsStreamPointerLock: stream pointer %p is locked already (KsStreamPointerLock: a locked "
+                        "stream pointer must not be locked again)",
+                        static_cast<void*>(StreamPointer));
+    }
     KIRQL irql;
     KeAcquireSpinLock(&edge->pin->queueLock, &irql);
     bool any = AimLeadingEdge(edge->pin);
@@ -438,15 +450,18 @@ extern "C" void KsStreamPointerUnlock(PKSSTREAM_POINTER StreamPointer, BOOLEAN E
     CompleteAll(done);
 }
 
+// An unlocked pointer "always succeeds": whether it stands on a frame then
+// takes a lock to tell.
 extern "C" NTSTATUS KsStreamPointerAdvance(PKSSTREAM_POINTER StreamPointer) {
     KsStreamPointer* edge = EdgeOf(StreamPointer);
     if (!edge) return STATUS_INVALID_PARAMETER;
-    if (!edge->pub.StreamHeader) return STATUS_DEVICE_NOT_READY;
+    bool wasLocked = edge->locked;
+    if (!edge->pub.StreamHeader) return wasLocked ? STATUS_DEVICE_NOT_READY : STATUS_SUCCESS;
     std::vector<Done> done;
     bool more = MoveToNextFrame(edge->pin, done);
     if (!more) edge->locked = false;
     CompleteAll(done);
-    return more ? STATUS_SUCCESS : STATUS_DEVICE_NOT_READY;
+    return more || !wasLocked ? STATUS_SUCCESS : STATUS_DEVICE_NOT_READY;
 }
 
 extern "C" NTSTATUS KsStreamPointerAdvanceOffsets(PKSSTREAM_POINTER StreamPointer, ULONG InUsed, ULONG OutUsed,
@@ -522,12 +537,4 @@ extern "C" void KsPinAttemptProcessing(PKSPIN Pin, BOOLEAN Asynchronous) {
     ProcessPin(pin);
 }
 
-extern "C" void KsPinAcquireProcessingMutex(PKSPIN Pin) {
-    if (KsPin* pin = AsPin(HeaderFromObject(Pin))) {
-        KeWaitForSingleObject(&pin->processingMutex, Executive, KernelMode, FALSE, nullptr);
-    }
-}
-
-extern "C" void KsPinReleaseProcessingMutex(PKSPIN Pin) {
-    if (KsPin* pin = AsPin(HeaderFromObject(Pin))) KeReleaseMutex(&pin->processingMutex, FALSE);
-}
+// KsPinAcquireProcessingMutex / KsPinReleaseProcessingMutex: sim/ks/rules.cpp.

@@ -279,6 +279,9 @@ namespace {
 int g_stopCalls = 0;
 NTSTATUS StopOnce(PDEVICE_OBJECT d, PIRP irp, PVOID) {
     ++g_stopCalls;
+    // The middle's dispatch returned the PDO's STATUS_PENDING: its location
+    // must be marked pending before it completes the IRP again.
+    if (irp->PendingReturned) IoMarkIrpPending(irp);
     return STATUS_MORE_PROCESSING_REQUIRED;
 }
 }  // namespace

@@ -51,13 +51,20 @@ std::vector<std::string> PoolLeakReport();
 
 // ---- Fault injection --------------------------------------------------------
 // Every allocation request (ExAllocatePool*, and the pool-backed allocations of
-// other modules that call PoolTakeInjectedFailure) counts, failed ones too.
+// other modules that call PoolTakeInjectedFailure) counts, failed ones too:
+// IoAllocateIrp (tag "Irp "), IoAllocateWorkItem ("IoWk"), IoCreateDevice
+// ("Devi"), the I/O manager's buffers ("IoBf"), ...
 uint64_t PoolAllocationCount();
 // Makes the n-th allocation request from now fail (n = 1: the next one);
 // n = 0 disarms. Only one such trigger is armed at a time.
 void PoolFailNthAllocation(uint64_t n);
 // Makes every allocation with this tag fail until PoolResetFaultInjection.
 void PoolFailTag(ULONG tag);
+// Fails each request with a chance of `chancesIn10000` in 10,000 (600 is the
+// 6% of Driver Verifier's low resources simulation by default), drawn from a
+// generator seeded with `seed`: the same seed and the same requests fail the
+// same ones. 0 disarms.
+void PoolFailRandomly(ULONG chancesIn10000, uint64_t seed);
 void PoolResetFaultInjection();
 // Number of allocation requests refused by fault injection since the reset.
 uint64_t PoolInjectedFailureCount();

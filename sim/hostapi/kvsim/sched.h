@@ -55,7 +55,8 @@
 // DISPATCH_LEVEL or above, KeLowerIrql upwards / KeRaiseIrql downwards,
 // spin-lock misuse, a DPC/work item returning at another IRQL, signalling
 // above DISPATCH_LEVEL, KeReleaseSemaphore past the limit, releasing a mutex
-// not owned. A system thread may end by returning from its start routine:
+// not owned, a DPC routine, work item or system thread that ends holding a
+// lock it took (kvsim/verifier.h). A system thread may end by returning from its start routine:
 // Windows ends the thread then as for PsTerminateSystemThread(STATUS_SUCCESS)
 // (the documented way is PsTerminateSystemThread; returning is accepted).
 #pragma once

@@ -329,6 +329,8 @@ VOID IoQueueWorkItem(PIO_WORKITEM IoWorkItem, PIO_WORKITEM_ROUTINE WorkerRoutine
                      PVOID Context);
 VOID IoFreeWorkItem(PIO_WORKITEM IoWorkItem);
 ULONG IoSizeofWorkItem(VOID);
+VOID IoInitializeWorkItem(PVOID IoObject, PIO_WORKITEM IoWorkItem);
+VOID IoUninitializeWorkItem(PIO_WORKITEM IoWorkItem);
 
 PLIST_ENTRY ExInterlockedInsertHeadList(PLIST_ENTRY ListHead, PLIST_ENTRY ListEntry, PKSPIN_LOCK Lock);
 PLIST_ENTRY ExInterlockedInsertTailList(PLIST_ENTRY ListHead, PLIST_ENTRY ListEntry, PKSPIN_LOCK Lock);

@@ -21,12 +21,21 @@
 //  - freeing an address that is not a live block (0xC4/0x10), a block freed
 //    already (0xC4/0x13), a tag mismatch in ExFreePoolWithTag (bug check 0xC2
 //    BAD_POOL_CALLER, 0x0A). A tag of 0 skips the tag check, as ExFreePool
-//    does.
+//    does;
+//  - freeing a block that holds a set timer, a queued DPC or a work item
+//    still initialised (kvsim::CheckFreedMemory: bug check 0xC7
+//    TIMER_OR_DPC_INVALID).
+// Fault injection fails requests by count, by tag or at random with a seeded
+// generator, as Driver Verifier's low resources simulation does (by default
+// with a 6% chance): ExAllocatePool*, IoAllocateIrp, IoAllocateWorkItem and the
+// other objects Windows takes from pool
+// (learn.microsoft.com/windows-hardware/drivers/devtest/low-resources-simulation).
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <map>
 #include <mutex>
+#include <random>
 #include <set>
 #include <unordered_map>
 #include <unordered_set>
@@ -35,6 +44,7 @@
 #include "kvsim/diag.h"
 #include "kvsim/sched.h"
 #include "kvsim/pool.h"
+#include "kvsim/verifier.h"
 
 namespace kvsim {
 namespace {
@@ -60,6 +70,8 @@ struct PoolState {
     uint64_t requests = 0;
     uint64_t failAtRequest = 0;  // absolute request number; 0 = disarmed
     std::set<ULONG> failingTags;
+    ULONG randomChancesIn10000 = 0;  // 0 = no random failures
+    std::mt19937_64 random;
     uint64_t injectedFailures = 0;
 };
 
@@ -101,6 +113,9 @@ bool TakeFailureLocked(PoolState& s, ULONG tag) {
         s.failAtRequest = 0;
     }
     if (s.failingTags.count(tag) != 0) fail = true;
+    // Drawn for every request while armed, so that a seed gives the same
+    // failures for the same sequence of requests.
+    if (s.randomChancesIn10000 != 0 && s.random() % 10000 < s.randomChancesIn10000) fail = true;
     if (fail) ++s.injectedFailures;
     return fail;
 }
@@ -162,6 +177,7 @@ void Free(void* p, ULONG tag, bool checkTag, const char* routine) {
         st.currentCount -= 1;
     }
     CheckIrql(info.poolType, routine, info.tag);
+    CheckFreedMemory(p, info.size, routine);
     std::memset(p, kFreedFill, info.size);
     std::free(p);
 }
@@ -250,11 +266,19 @@ void PoolFailTag(ULONG tag) {
     s.failingTags.insert(tag);
 }
 
+void PoolFailRandomly(ULONG chancesIn10000, uint64_t seed) {
+    auto& s = State();
+    std::lock_guard<std::mutex> guard(s.lock);
+    s.randomChancesIn10000 = std::min<ULONG>(chancesIn10000, 10000);
+    s.random.seed(seed);
+}
+
 void PoolResetFaultInjection() {
     auto& s = State();
     std::lock_guard<std::mutex> guard(s.lock);
     s.failAtRequest = 0;
     s.failingTags.clear();
+    s.randomChancesIn10000 = 0;
     s.injectedFailures = 0;
 }
 
@@ -282,6 +306,7 @@ std::vector<std::string> PoolEndOfTestCheck() {
     s.requests = 0;
     s.failAtRequest = 0;
     s.failingTags.clear();
+    s.randomChancesIn10000 = 0;
     s.injectedFailures = 0;
     return lines;
 }

@@ -29,6 +29,21 @@
 //  - IoCompleteRequest above DISPATCH_LEVEL, a second completion, completing
 //    with STATUS_PENDING or with a cancel routine still set are violations
 //    (Driver Verifier's I/O checks, bug checks 0x44 and 0xC9).
+//  - A dispatch routine either completes the IRP and returns its
+//    IoStatus.Status, or marks it pending (IoMarkIrpPending) and returns
+//    STATUS_PENDING; a routine that passes the IRP on returns what the lower
+//    driver returned, and a completion routine then propagates the pending
+//    mark (if Irp->PendingReturned, IoMarkIrpPending). Violations: returning
+//    STATUS_PENDING for a location never marked pending (judged when the
+//    completion passes the location, since a completion routine may mark it
+//    after the dispatch routine returned), marking it pending and returning
+//    anything else, returning another status without completing the IRP, and
+//    returning a status other than the one the IRP was completed with
+//    (learn.microsoft.com/windows-hardware/drivers/devtest/wdm-markirppending,
+//    .../devtest/wdm-markirppending2, .../devtest/wdm-completerequeststatuscheck,
+//    .../kernel/constraints-on-dispatch-routines).
+//  - A completion routine that returns holding a lock it acquired is a
+//    violation (kvsim::CheckLocksReleased).
 //  - IoCancelIrp sets Cancel, takes the cancel spin lock, clears and calls
 //    the cancel routine at DISPATCH_LEVEL with CancelIrql set; the routine
 //    must release the cancel spin lock. No routine: FALSE.
@@ -41,6 +56,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
+#include <set>
+#include <string>
 #include <thread>
 #include <unordered_map>
 
@@ -50,6 +67,7 @@
 #include "kvsim/sched.h"
 #include "kvsim/object.h"
 #include "kvsim/pool.h"
+#include "kvsim/verifier.h"
 
 namespace kvsim {
 namespace {
@@ -63,10 +81,26 @@ struct IrpInfo {
     void* ownedBuffer = nullptr;  // SystemBuffer the I/O manager allocated
 };
 
+// A dispatch routine running now (IofCallDriver), and what the completion
+// saw of its stack location when it passed it.
+struct DispatchCall {
+    PIRP irp;
+    CHAR location;
+    bool completed = false;      // the completion passed the location
+    bool markedPending = false;  // SL_PENDING_RETURNED then
+    NTSTATUS status = STATUS_SUCCESS;  // IoStatus.Status then
+    bool freed = false;          // freed (or reused) before it was completed: not ours to judge
+};
+
 struct IrpState {
     std::mutex lock;
     std::unordered_map<PIRP, IrpInfo> irps;
     uint64_t sequence = 0;
+    std::vector<DispatchCall*> calls;
+    // Locations whose dispatch routine returned STATUS_PENDING unmarked with
+    // the IRP gone on to a lower driver: a completion routine must mark them
+    // before the completion passes them.
+    std::set<std::pair<PIRP, CHAR>> owedMarks;
 };
 
 IrpState& State() {
@@ -97,6 +131,16 @@ void UpdateIrp(PIRP irp, const IrpInfo& info) {
     if (it != s.irps.end()) it->second = info;
 }
 
+// Under State().lock: forgets what the pending checks hold of `irp` (freed
+// or reused).
+void ForgetPendingChecksLocked(IrpState& s, PIRP irp) {
+    for (DispatchCall* c : s.calls)
+        if (c->irp == irp && !c->completed) c->freed = true;
+    for (auto it = s.owedMarks.begin(); it != s.owedMarks.end();) {
+        it = it->first == irp ? s.owedMarks.erase(it) : std::next(it);
+    }
+}
+
 // Frees an IRP this module allocated, with the buffer it owns.
 void ReleaseIrp(PIRP irp) {
     IrpInfo info;
@@ -107,6 +151,7 @@ void ReleaseIrp(PIRP irp) {
         if (it == s.irps.end()) return;
         info = it->second;
         s.irps.erase(it);
+        ForgetPendingChecksLocked(s, irp);
     }
     std::free(info.ownedBuffer);
     std::memset(irp, 0xDD, irp->Size);
@@ -125,6 +170,68 @@ void ClearStackLocation(PIO_STACK_LOCATION sp) {
     sp->FileObject = nullptr;
     sp->CompletionRoutine = nullptr;
     sp->Context = nullptr;
+}
+
+// IofCompleteRequest, just before it leaves stack location `location`.
+void NotePassing(PIRP irp, CHAR location, bool marked, NTSTATUS status) {
+    bool owedUnpaid = false;
+    {
+        auto& s = State();
+        std::lock_guard<std::mutex> guard(s.lock);
+        for (DispatchCall* c : s.calls) {
+            if (c->irp != irp || c->location != location || c->completed) continue;
+            c->completed = true;
+            c->markedPending = marked;
+            c->status = status;
+        }
+        owedUnpaid = s.owedMarks.erase({irp, location}) != 0 && !marked;
+    }
+    if (owedUnpaid) {
+        ReportViolation("IRP %p: a dispatch routine returned STATUS_PENDING for stack location %d without "
+                        "IoMarkIrpPending, and the location was still not marked pending when the IRP completed "
+                        "(a completion routine must call IoMarkIrpPending when Irp->PendingReturned)",
+                        static_cast<void*>(irp), location);
+    }
+}
+
+// IofCallDriver, once the dispatch routine returned `returned`. The IRP
+// itself is not read: once the routine returned, another thread may be
+// completing it (or marking its location pending from a completion routine).
+void EndDispatch(DispatchCall& call, NTSTATUS returned, PDEVICE_OBJECT device, UCHAR major,
+                 PDRIVER_DISPATCH dispatch) {
+    char problem[200] = "";
+    {
+        auto& s = State();
+        std::lock_guard<std::mutex> guard(s.lock);
+        s.calls.erase(std::find(s.calls.begin(), s.calls.end(), &call));
+        if (call.freed) return;
+        if (returned == STATUS_PENDING && !call.completed) {
+            // Marked now or by a completion routine later: seen when the
+            // completion passes the location.
+            s.owedMarks.insert({call.irp, call.location});
+            return;
+        }
+        if (returned == STATUS_PENDING) {
+            if (call.markedPending) return;
+            snprintf(problem, sizeof problem, "returned STATUS_PENDING without IoMarkIrpPending");
+        } else if (!call.completed) {
+            snprintf(problem, sizeof problem,
+                     "returned 0x%08X without completing the IRP (or marking it pending and returning "
+                     "STATUS_PENDING)",
+                     static_cast<unsigned>(returned));
+        } else if (call.markedPending) {
+            snprintf(problem, sizeof problem, "called IoMarkIrpPending but returned 0x%08X, not STATUS_PENDING",
+                     static_cast<unsigned>(returned));
+        } else if (returned != call.status) {
+            snprintf(problem, sizeof problem, "returned 0x%08X but completed the IRP with IoStatus.Status 0x%08X",
+                     static_cast<unsigned>(returned), static_cast<unsigned>(call.status));
+        } else {
+            return;
+        }
+    }
+    ReportViolation("dispatch routine %s of device %p (major 0x%02x, IRP %p) %s",
+                    RoutineName(reinterpret_cast<const void*>(dispatch)).c_str(), static_cast<void*>(device), major,
+                    static_cast<void*>(call.irp), problem);
 }
 
 bool ShouldInvoke(PIRP irp, PIO_STACK_LOCATION sp) {
@@ -264,6 +371,7 @@ std::vector<std::string> IoEndOfTestCheck() {
         auto& s = State();
         std::lock_guard<std::mutex> guard(s.lock);
         s.sequence = 0;
+        s.owedMarks.clear();
     }
     t_is32bit = false;
     io::ResetPowerCounters();
@@ -314,6 +422,11 @@ extern "C" VOID IoReuseIrp(PIRP Irp, NTSTATUS Iostatus) {
     }
     if (Irp->CancelRoutine != nullptr) {
         ReportViolation("IoReuseIrp(%p) with a cancel routine still set", static_cast<void*>(Irp));
+    }
+    {
+        auto& s = kvsim::State();
+        std::lock_guard<std::mutex> guard(s.lock);
+        kvsim::ForgetPendingChecksLocked(s, Irp);
     }
     UCHAR allocationFlags = Irp->AllocationFlags;
     IoInitializeIrp(Irp, Irp->Size, Irp->StackCount);
@@ -434,13 +547,21 @@ extern "C" NTSTATUS IofCallDriver(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
         return STATUS_INVALID_PARAMETER;
     }
     PDRIVER_DISPATCH dispatch = DeviceObject->DriverObject->MajorFunction[sp->MajorFunction];
+    UCHAR major = sp->MajorFunction;  // the IRP may be gone when the routine returns
+    kvsim::DispatchCall call{Irp, Irp->CurrentLocation};
+    {
+        auto& s = kvsim::State();
+        std::lock_guard<std::mutex> guard(s.lock);
+        s.calls.push_back(&call);
+    }
     KIRQL before = KeGetCurrentIrql();
     NTSTATUS status = dispatch(DeviceObject, Irp);
     KIRQL after = KeGetCurrentIrql();
     if (after != before) {
-        ReportViolation("dispatch routine for major 0x%x of device %p returned at IRQL %u, called at %u",
-                        sp->MajorFunction, static_cast<void*>(DeviceObject), after, before);
+        ReportViolation("dispatch routine for major 0x%x of device %p returned at IRQL %u, called at %u", major,
+                        static_cast<void*>(DeviceObject), after, before);
     }
+    kvsim::EndDispatch(call, status, DeviceObject, major, dispatch);
     kvsim::PreemptionPoint();
     return status;
 }
@@ -475,6 +596,7 @@ extern "C" VOID IofCompleteRequest(PIRP Irp, CCHAR PriorityBoost) {
     while (Irp->CurrentLocation <= Irp->StackCount) {
         PIO_STACK_LOCATION sp = IoGetCurrentIrpStackLocation(Irp);
         Irp->PendingReturned = (sp->Control & SL_PENDING_RETURNED) != 0;
+        kvsim::NotePassing(Irp, Irp->CurrentLocation, Irp->PendingReturned, Irp->IoStatus.Status);
         bool invoke = kvsim::ShouldInvoke(Irp, sp);
         PIO_COMPLETION_ROUTINE routine = sp->CompletionRoutine;
         PVOID context = sp->Context;
@@ -487,7 +609,9 @@ extern "C" VOID IofCompleteRequest(PIRP Irp, CCHAR PriorityBoost) {
         }
         PDEVICE_OBJECT device = atTop ? nullptr : IoGetCurrentIrpStackLocation(Irp)->DeviceObject;
         KIRQL before = KeGetCurrentIrql();
+        kvsim::HeldLocks locks = kvsim::CurrentHeldLocks();
         NTSTATUS result = routine(device, Irp, context);
+        kvsim::CheckLocksReleased(locks, "completion routine", reinterpret_cast<const void*>(routine));
         if (KeGetCurrentIrql() != before) {
             ReportViolation("completion routine %p returned at IRQL %u, called at %u",
                             reinterpret_cast<void*>(routine), KeGetCurrentIrql(), before);

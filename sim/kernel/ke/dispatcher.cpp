@@ -6,6 +6,7 @@
 // nf-wdm-kesettimerex, nf-wdm-keinsertqueuedpc, nf-wdm-exacquirefastmutex).
 #include "ke_internal.h"
 #include "kvsim/diag.h"
+#include "verifier_internal.h"
 
 using namespace kvsim::ke;
 
@@ -51,11 +52,13 @@ bool CheckWaitIrql(SimThread* self, const char* what, PLARGE_INTEGER timeout) {
     return poll;
 }
 
-void FastMutexAcquireLocked(Kernel& k, std::unique_lock<std::mutex>& lk, SimThread* self, PFAST_MUTEX m) {
+// False (and nothing acquired) for a recursive acquisition.
+bool FastMutexAcquireLocked(Kernel& k, std::unique_lock<std::mutex>& lk, SimThread* self, PFAST_MUTEX m,
+                            LockKind kind, KIRQL irqlBefore) {
     if (m->Count == 0 && m->Owner == KThreadOf(self)) {
         kvsim::ReportViolation("fast mutex %p acquired again by its owner (a deadlock on Windows)",
                                static_cast<void*>(m));
-        return;
+        return false;
     }
     while (m->Count == 0) {
         m->Contention++;
@@ -64,6 +67,8 @@ void FastMutexAcquireLocked(Kernel& k, std::unique_lock<std::mutex>& lk, SimThre
     }
     m->Count = 0;
     m->Owner = KThreadOf(self);
+    NoteLockAcquired(m, kind, irqlBefore);
+    return true;
 }
 
 bool FastMutexReleaseLocked(Kernel& k, SimThread* self, PFAST_MUTEX m, const char* what) {
@@ -73,12 +78,24 @@ bool FastMutexReleaseLocked(Kernel& k, SimThread* self, PFAST_MUTEX m, const cha
     }
     m->Count = 1;
     m->Owner = nullptr;
+    NoteLockReleased(m);
     if (m->Contention > 0) {
         m->Event.Header.SignalState = 1;
         SignalLocked(k, &m->Event.Header);
         DispatchLocked(k);
     }
     return true;
+}
+
+// After a satisfied wait: the mutexes it acquired go on the thread's list of
+// held locks (WaitAny: the object that satisfied it; WaitAll: all of them).
+void NoteMutexesAcquired(const std::vector<DISPATCHER_HEADER*>& objects, WAIT_TYPE type, NTSTATUS status) {
+    if (status < STATUS_WAIT_0 || status >= STATUS_WAIT_0 + static_cast<NTSTATUS>(objects.size())) return;
+    for (size_t i = 0; i < objects.size(); ++i) {
+        bool acquired = type == WaitAll || static_cast<NTSTATUS>(i) == status - STATUS_WAIT_0;
+        if (acquired && objects[i]->Type == KV_OBJECT_MUTANT)
+            NoteLockAcquired(objects[i], LockKind::Mutex, KeGetCurrentIrql());
+    }
 }
 
 void ArmTimerLocked(Kernel& k, PKTIMER timer, LONGLONG due, LONG period, PKDPC dpc) {
@@ -187,6 +204,7 @@ LONG KeReleaseMutex(PRKMUTEX Mutex, BOOLEAN Wait) {
         return previous;
     }
     Mutex->Header.SignalState = previous + 1;
+    NoteLockReleased(Mutex);
     if (Mutex->Header.SignalState == 1) {
         Mutex->OwnerThread = nullptr;
         SignalLocked(k, &Mutex->Header);
@@ -215,8 +233,10 @@ VOID ExAcquireFastMutex(PFAST_MUTEX FastMutex) {
         self->irql = APC_LEVEL;
     Kernel& k = K();
     std::unique_lock<std::mutex> lk(k.m);
-    FastMutexAcquireLocked(k, lk, self, FastMutex);
-    FastMutex->OldIrql = old;
+    if (FastMutexAcquireLocked(k, lk, self, FastMutex, LockKind::FastMutex, old))
+        FastMutex->OldIrql = old;
+    else
+        self->irql = old;
 }
 
 VOID ExReleaseFastMutex(PFAST_MUTEX FastMutex) {
@@ -248,6 +268,7 @@ BOOLEAN ExTryToAcquireFastMutex(PFAST_MUTEX FastMutex) {
     FastMutex->Owner = KThreadOf(self);
     FastMutex->OldIrql = old;
     self->irql = APC_LEVEL;
+    NoteLockAcquired(FastMutex, LockKind::FastMutex, old);
     return TRUE;
 }
 
@@ -255,7 +276,7 @@ VOID ExAcquireFastMutexUnsafe(PFAST_MUTEX FastMutex) {
     SimThread* self = Self();
     Kernel& k = K();
     std::unique_lock<std::mutex> lk(k.m);
-    FastMutexAcquireLocked(k, lk, self, FastMutex);
+    FastMutexAcquireLocked(k, lk, self, FastMutex, LockKind::FastMutexUnsafe, self->irql);
 }
 
 VOID ExReleaseFastMutexUnsafe(PFAST_MUTEX FastMutex) {
@@ -275,8 +296,10 @@ NTSTATUS KeWaitForSingleObject(PVOID Object, KWAIT_REASON WaitReason, KPROCESSOR
     bool poll = CheckWaitIrql(self, "KeWaitForSingleObject", Timeout);
     Kernel& k = K();
     std::unique_lock<std::mutex> lk(k.m);
-    return WaitObjectsLocked(k, lk, self, {static_cast<DISPATCHER_HEADER*>(Object)}, WaitAny,
-                             DeadlineFromTimeout(k, Timeout), poll);
+    auto* header = static_cast<DISPATCHER_HEADER*>(Object);
+    NTSTATUS status = WaitObjectsLocked(k, lk, self, {header}, WaitAny, DeadlineFromTimeout(k, Timeout), poll);
+    NoteMutexesAcquired({header}, WaitAny, status);
+    return status;
 }
 
 NTSTATUS KeWaitForMultipleObjects(ULONG Count, PVOID Object[], WAIT_TYPE WaitType, KWAIT_REASON WaitReason,
@@ -307,7 +330,9 @@ NTSTATUS KeWaitForMultipleObjects(ULONG Count, PVOID Object[], WAIT_TYPE WaitTyp
     for (ULONG i = 0; i < Count; ++i) objects.push_back(static_cast<DISPATCHER_HEADER*>(Object[i]));
     Kernel& k = K();
     std::unique_lock<std::mutex> lk(k.m);
-    return WaitObjectsLocked(k, lk, self, std::move(objects), WaitType, DeadlineFromTimeout(k, Timeout), poll);
+    NTSTATUS status = WaitObjectsLocked(k, lk, self, objects, WaitType, DeadlineFromTimeout(k, Timeout), poll);
+    NoteMutexesAcquired(objects, WaitType, status);
+    return status;
 }
 
 NTSTATUS KeDelayExecutionThread(KPROCESSOR_MODE WaitMode, BOOLEAN Alertable, PLARGE_INTEGER Interval) {

@@ -11,6 +11,7 @@
 
 #include "ke_internal.h"
 #include "kvsim/diag.h"
+#include "verifier_internal.h"
 
 using namespace kvsim::ke;
 
@@ -20,7 +21,7 @@ ULONG_PTR OwnerValue(SimThread* self) { return reinterpret_cast<ULONG_PTR>(KThre
 
 // In the baton modes the holder of a contended lock cannot run while we
 // spin, so contention can only be a deadlock; Parallel mode spins for real.
-void AcquireRaw(PKSPIN_LOCK lock, SimThread* self, const char* what) {
+void AcquireRaw(PKSPIN_LOCK lock, SimThread* self, const char* what, KIRQL irqlBefore) {
     ULONG_PTR me = OwnerValue(self);
     if (__atomic_load_n(lock, __ATOMIC_RELAXED) == me) {
         kvsim::ReportViolation("%s: spin lock %p is already held by this thread (a deadlock on Windows)", what,
@@ -30,7 +31,10 @@ void AcquireRaw(PKSPIN_LOCK lock, SimThread* self, const char* what) {
     bool parallel = K().mode == kvsim::ClockMode::Parallel;
     for (uint64_t spins = 0;; ++spins) {
         ULONG_PTR expected = 0;
-        if (__atomic_compare_exchange_n(lock, &expected, me, false, __ATOMIC_ACQUIRE, __ATOMIC_RELAXED)) return;
+        if (__atomic_compare_exchange_n(lock, &expected, me, false, __ATOMIC_ACQUIRE, __ATOMIC_RELAXED)) {
+            NoteLockAcquired(lock, LockKind::SpinLock, irqlBefore);
+            return;
+        }
         if (!parallel && spins > 1000) {
             kvsim::ReportViolation("%s: spin lock %p is held by another thread that is not running: deadlock", what,
                                    static_cast<void*>(lock));
@@ -50,6 +54,7 @@ void ReleaseRaw(PKSPIN_LOCK lock, SimThread* self, const char* what) {
         return;
     }
     __atomic_store_n(lock, ULONG_PTR{0}, __ATOMIC_RELEASE);
+    NoteLockReleased(lock);
 }
 
 // Lowering to APC_LEVEL or below lets whatever waited for this processor
@@ -105,7 +110,7 @@ VOID KeInitializeSpinLock(PKSPIN_LOCK SpinLock) { __atomic_store_n(SpinLock, ULO
 KIRQL KeAcquireSpinLockRaiseToDpc(PKSPIN_LOCK SpinLock) {
     SimThread* self = Self();
     KIRQL old = RaiseToDpc(self, "KeAcquireSpinLock");
-    AcquireRaw(SpinLock, self, "KeAcquireSpinLock");
+    AcquireRaw(SpinLock, self, "KeAcquireSpinLock", old);
     return old;
 }
 
@@ -118,7 +123,7 @@ VOID KeReleaseSpinLock(PKSPIN_LOCK SpinLock, KIRQL NewIrql) {
 VOID KeAcquireSpinLockAtDpcLevel(PKSPIN_LOCK SpinLock) {
     SimThread* self = Self();
     RequireDpcLevel(self, "KeAcquireSpinLockAtDpcLevel");
-    AcquireRaw(SpinLock, self, "KeAcquireSpinLockAtDpcLevel");
+    AcquireRaw(SpinLock, self, "KeAcquireSpinLockAtDpcLevel", self->irql);
 }
 
 VOID KeReleaseSpinLockFromDpcLevel(PKSPIN_LOCK SpinLock) {
@@ -134,7 +139,7 @@ VOID KeAcquireInStackQueuedSpinLock(PKSPIN_LOCK SpinLock, PKLOCK_QUEUE_HANDLE Lo
     LockHandle->LockQueue.Next = nullptr;
     LockHandle->LockQueue.Lock = SpinLock;
     LockHandle->OldIrql = RaiseToDpc(self, "KeAcquireInStackQueuedSpinLock");
-    AcquireRaw(SpinLock, self, "KeAcquireInStackQueuedSpinLock");
+    AcquireRaw(SpinLock, self, "KeAcquireInStackQueuedSpinLock", LockHandle->OldIrql);
 }
 
 VOID KeReleaseInStackQueuedSpinLock(PKLOCK_QUEUE_HANDLE LockHandle) {
@@ -149,7 +154,7 @@ VOID KeAcquireInStackQueuedSpinLockAtDpcLevel(PKSPIN_LOCK SpinLock, PKLOCK_QUEUE
     LockHandle->LockQueue.Next = nullptr;
     LockHandle->LockQueue.Lock = SpinLock;
     LockHandle->OldIrql = self->irql;
-    AcquireRaw(SpinLock, self, "KeAcquireInStackQueuedSpinLockAtDpcLevel");
+    AcquireRaw(SpinLock, self, "KeAcquireInStackQueuedSpinLockAtDpcLevel", self->irql);
 }
 
 VOID KeReleaseInStackQueuedSpinLockFromDpcLevel(PKLOCK_QUEUE_HANDLE LockHandle) {
@@ -165,7 +170,7 @@ VOID KeReleaseInStackQueuedSpinLockFromDpcLevel(PKLOCK_QUEUE_HANDLE LockHandle) 
 // windows-hardware/drivers/ddi/wdm/nf-wdm-exinterlockedinserttaillist).
 PLIST_ENTRY ExInterlockedInsertHeadList(PLIST_ENTRY ListHead, PLIST_ENTRY ListEntry, PKSPIN_LOCK Lock) {
     SimThread* self = Self();
-    AcquireRaw(Lock, self, "ExInterlockedInsertHeadList");
+    AcquireRaw(Lock, self, "ExInterlockedInsertHeadList", self->irql);
     PLIST_ENTRY first = IsListEmpty(ListHead) ? nullptr : ListHead->Flink;
     InsertHeadList(ListHead, ListEntry);
     ReleaseRaw(Lock, self, "ExInterlockedInsertHeadList");
@@ -174,7 +179,7 @@ PLIST_ENTRY ExInterlockedInsertHeadList(PLIST_ENTRY ListHead, PLIST_ENTRY ListEn
 
 PLIST_ENTRY ExInterlockedInsertTailList(PLIST_ENTRY ListHead, PLIST_ENTRY ListEntry, PKSPIN_LOCK Lock) {
     SimThread* self = Self();
-    AcquireRaw(Lock, self, "ExInterlockedInsertTailList");
+    AcquireRaw(Lock, self, "ExInterlockedInsertTailList", self->irql);
     PLIST_ENTRY last = IsListEmpty(ListHead) ? nullptr : ListHead->Blink;
     InsertTailList(ListHead, ListEntry);
     ReleaseRaw(Lock, self, "ExInterlockedInsertTailList");
@@ -183,7 +188,7 @@ PLIST_ENTRY ExInterlockedInsertTailList(PLIST_ENTRY ListHead, PLIST_ENTRY ListEn
 
 PLIST_ENTRY ExInterlockedRemoveHeadList(PLIST_ENTRY ListHead, PKSPIN_LOCK Lock) {
     SimThread* self = Self();
-    AcquireRaw(Lock, self, "ExInterlockedRemoveHeadList");
+    AcquireRaw(Lock, self, "ExInterlockedRemoveHeadList", self->irql);
     PLIST_ENTRY first = IsListEmpty(ListHead) ? nullptr : RemoveHeadList(ListHead);
     ReleaseRaw(Lock, self, "ExInterlockedRemoveHeadList");
     return first;
@@ -192,7 +197,7 @@ PLIST_ENTRY ExInterlockedRemoveHeadList(PLIST_ENTRY ListHead, PKSPIN_LOCK Lock) 
 PSINGLE_LIST_ENTRY ExInterlockedPushEntryList(PSINGLE_LIST_ENTRY ListHead, PSINGLE_LIST_ENTRY ListEntry,
                                               PKSPIN_LOCK Lock) {
     SimThread* self = Self();
-    AcquireRaw(Lock, self, "ExInterlockedPushEntryList");
+    AcquireRaw(Lock, self, "ExInterlockedPushEntryList", self->irql);
     PSINGLE_LIST_ENTRY first = ListHead->Next;
     PushEntryList(ListHead, ListEntry);
     ReleaseRaw(Lock, self, "ExInterlockedPushEntryList");
@@ -201,7 +206,7 @@ PSINGLE_LIST_ENTRY ExInterlockedPushEntryList(PSINGLE_LIST_ENTRY ListHead, PSING
 
 PSINGLE_LIST_ENTRY ExInterlockedPopEntryList(PSINGLE_LIST_ENTRY ListHead, PKSPIN_LOCK Lock) {
     SimThread* self = Self();
-    AcquireRaw(Lock, self, "ExInterlockedPopEntryList");
+    AcquireRaw(Lock, self, "ExInterlockedPopEntryList", self->irql);
     PSINGLE_LIST_ENTRY first = PopEntryList(ListHead);
     ReleaseRaw(Lock, self, "ExInterlockedPopEntryList");
     return first;

@@ -16,6 +16,7 @@
 
 #include "ke_internal.h"
 #include "kvsim/diag.h"
+#include "verifier_internal.h"
 
 namespace kvsim::ke {
 namespace {
@@ -312,9 +313,11 @@ void DpcThreadMain(Kernel& k, SimThread* self) {
         self->irql = DISPATCH_LEVEL;
         if (dpc != nullptr) {
             routine(dpc, context, arg1, arg2);
+            CheckLocksAfterCallback("DPC routine", reinterpret_cast<const void*>(routine));
             CheckIrqlAfterCallback(self, DISPATCH_LEVEL, "DPC routine", reinterpret_cast<const void*>(routine));
         } else {
             entry.fn();
+            CheckLocksAfterCallback("scheduled callback", nullptr);
             CheckIrqlAfterCallback(self, DISPATCH_LEVEL, "scheduled callback", nullptr);
         }
         entry.fn = nullptr;  // destroy captured state outside the lock
@@ -340,6 +343,7 @@ void WorkerThreadMain(Kernel& k, SimThread* self) {
         k.workQueue.pop_front();
         lk.unlock();
         entry.fn();
+        CheckLocksAfterCallback(entry.isWorkItem ? "work item" : "posted function", nullptr);
         CheckIrqlAfterCallback(self, PASSIVE_LEVEL, entry.isWorkItem ? "work item" : "posted function", nullptr);
         entry.fn = nullptr;
         lk.lock();

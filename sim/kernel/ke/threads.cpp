@@ -10,11 +10,15 @@
 // wdm/nf-wdm-psterminatesystemthread, nf-wdm-pscreatesystemthread).
 #include <algorithm>
 #include <chrono>
+#include <cstdio>
 #include <thread>
+#include <unordered_map>
 
 #include "ke_internal.h"
 #include "kvsim/diag.h"
 #include "kvsim/object.h"
+#include "kvsim/pool.h"
+#include "verifier_internal.h"
 
 using namespace kvsim::ke;
 
@@ -28,6 +32,7 @@ struct ThreadExit {
 void DestroyThreadObject(void* body) { delete static_cast<ETHREAD*>(body); }
 
 void EndSystemThread(Kernel& k, SimThread* t, NTSTATUS exitStatus) {
+    CheckLocksAtThreadEnd(t->name.c_str());
     if (t->irql != PASSIVE_LEVEL)
         kvsim::ReportViolation("system thread '%s' ended at IRQL %u", t->name.c_str(), t->irql);
     ETHREAD* ethread = t->ethread;
@@ -63,11 +68,58 @@ void SystemThreadMain(Kernel& k, SimThread* t, SimThread** tls) {
 
 }  // namespace
 
-// The work item: opaque to drivers.
+// The work item: opaque to drivers (IoSizeofWorkItem bytes of theirs when
+// they use IoInitializeWorkItem).
 struct _IO_WORKITEM {
     PDEVICE_OBJECT DeviceObject;
-    bool queued;
 };
+
+namespace {
+
+// Fault injection sees IoAllocateWorkItem requests under this tag.
+constexpr const char* kWorkItemTag = "IoWk";
+
+// Every live work item, under the dispatcher lock: from IoAllocateWorkItem
+// (until IoFreeWorkItem) or set up in the driver's storage by
+// IoInitializeWorkItem (until IoUninitializeWorkItem).
+struct WorkItemRecord {
+    bool queued = false;
+    bool initializedInPlace = false;
+};
+
+std::unordered_map<const _IO_WORKITEM*, WorkItemRecord>& WorkItems() {
+    static auto* items = new std::unordered_map<const _IO_WORKITEM*, WorkItemRecord>;
+    return *items;
+}
+
+}  // namespace
+
+namespace kvsim::ke {
+
+std::vector<std::string> TakeWorkItemsIn(const char* begin, const char* end) {
+    std::vector<std::string> lines;
+    Kernel* k = KernelIfStarted();
+    if (k == nullptr) return lines;
+    std::lock_guard<std::mutex> guard(k->m);
+    auto& items = WorkItems();
+    for (auto it = items.begin(); it != items.end();) {
+        auto* at = reinterpret_cast<const char*>(it->first);
+        if (!it->second.initializedInPlace || at < begin || at >= end) {
+            ++it;
+            continue;
+        }
+        char text[200];
+        snprintf(text, sizeof text,
+                 "the block holds work item %p, initialised by IoInitializeWorkItem and%s not uninitialised with "
+                 "IoUninitializeWorkItem",
+                 static_cast<const void*>(at), it->second.queued ? " still queued," : "");
+        lines.emplace_back(text);
+        it = items.erase(it);
+    }
+    return lines;
+}
+
+}  // namespace kvsim::ke
 
 extern "C" {
 
@@ -204,11 +256,49 @@ VOID KeStallExecutionProcessor(ULONG MicroSeconds) {
 // docs: learn.microsoft.com/windows-hardware/drivers/ddi/wdm/nf-wdm-ioqueueworkitem
 // (the I/O manager holds a reference to the device object until the routine
 // has returned; the routine runs at PASSIVE_LEVEL in a system worker thread).
+// IoAllocateWorkItem takes part in fault injection (kvsim/pool.h), as it
+// does in Driver Verifier's low resources simulation
+// (learn.microsoft.com/windows-hardware/drivers/devtest/low-resources-simulation).
 PIO_WORKITEM IoAllocateWorkItem(PDEVICE_OBJECT DeviceObject) {
-    auto* item = new _IO_WORKITEM;
-    item->DeviceObject = DeviceObject;
-    item->queued = false;
+    if (Self()->irql > DISPATCH_LEVEL)
+        kvsim::ReportViolation("IoAllocateWorkItem called at IRQL %u (must be <= DISPATCH_LEVEL)", Self()->irql);
+    if (kvsim::PoolTakeInjectedFailure(kvsim::PoolTag(kWorkItemTag))) return nullptr;
+    auto* item = new _IO_WORKITEM{DeviceObject};
+    Kernel& k = K();
+    std::lock_guard<std::mutex> guard(k.m);
+    WorkItems()[item] = WorkItemRecord{};
     return item;
+}
+
+// docs: learn.microsoft.com/windows-hardware/drivers/ddi/wdm/nf-wdm-ioinitializeworkitem
+// (the storage is the driver's, IoSizeofWorkItem bytes of nonpaged pool; it
+// must be uninitialised by IoUninitializeWorkItem before it is freed).
+VOID IoInitializeWorkItem(PVOID IoObject, PIO_WORKITEM IoWorkItem) {
+    Kernel& k = K();
+    std::lock_guard<std::mutex> guard(k.m);
+    auto it = WorkItems().find(IoWorkItem);
+    if (it != WorkItems().end() && it->second.queued) {
+        kvsim::ReportViolation("IoInitializeWorkItem: work item %p is queued", static_cast<void*>(IoWorkItem));
+        return;
+    }
+    IoWorkItem->DeviceObject = static_cast<PDEVICE_OBJECT>(IoObject);
+    WorkItems()[IoWorkItem] = WorkItemRecord{false, true};
+}
+
+VOID IoUninitializeWorkItem(PIO_WORKITEM IoWorkItem) {
+    Kernel& k = K();
+    std::lock_guard<std::mutex> guard(k.m);
+    auto it = WorkItems().find(IoWorkItem);
+    if (it == WorkItems().end() || !it->second.initializedInPlace) {
+        kvsim::ReportViolation("IoUninitializeWorkItem(%p): not a work item set up by IoInitializeWorkItem",
+                               static_cast<void*>(IoWorkItem));
+        return;
+    }
+    if (it->second.queued) {
+        kvsim::ReportViolation("IoUninitializeWorkItem: work item %p is still queued", static_cast<void*>(IoWorkItem));
+        return;
+    }
+    WorkItems().erase(it);
 }
 
 ULONG IoSizeofWorkItem(VOID) { return sizeof(_IO_WORKITEM); }
@@ -221,11 +311,16 @@ VOID IoQueueWorkItem(PIO_WORKITEM IoWorkItem, PIO_WORKITEM_ROUTINE WorkerRoutine
         kvsim::ReportViolation("IoQueueWorkItem called at IRQL %u (must be <= DISPATCH_LEVEL)", self->irql);
     Kernel& k = K();
     std::lock_guard<std::mutex> guard(k.m);
-    if (IoWorkItem->queued) {
+    auto record = WorkItems().find(IoWorkItem);
+    if (record == WorkItems().end()) {
+        kvsim::ReportViolation("IoQueueWorkItem: %p is not a live work item", static_cast<void*>(IoWorkItem));
+        return;
+    }
+    if (record->second.queued) {
         kvsim::ReportViolation("IoQueueWorkItem: work item %p is already queued", static_cast<void*>(IoWorkItem));
         return;
     }
-    IoWorkItem->queued = true;
+    record->second.queued = true;
     PDEVICE_OBJECT device = IoWorkItem->DeviceObject;
     ObReferenceObject(device);
     k.counters.workItemsQueued++;
@@ -235,7 +330,8 @@ VOID IoQueueWorkItem(PIO_WORKITEM IoWorkItem, PIO_WORKITEM_ROUTINE WorkerRoutine
             Kernel& kk = K();
             std::lock_guard<std::mutex> g(kk.m);
             // Cleared first: the routine commonly frees its own work item.
-            IoWorkItem->queued = false;
+            auto it = WorkItems().find(IoWorkItem);
+            if (it != WorkItems().end()) it->second.queued = false;
         }
         WorkerRoutine(device, Context);
         ObDereferenceObject(device);
@@ -249,10 +345,19 @@ VOID IoFreeWorkItem(PIO_WORKITEM IoWorkItem) {
     {
         Kernel& k = K();
         std::lock_guard<std::mutex> guard(k.m);
-        if (IoWorkItem->queued) {
+        auto it = WorkItems().find(IoWorkItem);
+        if (it == WorkItems().end() || it->second.initializedInPlace) {
+            kvsim::ReportViolation("IoFreeWorkItem(%p): not a work item from IoAllocateWorkItem%s",
+                                   static_cast<void*>(IoWorkItem),
+                                   it == WorkItems().end() ? " (freed twice?)" : " (IoUninitializeWorkItem undoes "
+                                                                                 "IoInitializeWorkItem)");
+            return;
+        }
+        if (it->second.queued) {
             kvsim::ReportViolation("IoFreeWorkItem: work item %p is still queued", static_cast<void*>(IoWorkItem));
             return;
         }
+        WorkItems().erase(it);
     }
     delete IoWorkItem;
 }
