@@ -56,7 +56,13 @@ NTSTATUS PinProcess(PKSPIN pin) {  // leaves the frames queued
     Step("Process", pin);
     return STATUS_PENDING;
 }
-const KSPIN_DISPATCH g_pinDispatch = {nullptr, nullptr, PinProcess, nullptr, nullptr, PinSetDeviceState};
+KSPIN_DISPATCH PinDispatch() {
+    KSPIN_DISPATCH dispatch{};
+    dispatch.Process = PinProcess;
+    dispatch.SetDeviceState = PinSetDeviceState;
+    return dispatch;
+}
+const KSPIN_DISPATCH g_pinDispatch = PinDispatch();
 const KSDATARANGE g_anyRange = {{sizeof(KSDATARANGE), 0, 0, 0, {}, {}, {}}};  // GUID_NULL: any format
 const PKSDATARANGE g_ranges[] = {const_cast<PKSDATARANGE>(&g_anyRange)};
 const KSPIN_DESCRIPTOR_EX g_pins[] = {
@@ -76,7 +82,12 @@ NTSTATUS DevicePostStart(PKSDEVICE device) {  // called with the device mutex he
     Step("PostStart");
     return STATUS_SUCCESS;
 }
-const KSDEVICE_DISPATCH g_deviceDispatch = {nullptr, nullptr, DevicePostStart};
+KSDEVICE_DISPATCH DeviceDispatch() {
+    KSDEVICE_DISPATCH dispatch{};
+    dispatch.PostStart = DevicePostStart;
+    return dispatch;
+}
+const KSDEVICE_DISPATCH g_deviceDispatch = DeviceDispatch();
 const KSDEVICE_DESCRIPTOR g_deviceDescriptor = {&g_deviceDispatch, 1, g_filters, KSDEVICE_DESCRIPTOR_VERSION};
 
 NTSTATUS RulesDriverEntry(PDRIVER_OBJECT driver, PUNICODE_STRING path) {
