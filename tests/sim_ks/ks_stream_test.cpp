@@ -1,7 +1,8 @@
 // The ks.sys simulation's queue: client buffers reach the minidriver's
 // Process as the leading-edge stream pointer, a filled and ejected frame
 // reaches the client with its stream header and KS_FRAME_INFO, a pin with
-// nothing queued has no stream pointer; the master clock property
+// nothing queued has no locked stream pointer but an unlocked leading edge
+// (the documented exception); the master clock property
 // (KSPROPERTY_STREAM_MASTERCLOCK); the processing rules of the pin flags
 // (KSPIN_DESCRIPTOR_EX.Flags):
 //  - KSPIN_FLAG_DO_NOT_INITIATE_PROCESSING: "processing will occur only
@@ -18,7 +19,6 @@
 // a locked stream pointer holds the frame: then the cancellation waits until
 // the pointer is unlocked
 // (https://learn.microsoft.com/windows-hardware/drivers/stream/stream-pointers-and-irp-cancellation).
-
 
 #include <algorithm>
 #include <vector>
@@ -65,19 +65,32 @@ TEST_F(KsTest, BuffersHeaderShorterThanTheStreamHeaderSizeAreRefused) {
     EXPECT_EQ(frames[0].status, STATUS_INVALID_BUFFER_SIZE);
 }
 
-TEST_F(KsTest, NoBufferQueuedGivesNoStreamPointer) {
+// https://learn.microsoft.com/windows-hardware/drivers/ddi/ks/nf-ks-kspingetleadingedgestreampointer
+TEST_F(KsTest, NoBufferQueuedGivesNoLockedStreamPointerButAnUnlockedEdge) {
     OpenCapturePin();
     ASSERT_EQ(pin_->SetState(KSSTATE_RUN), STATUS_SUCCESS);
     PKSPIN pin = Recorder().capturePin;
     EXPECT_EQ(KsPinGetLeadingEdgeStreamPointer(pin, KSSTREAM_POINTER_STATE_LOCKED), nullptr);
     // Nothing queued: RUN alone does not call Process.
     EXPECT_EQ(Recorder().processCalls, 0u);
+    // Asked for unlocked, the edge is there without a frame: it cannot be
+    // locked, and advancing it "always succeeds".
+    PKSSTREAM_POINTER edge = KsPinGetLeadingEdgeStreamPointer(pin, KSSTREAM_POINTER_STATE_UNLOCKED);
+    ASSERT_NE(edge, nullptr);
+    EXPECT_EQ(edge->StreamHeader, nullptr);
+    EXPECT_EQ(KsStreamPointerLock(edge), STATUS_DEVICE_NOT_READY);
+    EXPECT_EQ(KsStreamPointerAdvance(edge), STATUS_SUCCESS);
 
-    // With a buffer queued (and Process not consuming it) there is one,
-    // spanning the whole buffer.
+    // With a buffer queued (and Process not consuming it) the same edge
+    // stands on it, and a locked one spans the whole buffer.
     Recorder().fillOnProcess = false;
     ASSERT_EQ(pin_->QueueBuffers(1, 4096), STATUS_PENDING);
     EXPECT_EQ(Recorder().processCalls, 1u);
+    EXPECT_EQ(KsPinGetLeadingEdgeStreamPointer(pin, KSSTREAM_POINTER_STATE_UNLOCKED), edge);
+    ASSERT_NE(edge->StreamHeader, nullptr);
+    EXPECT_EQ(edge->StreamHeader->FrameExtent, 4096u);
+    EXPECT_EQ(KsStreamPointerLock(edge), STATUS_SUCCESS);
+    KsStreamPointerUnlock(edge, FALSE);
     PKSSTREAM_POINTER sp = KsPinGetLeadingEdgeStreamPointer(pin, KSSTREAM_POINTER_STATE_LOCKED);
     ASSERT_NE(sp, nullptr);
     EXPECT_EQ(sp->Pin, pin);
@@ -158,7 +171,6 @@ TEST_F(KsTest, MasterClockPropertyChecksItsHandleAndThePinKeepsTheClockUntilItCl
     EXPECT_EQ(kvsim::ObLiveObjectCount(), before);
 }
 
-
 TEST_F(KsTest, DoNotInitiateProcessingLeavesArrivingBuffersToAttemptProcessing) {
     SetCapturePinFlags(KSPIN_FLAG_DO_NOT_INITIATE_PROCESSING);
     RunWithBuffers(2, TestFrameBytes(0));
@@ -209,7 +221,6 @@ TEST_F(KsTest, WithoutProcessInRunStateOnlyPauseProcesses) {
     EXPECT_EQ(Recorder().processCalls, 1u);
     EXPECT_EQ(pin_->CollectFrames().size(), 1u);
 }
-
 
 using KsCancelTest = KsTest;
 

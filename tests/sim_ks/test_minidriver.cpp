@@ -11,7 +11,10 @@ namespace {
 
 TestRecorder g_recorder;
 
-void Record(const char* call) { g_recorder.calls.emplace_back(call); }
+void Record(const char* call) {
+    g_recorder.calls.emplace_back(call);
+    if (g_recorder.misstep && strcmp(call, g_recorder.misstepIn) == 0) g_recorder.misstep();
+}
 
 // ---- data ranges ---------------------------------------------------------------------
 KS_DATARANGE_VIDEO MakeRange(ULONG index) {

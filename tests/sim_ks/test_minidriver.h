@@ -18,7 +18,7 @@
 //
 // Everything the minidriver sees is recorded in TestRecorder() (reset with
 // ResetTestRecorder() at the start of a test), and knobs there make its
-// dispatch routines fail on purpose.
+// dispatch routines fail or break a rule on purpose.
 #pragma once
 #include <string>
 #include <vector>
@@ -113,6 +113,8 @@ struct TestRecorder {
     bool failStart = false;              // Start returns STATUS_UNSUCCESSFUL
     bool failQueryStop = false;          // QueryStop returns STATUS_UNSUCCESSFUL
     bool failQueryRemove = false;        // QueryRemove returns STATUS_UNSUCCESSFUL
+    const char* misstepIn = nullptr;     // each call of this dispatch routine (named as in
+    void (*misstep)() = nullptr;         // `calls`) first runs the test's misstep
 };
 
 TestRecorder& Recorder();
