@@ -49,7 +49,7 @@ protected:
     fs::path dir_;
 };
 
-TEST_F(HarnessTest, BootLoadsTheDriverInstallsItsKeysAndPlugsTheDefaultCameraAtHighSpeed)
+TEST_F(HarnessTest, BootLoadsTheDriverInstallsItsKeysAndStartsTheDefaultCameraAtHighSpeed)
 {
     kvharness::System system({});
     ASSERT_TRUE(system.Boot());
@@ -65,6 +65,37 @@ TEST_F(HarnessTest, BootLoadsTheDriverInstallsItsKeysAndPlugsTheDefaultCameraAtH
     EXPECT_EQ(kvsim::RegGetDword(kService, "Start"), 3u);
     for (const char* subkey : {"\\Data", "\\Property\\Default", "\\Property\\Last", "\\Property\\Customer"}) {
         EXPECT_TRUE(kvsim::RegKeyExists(kService + subkey)) << subkey;
+    }
+    ASSERT_EQ(system.startStatus(), STATUS_SUCCESS) << system.startMessage().value_or("(no message)");
+    EXPECT_EQ(system.startMessage(), std::nullopt);
+    // The filter, found by KSCATEGORY_VIDEO and KSCATEGORY_CAPTURE as an
+    // application finds it, shows the camera's frame and still sizes.
+    ASSERT_EQ(system.OpenFilter(), STATUS_SUCCESS);
+    ASSERT_NE(system.filter(), nullptr);
+    std::vector<kvharness::PinView> pins;
+    ASSERT_EQ(kvharness::ReadPins(*system.filter(), &pins), STATUS_SUCCESS);
+    ASSERT_EQ(pins.size(), 3u);
+    EXPECT_EQ(kvharness::GuidName(pins[0].category), "PINNAME_VIDEO_CAPTURE");
+    EXPECT_EQ(kvharness::GuidName(pins[2].category), "PINNAME_VIDEO_STILL");
+
+    kvcam::FormatsReport report = kvcam::CollectFormats(system);
+    ASSERT_TRUE(report.started) << kvharness::FormatStatus(report.startStatus);
+    ASSERT_EQ(report.error, "");
+    ASSERT_FALSE(report.capture.empty());
+    ASSERT_FALSE(report.still.empty());
+    std::set<std::pair<LONG, LONG>> frames, stills;  // width, height
+    for (const auto& vs : system.camera()->Model().streaming) {
+        for (const auto& f : vs.formats) {
+            for (const auto& fr : f.frames) frames.emplace(fr.width, fr.height);
+            for (const auto& s : f.stills) stills.emplace(s.width, s.height);
+        }
+    }
+    for (bool still : {false, true}) {
+        for (const KS_DATARANGE_VIDEO& r : still ? report.still : report.capture) {
+            const auto& bmi = r.VideoInfoHeader.bmiHeader;
+            EXPECT_TRUE((still ? stills : frames).contains({bmi.biWidth, std::abs(bmi.biHeight)}))
+                << bmi.biWidth << "x" << bmi.biHeight;
+        }
     }
     EXPECT_TRUE(system.Shutdown());
     EXPECT_TRUE(system.Shutdown()) << "a second shutdown is harmless";
@@ -105,7 +136,7 @@ TEST_F(HarnessTest, RegistryFileIsCreatedWithTheDriversValuesAndReloadedNextTime
     EXPECT_EQ(kvsim::RegGetDword(kData, "TrackingWindowSize"), 7u);
 }
 
-TEST_F(HarnessTest, UnreadableRegistryFileFailsTheBootAndIsNotOverwritten)
+TEST_F(HarnessTest, UnreadableRegistryFileOrUnusableDescriptorsFailTheBoot)
 {
     const std::string reg = Path("bad.reg");
     const std::string text = "Windows Registry Editor Version 5.00\r\n\r\n[HKEY_LOCAL_MACHINE\\X]\r\n\"v\"=dword:zz\r\n";
@@ -119,7 +150,13 @@ TEST_F(HarnessTest, UnreadableRegistryFileFailsTheBootAndIsNotOverwritten)
     system.Shutdown();
     std::ifstream in(reg, std::ios::binary);
     std::string after((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-    EXPECT_EQ(after, text);
+    EXPECT_EQ(after, text) << "not overwritten";
+
+    kvharness::SystemOptions unusable;
+    unusable.camera = kvsim::camera::DescriptorSet{{1, 2, 3}, {4, 5}};
+    kvharness::System noCamera(unusable);
+    EXPECT_FALSE(noCamera.Boot());
+    EXPECT_FALSE(noCamera.errors().empty());
 }
 
 TEST_F(HarnessTest, CameraFilesAreFoundAndAConfigurationAloneGetsAPlainDeviceDescriptor)
@@ -171,51 +208,6 @@ TEST_F(HarnessTest, SystemRootIsMappedWhileTheSystemRuns)
         EXPECT_EQ(kvsim::HostPathOf("\\SystemRoot\\1_640_480.BMP"), Path("1_640_480.bmp"));
     }
     EXPECT_EQ(kvsim::HostPathOf("\\SystemRoot\\1_640_480.bmp"), std::nullopt) << "unmapped at shutdown";
-}
-
-TEST_F(HarnessTest, UnusableCameraDescriptorsFailTheBoot)
-{
-    kvharness::SystemOptions options;
-    options.camera = kvsim::camera::DescriptorSet{{1, 2, 3}, {4, 5}};
-    kvharness::System system(options);
-    EXPECT_FALSE(system.Boot());
-    EXPECT_FALSE(system.errors().empty());
-}
-
-TEST_F(HarnessTest, DefaultCameraStartsAndItsFilterShowsItsFramesAndStillSizes)
-{
-    kvharness::System system({});
-    ASSERT_TRUE(system.Boot());
-    ASSERT_EQ(system.startStatus(), STATUS_SUCCESS) << system.startMessage().value_or("(no message)");
-    EXPECT_EQ(system.startMessage(), std::nullopt);
-    // Found by KSCATEGORY_VIDEO and KSCATEGORY_CAPTURE, as an application does.
-    ASSERT_EQ(system.OpenFilter(), STATUS_SUCCESS);
-    ASSERT_NE(system.filter(), nullptr);
-    std::vector<kvharness::PinView> pins;
-    ASSERT_EQ(kvharness::ReadPins(*system.filter(), &pins), STATUS_SUCCESS);
-    ASSERT_EQ(pins.size(), 3u);
-    EXPECT_EQ(kvharness::GuidName(pins[0].category), "PINNAME_VIDEO_CAPTURE");
-    EXPECT_EQ(kvharness::GuidName(pins[2].category), "PINNAME_VIDEO_STILL");
-
-    kvcam::FormatsReport report = kvcam::CollectFormats(system);
-    ASSERT_TRUE(report.started) << kvharness::FormatStatus(report.startStatus);
-    ASSERT_EQ(report.error, "");
-    ASSERT_FALSE(report.capture.empty());
-    ASSERT_FALSE(report.still.empty());
-    std::set<std::pair<LONG, LONG>> frames, stills;  // width, height
-    for (const auto& vs : system.camera()->Model().streaming) {
-        for (const auto& f : vs.formats) {
-            for (const auto& fr : f.frames) frames.emplace(fr.width, fr.height);
-            for (const auto& s : f.stills) stills.emplace(s.width, s.height);
-        }
-    }
-    for (bool still : {false, true}) {
-        for (const KS_DATARANGE_VIDEO& r : still ? report.still : report.capture) {
-            const auto& bmi = r.VideoInfoHeader.bmiHeader;
-            EXPECT_TRUE((still ? stills : frames).contains({bmi.biWidth, std::abs(bmi.biHeight)}))
-                << bmi.biWidth << "x" << bmi.biHeight;
-        }
-    }
 }
 
 }  // namespace

@@ -1,9 +1,9 @@
 // The kvcam binary of this build tree, run as a user runs it: exit codes
-// (0 ok, 1 start failed / bad input, 2 usage), `formats --json` on the
-// built-in camera and on every shared real camera (also with its
-// configuration descriptor alone), `info`, and --registry reaching the
-// simulated registry.
-#include <gtest/gtest.h>
+// (0 ok, 1 start failed / bad input, 2 usage), the help naming every
+// command, `formats --json` on the built-in camera and on every shared real
+// camera (also with its configuration descriptor alone), `info`, and
+// --registry reaching the simulated registry.
+#include <gmock/gmock.h>
 #include <sys/wait.h>
 
 #include <cstdlib>
@@ -23,31 +23,6 @@ namespace fs = std::filesystem;
 using kvcam::Json;
 
 std::string CamerasDir() { return kvharness::SharedCamerasDir(KV_SHARED_DIR); }
-
-// The shared cameras' names, each with whether it has a still image frame
-// descriptor (without one the driver's start fails in ExtractStillInfo).
-std::vector<std::pair<std::string, bool>> SharedCameras()
-{
-    std::vector<std::pair<std::string, bool>> cameras;
-    const std::string suffix = ".cfg_desc.bin";
-    for (const fs::directory_entry& e : fs::directory_iterator(CamerasDir())) {
-        std::string file = e.path().filename().string();
-        if (!file.ends_with(suffix)) continue;
-        std::string error;
-        auto set = kvharness::LoadCameraFiles(e.path().string(), "", &error);
-        if (!set) {
-            ADD_FAILURE() << error;
-            continue;
-        }
-        auto parsed = kvsim::camera::ParseCameraModel(set->device, set->configuration);
-        bool hasStill = false;
-        for (const auto& vs : parsed.model.streaming)
-            for (const auto& f : vs.formats) hasStill = hasStill || !f.stills.empty();
-        cameras.emplace_back(file.substr(0, file.size() - suffix.size()), hasStill);
-    }
-    std::sort(cameras.begin(), cameras.end());
-    return cameras;
-}
 
 std::vector<std::string> Keys(const Json& object)
 {
@@ -171,6 +146,8 @@ TEST_F(KvcamCli, ExitCodes)
             EXPECT_EQ(run.out, "") << "errors go to stderr only";
         }
     }
+    EXPECT_THAT(RunKvcam({"--help"}).out, testing::ContainsRegex("usage: kvcam.*  driver .*  formats .*  info "))
+        << "the help names every command";
 }
 
 TEST_F(KvcamCli, FormatsJsonOnTheDefaultCameraListsCaptureAndStillRangesAndKeepsTheRegistry)
@@ -188,16 +165,25 @@ TEST_F(KvcamCli, FormatsJsonOnTheDefaultCameraListsCaptureAndStillRangesAndKeeps
 
 // Every shared camera by its NAME, by its file, and by its configuration
 // descriptor alone (copied to a folder without the device descriptor): the
-// same JSON each time, a start without a still image descriptor failing in
-// ExtractStillInfo.
+// same JSON each time, a start without a still image frame descriptor
+// failing in ExtractStillInfo.
 TEST_F(KvcamCli, FormatsJsonOnEverySharedCamera)
 {
-    std::vector<std::pair<std::string, bool>> cameras = SharedCameras();
-    ASSERT_GE(cameras.size(), 3u);
-    for (const auto& [name, hasStill] : cameras) {
+    size_t cameras = 0;
+    for (const fs::directory_entry& e : fs::directory_iterator(CamerasDir())) {
+        const std::string config = e.path().string(), suffix = ".cfg_desc.bin";
+        std::string name = e.path().filename().string();
+        if (!name.ends_with(suffix)) continue;
+        name.resize(name.size() - suffix.size());
         SCOPED_TRACE(name);
-        const std::string config = CamerasDir() + "/" + name + ".cfg_desc.bin";
-        const fs::path alone = dir_ / (name + ".cfg_desc.bin");
+        ++cameras;
+        std::string error;
+        auto set = kvharness::LoadCameraFiles(config, "", &error);
+        ASSERT_TRUE(set.has_value()) << error;
+        bool hasStill = false;
+        for (const auto& vs : kvsim::camera::ParseCameraModel(set->device, set->configuration).model.streaming)
+            for (const auto& f : vs.formats) hasStill = hasStill || !f.stills.empty();
+        const fs::path alone = dir_ / (name + suffix);
         fs::copy_file(config, alone);
         KvcamRun byName = RunKvcam({"formats", "--json", "--camera", name});
         KvcamRun byFile = RunKvcam({"formats", "--json", "--camera", config});
@@ -216,6 +202,7 @@ TEST_F(KvcamCli, FormatsJsonOnEverySharedCamera)
                                   "ExtractStillInfo return error (Status 0xC000000D )\"\n}\n");
         }
     }
+    EXPECT_GE(cameras, 3u);
 }
 
 TEST_F(KvcamCli, InfoDescribesTheCameraItsStartPinsTopologyAndLog)
