@@ -21,10 +21,9 @@ namespace {
 NTSTATUS EmptyEntry(PDRIVER_OBJECT, PUNICODE_STRING path) {
     return path != nullptr && path->Length > 0 ? STATUS_SUCCESS : STATUS_UNSUCCESSFUL;
 }
-NTSTATUS FailingEntry(PDRIVER_OBJECT, PUNICODE_STRING) { return STATUS_DEVICE_CONFIGURATION_ERROR; }
 }  // namespace
 
-TEST(IoDevice, LoadDriverNamesItAndUnsetSlotsRejectRequests) {
+TEST(IoDevice, LoadDriverNamesItUnsetSlotsRejectRequestsAndAFailingEntryGivesNone) {
     PDRIVER_OBJECT driver = kvsim::LoadDriver(u"kvdrv", u"\\Registry\\Machine\\System\\CurrentControlSet\\Services\\kvdrv",
                                               EmptyEntry);
     ASSERT_NE(driver, nullptr);
@@ -44,11 +43,10 @@ TEST(IoDevice, LoadDriverNamesItAndUnsetSlotsRejectRequests) {
     EXPECT_EQ(driver->DeviceObject, nullptr);
     kvsim::UnloadDriver(driver);
     EXPECT_TRUE(kvsim::TakeViolations().empty());
-}
-
-TEST(IoDevice, FailingDriverEntryGivesNoDriver) {
+    // A failing DriverEntry gives no driver.
     NTSTATUS status = STATUS_SUCCESS;
-    EXPECT_EQ(kvsim::LoadDriver(u"bad", u"\\Registry\\bad", FailingEntry, &status), nullptr);
+    auto failing = [](PDRIVER_OBJECT, PUNICODE_STRING) -> NTSTATUS { return STATUS_DEVICE_CONFIGURATION_ERROR; };
+    EXPECT_EQ(kvsim::LoadDriver(u"bad", u"\\Registry\\bad", failing, &status), nullptr);
     EXPECT_EQ(status, STATUS_DEVICE_CONFIGURATION_ERROR);
 }
 

@@ -112,7 +112,6 @@ TEST_F(Registry, KeyLeftOpenIsReportedOnce) {
     ZwClose(h);
 }
 
-
 const std::string kData = "\\Registry\\Machine\\SYSTEM\\CurrentControlSet\\Services\\USBKV\\Data";
 const std::string kLast = "\\Registry\\Machine\\SYSTEM\\CurrentControlSet\\Services\\USBKV\\Property\\Last";
 
@@ -138,7 +137,7 @@ protected:
     void TearDown() override { kvsim::RegReset(); }
 };
 
-TEST_F(RegFile, ValuesRoundTripWithTypesAndNameCase) {
+TEST_F(RegFile, ValuesRoundTripThroughAHostFileWithTypesAndNameCase) {
     std::vector<uint8_t> big(100);
     for (size_t i = 0; i < big.size(); ++i) big[i] = static_cast<uint8_t>(i * 7);
     kvsim::RegSetDword(kData, "TrackingWindowSize", 4);
@@ -161,11 +160,13 @@ TEST_F(RegFile, ValuesRoundTripWithTypesAndNameCase) {
         names = kvsim::RegListValues(key);
         for (auto& n : names) before.emplace_back(key + "|" + n, *kvsim::RegGetValue(key, n));
     }
-    std::string file = kvsim::RegExportText();
+    const std::string path = testing::TempDir() + "/kv_regfile_test.reg";  // through a host file
+    ASSERT_TRUE(kvsim::RegSaveFile(path));
     kvsim::RegReset();
     ASSERT_FALSE(kvsim::RegKeyExists(kData));
-    auto result = kvsim::RegLoadText(file);
+    auto result = kvsim::RegLoadFile(path);
     ASSERT_TRUE(result.ok()) << result.errors[0];
+    std::remove(path.c_str());
 
     for (auto& [key, names] : keys) EXPECT_EQ(kvsim::RegListValues(key), names) << key;  // names with their case
     for (auto& [where, value] : before) {
@@ -176,6 +177,7 @@ TEST_F(RegFile, ValuesRoundTripWithTypesAndNameCase) {
         EXPECT_EQ(after->data, value.data) << where;
     }
     EXPECT_TRUE(kvsim::RegKeyExists("HKEY_LOCAL_MACHINE\\SYSTEM\\CurrentControlSet\\Services\\USBKV\\Property\\Empty"));
+    EXPECT_FALSE(kvsim::RegLoadFile(path).ok()) << "a missing file";
 }
 
 TEST_F(RegFile, ExportLooksLikeRegedit) {
@@ -292,18 +294,6 @@ TEST_F(RegFile, RandomMutationsNeverCrashTheLoader) {
         if (!result.ok()) ++rejected;
     }
     EXPECT_GT(rejected, 0u);  // the mutations did reach the error paths
-}
-
-TEST_F(RegFile, SaveAndLoadThroughAHostFile) {
-    kvsim::RegSetDword(kData, "Key1Function", 3);
-    std::string path = testing::TempDir() + "/kv_regfile_test.reg";
-    ASSERT_TRUE(kvsim::RegSaveFile(path));
-    kvsim::RegReset();
-    auto result = kvsim::RegLoadFile(path);
-    ASSERT_TRUE(result.ok()) << result.errors[0];
-    EXPECT_EQ(kvsim::RegGetDword(kData, "Key1Function"), 3u);
-    std::remove(path.c_str());
-    EXPECT_FALSE(kvsim::RegLoadFile(path).ok());
 }
 
 }  // namespace

@@ -1,8 +1,11 @@
 // The simulated ks.sys's property and event dispatch (sim/ks/automation*.cpp)
 // on the test minidriver's filter, through IOCTL_KS_PROPERTY,
 // IOCTL_KS_ENABLE_EVENT and IOCTL_KS_DISABLE_EVENT as a client sends them:
-// the minidriver's automation table, and the built-in KSPROPSETID_Pin /
-// Topology / General sets answered from the filter descriptor.
+// the minidriver's automation table (a property read "as a 32-bit caller"
+// reaching its handler with IoIs32bitProcess(Irp) TRUE), and the built-in
+// KSPROPSETID_Pin / Topology / General sets answered from the filter
+// descriptor.
+// https://learn.microsoft.com/windows-hardware/drivers/ddi/wdm/nf-wdm-iois32bitprocess
 #include <algorithm>
 #include <cstring>
 #include <vector>
@@ -95,6 +98,14 @@ TEST_F(Automation, GetAndSetReachTheHandlersWithTheCallersData) {
     EXPECT_EQ(r.status, STATUS_SUCCESS);
     EXPECT_EQ(r.information, sizeof(LONG));
     EXPECT_EQ(value, -42);
+    EXPECT_FALSE(Recorder().valueReadFrom32bit);
+    // A WOW64 application's read reaches the handler with IoIs32bitProcess TRUE.
+    value = 0;
+    r = filter_->Property(kTestPropertySet, kTestPropertyValue, KSPROPERTY_TYPE_GET, &value, sizeof value, nullptr, 0,
+                          /*as32bit=*/true);
+    EXPECT_EQ(r.status, STATUS_SUCCESS);
+    EXPECT_EQ(value, -42);
+    EXPECT_TRUE(Recorder().valueReadFrom32bit);
     // A read-only item's get, and an item whose request is a KSP_NODE.
     p.Id = kTestPropertyReadOnly;
     EXPECT_EQ(Get(&p, sizeof p, &value, sizeof value).status, STATUS_SUCCESS);
@@ -102,7 +113,7 @@ TEST_F(Automation, GetAndSetReachTheHandlersWithTheCallersData) {
     KSP_NODE node{};
     node.Property = Prop(kTestPropertySet, kTestPropertyNodeLike, KSPROPERTY_TYPE_GET);
     EXPECT_EQ(Get(&node, sizeof node, &value, sizeof value).status, STATUS_SUCCESS);
-    EXPECT_EQ(Recorder().propertyCalls, 4u);
+    EXPECT_EQ(Recorder().propertyCalls, 5u);
     // Set support of the minidriver's set and of a built-in one.
     p = Prop(kTestPropertySet, 0, KSPROPERTY_TYPE_SETSUPPORT);
     EXPECT_EQ(Get(&p, sizeof p, nullptr, 0).status, STATUS_SUCCESS);
