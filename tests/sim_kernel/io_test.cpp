@@ -214,23 +214,27 @@ protected:
 
 }  // namespace
 
-TEST_F(IoStack, CompletionRoutinesRunBottomUpWithTheirDeviceAndContext) {
+// The middle filter's routine sits in the PDO's location and gets the
+// middle device; the top's gets the top; the owner's gets NULL. The middle
+// one, invoked on errors only, is skipped on success.
+TEST_F(IoStack, CompletionRoutinesRunBottomUpWithTheirDeviceAndContextWhenTheirFlagsSaySo) {
     Configure(top_, 1, true, true);
-    Configure(middle_, 2, true, true);
-    PIRP irp = IoAllocateIrp(top_->StackSize, FALSE);
-    EXPECT_EQ(Send(irp), STATUS_PENDING);
-    EXPECT_EQ(IoGetCurrentIrpStackLocation(pending_)->DeviceObject, pdo_);
-    CompletePending(STATUS_SUCCESS);
-    ASSERT_EQ(g_calls.size(), 3u);
-    // The middle filter's routine sits in the PDO's location and gets the
-    // middle device; the top's gets the top; the owner's gets NULL.
-    EXPECT_EQ(g_calls[0].who, 2);
-    EXPECT_EQ(g_calls[0].device, middle_);
-    EXPECT_EQ(g_calls[1].who, 1);
-    EXPECT_EQ(g_calls[1].device, top_);
-    EXPECT_EQ(g_calls[2].who, 0);
-    EXPECT_EQ(g_calls[2].device, nullptr);
-    IoFreeIrp(irp);
+    Configure(middle_, 2, false, true);
+    for (NTSTATUS status : {STATUS_SUCCESS, STATUS_UNSUCCESSFUL}) {
+        g_calls.clear();
+        PIRP irp = IoAllocateIrp(top_->StackSize, FALSE);
+        EXPECT_EQ(Send(irp), STATUS_PENDING);
+        EXPECT_EQ(IoGetCurrentIrpStackLocation(pending_)->DeviceObject, pdo_);
+        CompletePending(status);
+        std::vector<std::pair<int, PDEVICE_OBJECT>> expected = {{1, top_}, {0, nullptr}};
+        if (status != STATUS_SUCCESS) expected.insert(expected.begin(), {2, middle_});
+        ASSERT_EQ(g_calls.size(), expected.size()) << status;
+        for (size_t i = 0; i < expected.size(); ++i) {
+            EXPECT_EQ(g_calls[i].who, expected[i].first) << i;
+            EXPECT_EQ(g_calls[i].device, expected[i].second) << i;
+        }
+        IoFreeIrp(irp);
+    }
 }
 
 TEST_F(IoStack, PendingReturnedPropagatesUpTheStackAndIsFalseForSynchronousCompletion) {
@@ -250,26 +254,6 @@ TEST_F(IoStack, PendingReturnedPropagatesUpTheStackAndIsFalseForSynchronousCompl
     ASSERT_EQ(g_calls.size(), 2u);
     EXPECT_FALSE(g_calls[0].pendingReturned);
     EXPECT_FALSE(g_calls[1].pendingReturned);
-    IoFreeIrp(irp);
-}
-
-TEST_F(IoStack, InvokeOnErrorOnlyRoutineIsSkippedOnSuccess) {
-    Configure(top_, 1, true, true);
-    Configure(middle_, 2, false, true);  // error only
-    PIRP irp = IoAllocateIrp(top_->StackSize, FALSE);
-    Send(irp);
-    CompletePending(STATUS_SUCCESS);
-    ASSERT_EQ(g_calls.size(), 2u);
-    EXPECT_EQ(g_calls[0].who, 1);
-    EXPECT_EQ(g_calls[1].who, 0);
-    IoFreeIrp(irp);
-    // ... and called on an error.
-    g_calls.clear();
-    irp = IoAllocateIrp(top_->StackSize, FALSE);
-    Send(irp);
-    CompletePending(STATUS_UNSUCCESSFUL);
-    ASSERT_EQ(g_calls.size(), 3u);
-    EXPECT_EQ(g_calls[0].who, 2);
     IoFreeIrp(irp);
 }
 

@@ -1,5 +1,6 @@
 // Every camera of ../shared/cameras on the bus: it loads, its descriptors
-// read back byte for byte, the configuration built with the usbd library
+// read back byte for byte (a longer request gets them whole, a second
+// configuration a stall), the configuration built with the usbd library
 // (USBD_ParseConfigurationDescriptorEx, USBD_CreateConfigurationRequestEx)
 // selects with an interface record per interface, and every streaming
 // alternate setting selects with the pipe the real stack reports
@@ -32,8 +33,12 @@ TEST(UsbBusCameras, EveryCameraLoadsReadsBackAndSelects) {
         std::vector<uint8_t> device;
         ASSERT_EQ(GetDescriptor(p.pdo, USB_DEVICE_DESCRIPTOR_TYPE, 0, 18, &device), STATUS_SUCCESS);
         EXPECT_EQ(device, p.camera->Descriptors().device);
-        std::vector<uint8_t> config = ReadConfiguration(p.pdo);
+        std::vector<uint8_t> config = ReadConfiguration(p.pdo), longer;
         EXPECT_EQ(config, p.camera->Descriptors().configuration);
+        // A longer request gets a short answer; there is no second configuration.
+        ASSERT_EQ(GetDescriptor(p.pdo, USB_CONFIGURATION_DESCRIPTOR_TYPE, 0, 0xFFFF, &longer), STATUS_SUCCESS);
+        EXPECT_EQ(longer, config);
+        EXPECT_FALSE(NT_SUCCESS(GetDescriptor(p.pdo, USB_CONFIGURATION_DESCRIPTOR_TYPE, 1, 9, nullptr)));
         if (name != "default") {
             auto files = LoadDescriptorFiles(std::string(KV_SHARED_DIR) + "/cameras", name);
             ASSERT_TRUE(files);
