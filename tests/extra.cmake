@@ -9,9 +9,9 @@
 if(TARGET pe_reader_test)
   target_link_libraries(pe_reader_test PRIVATE kvcam_pe)
 endif()
-# The system harness and kvcam's reports; the command-line test runs the
-# kvcam binary of this build tree.
-foreach(t harness_test kvcam_report_test kvcam_cli_test)
+# The system harness and kvcam's reports; the kvcam test also runs the kvcam
+# binary of this build tree.
+foreach(t harness_test kvcam_cli_test)
   if(TARGET ${t})
     target_link_libraries(${t} PRIVATE kvcam_report)
   endif()

@@ -1,7 +1,7 @@
 // The virtual camera's descriptors: the built-in default parses back into
 // the table that built it, the real cameras load with the right model, and
 // malformed blobs never crash the parser or the camera. (GET_DESCRIPTOR:
-// usbd_cameras_test, over the bus.)
+// usb_bus_requests_test, over the bus.)
 #include <gtest/gtest.h>
 
 #include <cstring>

@@ -162,8 +162,6 @@ TEST(ProbeCommit, FullSpeedPayloadsFitOneFullSpeedPacket) {
         }
 }
 
-using namespace camtest;
-
 namespace {
 
 int64_t Le(const std::vector<uint8_t>& b, bool isSigned) {
@@ -294,7 +292,7 @@ TEST(CameraControls, OutOfRangeAndOffGridValuesStallAndSetTheErrorCode) {
     EXPECT_FALSE(VcGet(*cam, uvc::kGetMin, 1, uvc::kCtAeMode, 1, nullptr).ok());
     // The register window of extension unit 4 (selector 3) refuses a command
     // it does not know, and selector 1 is not announced. (Its reads and
-    // writes: driver_3_2_requests_test's ExtensionRegister tests.)
+    // writes: the driver's control_requests_test, its extension option.)
     cam->SetRegister(0x17, 0x05);
     EXPECT_FALSE(VcSet(*cam, 4, 3, {0x42, 0x17}).ok());
     EXPECT_FALSE(VcSet(*cam, 4, 1, {0, 0}).ok());

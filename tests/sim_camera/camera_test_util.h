@@ -67,11 +67,7 @@ inline ControlResult VcSet(UvcCamera& c, uint8_t entity, uint8_t selector, std::
 // A probe/commit block asking for `format`, `frame` and `interval` (0: the
 // frame's default).
 inline ProbeControl Pc(uint8_t format, uint8_t frame, uint32_t interval = 0) {
-    ProbeControl p;
-    p.formatIndex = format;
-    p.frameIndex = frame;
-    p.frameInterval = interval;
-    return p;
+    return ProbeControl{.formatIndex = format, .frameIndex = frame, .frameInterval = interval};
 }
 
 inline ControlResult Probe(UvcCamera& c, uint8_t iface, bool commit, const ProbeControl& p) {

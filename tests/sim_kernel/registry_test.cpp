@@ -201,7 +201,7 @@ TEST_F(RegFile, ExportLooksLikeRegedit) {
     }
 }
 
-TEST_F(RegFile, RegeditUtf16FileLoads) {
+TEST_F(RegFile, RegeditUtf16AndPlainUtf8FilesLoad) {
     std::u16string text =
         u"Windows Registry Editor Version 5.00\r\n"
         u"\r\n"
@@ -233,10 +233,8 @@ TEST_F(RegFile, RegeditUtf16FileLoads) {
     EXPECT_EQ(qword->type, static_cast<uint32_t>(REG_QWORD));
     EXPECT_FALSE(kvsim::RegGetValue(kData, "Gone").has_value());
     EXPECT_FALSE(kvsim::RegKeyExists("HKEY_LOCAL_MACHINE\\SYSTEM\\CurrentControlSet\\Services\\USBKV\\Junk"));
-}
-
-TEST_F(RegFile, Utf8FileWithoutBomLoads) {
-    auto result = kvsim::RegLoadText(
+    // UTF-8 without a byte-order mark and with bare line feeds loads too.
+    result = kvsim::RegLoadText(
         "Windows Registry Editor Version 5.00\n\n[HKEY_LOCAL_MACHINE\\SYSTEM\\CurrentControlSet\\Services\\USBKV\\Data]\n"
         "\"BW\"=dword:00000001\n");
     ASSERT_TRUE(result.ok()) << result.errors[0];

@@ -210,8 +210,8 @@ TEST_F(Automation, DataRangesAreAListOfEightByteAlignedRanges) {
 }
 
 // What ks.sys answers for what the descriptor leaves out. (Category, data
-// flow, communication and instances straight from the descriptor:
-// driver_1_4_filter_test on kvdrv's pins.)
+// flow, communication and instances straight from the descriptor: the
+// driver's filter_test on kvdrv's pins.)
 TEST_F(Automation, PinNameAndInterfacesDefaultWhenTheDescriptorHasNone) {
     KSP_PIN p = PinProp(KSPROPERTY_PIN_NAME, kCapturePinId);  // no Name: the category's name
     IoResult r = Get(&p, sizeof p, nullptr, 0);
@@ -279,8 +279,7 @@ TEST_F(Automation, DataIntersectionSizeQueryThenFillThroughTheIntersectHandlerOr
 }
 
 // ---- built-in Topology and General ---------------------------------------------------------
-// (The categories in descriptor order: driver_1_4_filter_test on kvdrv's
-// filter.)
+// (The categories in descriptor order: the driver's filter_test.)
 TEST_F(Automation, TopologyDefaultConnectionsGoFromInputsToOutputs) {
     KSPROPERTY p = Prop(KSPROPSETID_Topology, KSPROPERTY_TOPOLOGY_CONNECTIONS, KSPROPERTY_TYPE_GET);
     UCHAR connections[sizeof(KSMULTIPLE_ITEM) + sizeof(KSTOPOLOGY_CONNECTION)] = {};

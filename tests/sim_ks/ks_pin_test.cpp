@@ -15,13 +15,20 @@ size_t CountCalls(const char* name) {
     return n;
 }
 
+// Both ranges match by GUIDs: each is offered to SetDataFormat in turn, which
+// refuses a frame size its range lacks.
 TEST_F(KsTest, ConnectionMatchingASecondRangeReachesSetDataFormatWithThatRange) {
     AddAndStart();
     OpenFilter();
-    ASSERT_EQ(ConnectCapture(1), STATUS_SUCCESS);
-    // Both ranges match by GUIDs; the first is offered first and refused by
-    // the minidriver (frame size), the second accepted.
+    KS_DATAFORMAT_VIDEOINFOHEADER format = MakeTestFormat(0);
+    format.VideoInfoHeader.bmiHeader.biWidth = 800;  // no range has 800x600
+    format.VideoInfoHeader.bmiHeader.biHeight = 600;
+    EXPECT_EQ(filter_->CreatePin(kCapturePinId, &format.DataFormat, &pin_), STATUS_NO_MATCH);
     EXPECT_EQ(CountCalls("SetDataFormat"), 2u);
+    EXPECT_EQ(CountCalls("PinCreate"), 0u);
+    // The first range is refused (frame size), the second accepted.
+    ASSERT_EQ(ConnectCapture(1), STATUS_SUCCESS);
+    EXPECT_EQ(CountCalls("SetDataFormat"), 4u);
     EXPECT_EQ(Recorder().lastMatchedRange, &TestRange(1).DataRange);
     PKSPIN pin = Recorder().capturePin;
     ASSERT_NE(pin, nullptr);
@@ -70,17 +77,6 @@ TEST_F(KsTest, ConnectionsWithAnotherFormatPinOrInterfaceAreRefusedBeforeTheMini
     EXPECT_EQ(pin_, nullptr);
 }
 
-TEST_F(KsTest, ConnectionWithASizeNoRangeHasIsRefusedBySetDataFormat) {
-    AddAndStart();
-    OpenFilter();
-    KS_DATAFORMAT_VIDEOINFOHEADER format = MakeTestFormat(0);
-    format.VideoInfoHeader.bmiHeader.biWidth = 800;
-    format.VideoInfoHeader.bmiHeader.biHeight = 600;
-    EXPECT_EQ(filter_->CreatePin(kCapturePinId, &format.DataFormat, &pin_), STATUS_NO_MATCH);
-    EXPECT_EQ(CountCalls("SetDataFormat"), 2u);
-    EXPECT_EQ(CountCalls("PinCreate"), 0u);
-}
-
 TEST_F(KsTest, SecondCapturePinIsRefusedByTheInstanceCount) {
     OpenCapturePin();
     EXPECT_EQ(KsFilterGetChildPinCount(Recorder().filter, kCapturePinId), 1u);
@@ -95,7 +91,7 @@ TEST_F(KsTest, SecondCapturePinIsRefusedByTheInstanceCount) {
     second.reset();
 }
 
-TEST_F(KsTest, StateWalkStopRunStopCallsSetDeviceStateForEachStep) {
+TEST_F(KsTest, StateWalkStopRunStopAndCloseInRunCallSetDeviceStateForEachStep) {
     OpenCapturePin();
     ASSERT_EQ(pin_->SetState(KSSTATE_RUN), STATUS_SUCCESS);
     EXPECT_EQ(Recorder().capturePin->DeviceState, KSSTATE_RUN);
@@ -112,6 +108,12 @@ TEST_F(KsTest, StateWalkStopRunStopCallsSetDeviceStateForEachStep) {
     KSSTATE state = KSSTATE_RUN;
     ASSERT_EQ(pin_->GetState(&state), STATUS_SUCCESS);
     EXPECT_EQ(state, KSSTATE_STOP);
+    // Closing a running pin walks it down to STOP the same way.
+    ASSERT_EQ(pin_->SetState(KSSTATE_RUN), STATUS_SUCCESS);
+    pin_.reset();
+    ASSERT_EQ(steps.size(), 12u);
+    EXPECT_EQ(steps.back().to, KSSTATE_STOP);
+    EXPECT_EQ(Recorder().calls.back(), "PinClose");
 }
 
 TEST_F(KsTest, FailingStateStepLeavesThePinInTheLastStateReached) {
@@ -124,15 +126,6 @@ TEST_F(KsTest, FailingStateStepLeavesThePinInTheLastStateReached) {
     Recorder().failStateEnabled = false;
     ASSERT_EQ(pin_->SetState(KSSTATE_RUN), STATUS_SUCCESS);
     EXPECT_EQ(Recorder().capturePin->DeviceState, KSSTATE_RUN);
-}
-
-TEST_F(KsTest, ClosingARunningPinWalksItDownToStop) {
-    OpenCapturePin();
-    ASSERT_EQ(pin_->SetState(KSSTATE_RUN), STATUS_SUCCESS);
-    pin_.reset();
-    ASSERT_EQ(Recorder().stateSteps.size(), 6u);
-    EXPECT_EQ(Recorder().stateSteps.back().to, KSSTATE_STOP);
-    EXPECT_EQ(Recorder().calls.back(), "PinClose");
 }
 
 }  // namespace

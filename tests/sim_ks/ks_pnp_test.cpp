@@ -1,9 +1,10 @@
 // The ks.sys simulation's device side: the PnP manager's IRPs reach the
 // minidriver's KSDEVICE_DISPATCH in the documented order, power IRPs reach
 // QueryPower/SetPower and the pins' power callbacks, and a surprise removal
-// while a pin runs stops the pin and fails its queued buffers. (Filter
-// factories' device interfaces at start and stop: driver_1_4_filter_test and
-// driver_1_1_lifecycle_test on kvdrv.)
+// while a pin runs stops the pin and fails its queued buffers; a filter
+// opens by its reference string only, and its object bag is emptied (free
+// routines run) when it closes. (Filter factories' device interfaces at
+// start and stop: the driver's filter_test and lifecycle_test.)
 #include "sim_ks/ks_fixture.h"
 
 #include "kvsim/io.h"
@@ -32,13 +33,7 @@ TEST_F(KsTest, PnpStartStopRemoveCallsTheDispatchTableInOrder) {
     EXPECT_EQ(Recorder().calls, (Calls{"Add", "Start", "PostStart", "QueryStop", "Stop", "QueryRemove", "Remove"}));
 }
 
-TEST_F(KsTest, RemovingAStartedDeviceStopsItFirst) {
-    AddAndStart();
-    ASSERT_EQ(kvsim::pnp::RemoveDevice(pdo_), STATUS_SUCCESS);
-    EXPECT_EQ(Recorder().calls, (Calls{"Add", "Start", "PostStart", "QueryRemove", "Stop", "Remove"}));
-}
-
-TEST_F(KsTest, VetoedQueryStopOrRemoveIsCancelledAndTheDeviceKeepsRunning) {
+TEST_F(KsTest, VetoedQueryStopOrRemoveIsCancelledAndTheRunningDeviceIsStoppedBeforeItsRemove) {
     AddAndStart();
     Recorder().failQueryStop = true;
     EXPECT_EQ(kvsim::pnp::StopDevice(pdo_), STATUS_UNSUCCESSFUL);
@@ -49,7 +44,11 @@ TEST_F(KsTest, VetoedQueryStopOrRemoveIsCancelledAndTheDeviceKeepsRunning) {
     EXPECT_EQ(kvsim::pnp::RemoveDevice(pdo_), STATUS_UNSUCCESSFUL);
     EXPECT_TRUE(kvsim::pnp::HasFunctionDevice(pdo_));
     EXPECT_EQ(Recorder().calls.back(), "CancelRemove");
+    // Removing the started device stops it first.
     Recorder().failQueryRemove = false;
+    Recorder().calls.clear();
+    ASSERT_EQ(kvsim::pnp::RemoveDevice(pdo_), STATUS_SUCCESS);
+    EXPECT_EQ(Recorder().calls, (Calls{"QueryRemove", "Stop", "Remove"}));
 }
 
 TEST_F(KsTest, FailedStartLeavesTheDeviceNotStarted) {
@@ -130,6 +129,27 @@ TEST_F(KsTest, NoPoolIrpOrHandleIsLeftAfterCloseAndRemove) {
     EXPECT_EQ(kvsim::LiveIrpCount(), 0u);
     EXPECT_EQ(kvsim::ObOpenHandleCount(), handlesBefore);
     EXPECT_EQ(kvsim::PoolLiveBlockCount(), 0u) << (kvsim::PoolLeakReport().empty() ? "" : kvsim::PoolLeakReport()[0]);
+}
+
+TEST_F(KsTest, ObjectBagFreeRoutinesRunWhenTheFilterCloses) {
+    AddAndStart();
+    OpenFilter();
+    EXPECT_EQ(Recorder().bagItemsFreed, 0u);
+    filter_.reset();
+    EXPECT_EQ(Recorder().bagItemsFreed, 1u);
+    EXPECT_EQ(Recorder().calls.back(), "FilterClose");
+}
+
+TEST_F(KsTest, OpeningAnUnknownReferenceStringFails) {
+    AddAndStart();
+    auto where = kvsim::client::EnumerateFilters(KSCATEGORY_CAPTURE).at(0);
+    where.referenceString = u"NOSUCH";
+    std::unique_ptr<kvsim::client::Filter> filter;
+    EXPECT_EQ(kvsim::client::Filter::Open(where, &filter), STATUS_OBJECT_NAME_NOT_FOUND);
+    EXPECT_EQ(filter, nullptr);
+    // The reference string matches without regard to case.
+    where.referenceString = u"global";
+    EXPECT_EQ(kvsim::client::Filter::Open(where, &filter), STATUS_SUCCESS);
 }
 
 }  // namespace

@@ -1,6 +1,8 @@
-// The ks.sys simulation's reference clock: once the client assigned a
-// master clock (KSPROPERTY_STREAM_MASTERCLOCK), KsPinGetReferenceClockInterface
-// reads the simulated clock and frames carry a presentation time. Split from
+// The ks.sys simulation's reference clock: the master clock property
+// (KSPROPERTY_STREAM_MASTERCLOCK) takes a clock's handle, on pins only, and
+// the pin keeps the clock until it closes or gets a NULL handle; meanwhile
+// KsPinGetReferenceClockInterface reads the simulated clock and frames carry
+// a presentation time. Split from
 // ks_stream_test.cpp because it compares clock readings to the 100 ns, which
 // only the virtual clock gives: in Parallel mode (the tsan preset) the clock
 // is the host's and moves between two reads. So this executable forces
@@ -36,10 +38,21 @@ TEST_F(KsTest, ReferenceClockReadsTheSimulatedClockOnceTheClientAssignsOne) {
     PKSPIN pin = Recorder().capturePin;
     PIKSREFERENCECLOCK clock = nullptr;
     EXPECT_EQ(KsPinGetReferenceClockInterface(pin, &clock), STATUS_UNSUCCESSFUL);
-    kvsim::client::MasterClock master;
-    ASSERT_EQ(pin_->SetMasterClock(master.handle()), STATUS_SUCCESS);
-    // The pin holds the clock's file object, not the client's handle.
-    master.CloseHandle();
+    EXPECT_EQ(pin_->SetMasterClock(reinterpret_cast<HANDLE>(0x1234)), STATUS_INVALID_HANDLE);
+    kvsim::client::EventWaiter event;  // a handle to an object that is no file object
+    EXPECT_EQ(pin_->SetMasterClock(event.eventData().EventHandle.Event), STATUS_OBJECT_TYPE_MISMATCH);
+    HANDLE none = nullptr;
+    EXPECT_EQ(filter_->Set(KSPROPSETID_Stream, KSPROPERTY_STREAM_MASTERCLOCK, none), STATUS_PROPERTY_SET_NOT_FOUND);
+    size_t before = kvsim::ObLiveObjectCount();
+    {
+        kvsim::client::MasterClock master;
+        ASSERT_EQ(pin_->SetMasterClock(master.handle()), STATUS_SUCCESS);
+        HANDLE answered = reinterpret_cast<HANDLE>(0x77);  // the get answers a NULL handle
+        EXPECT_EQ(pin_->GetMasterClock(&answered), STATUS_SUCCESS);
+        EXPECT_EQ(answered, nullptr);
+    }
+    // The client's handle is closed; the pin's reference keeps the clock.
+    EXPECT_EQ(kvsim::ObLiveObjectCount(), before + 1);
     ASSERT_EQ(KsPinGetReferenceClockInterface(pin, &clock), STATUS_SUCCESS);
     kvsim::RunFor(5 * kvsim::kMillisecond);
     EXPECT_EQ(clock->GetTime(), kvsim::Now());
@@ -52,9 +65,16 @@ TEST_F(KsTest, ReferenceClockReadsTheSimulatedClockOnceTheClientAssignsOne) {
     ASSERT_EQ(frames.size(), 1u);
     EXPECT_TRUE(frames[0].header.OptionsFlags & KSSTREAM_HEADER_OPTIONSF_TIMEVALID);
     EXPECT_EQ(frames[0].header.PresentationTime.Time, queuedAt);
-    // A NULL handle takes the clock away again.
+    // A NULL handle takes the clock away again, and so does closing the pin.
     ASSERT_EQ(pin_->SetMasterClock(nullptr), STATUS_SUCCESS);
     EXPECT_EQ(KsPinGetReferenceClockInterface(pin, &clock), STATUS_UNSUCCESSFUL);
+    EXPECT_EQ(kvsim::ObLiveObjectCount(), before);
+    {
+        kvsim::client::MasterClock again;
+        ASSERT_EQ(pin_->SetMasterClock(again.handle()), STATUS_SUCCESS);
+    }
+    ASSERT_EQ(pin_->Close(), STATUS_SUCCESS);
+    EXPECT_EQ(kvsim::ObLiveObjectCount(), before);
 }
 
 }  // namespace

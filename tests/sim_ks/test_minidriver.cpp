@@ -185,10 +185,6 @@ const KSPIN_DISPATCH g_captureDispatch = {
     PinCreate, PinClose, PinProcess, nullptr, PinSetDataFormat, PinSetDeviceState, nullptr, nullptr, nullptr, nullptr,
 };
 
-DECLARE_SIMPLE_FRAMING_EX(g_captureFraming, STATIC_KSMEMORY_TYPE_KERNEL_NONPAGED,
-                          KSALLOCATOR_REQUIREMENTF_SYSTEM_MEMORY | KSALLOCATOR_REQUIREMENTF_PREFERENCES_ONLY, 2, 0,
-                          320 * 240 * 2, 640 * 480 * 2);
-
 // Not const: SetCapturePinFlags changes the capture pin's flags for a test.
 KSPIN_DESCRIPTOR_EX g_pins[kPinCount] = {
     {&g_captureDispatch,
@@ -198,7 +194,7 @@ KSPIN_DESCRIPTOR_EX g_pins[kPinCount] = {
      kDefaultCaptureFlags,
      1,
      0,
-     &g_captureFraming,
+     nullptr,
      IntersectHandler},
     {nullptr,
      nullptr,
@@ -365,12 +361,6 @@ NTSTATUS DeviceQueryRemove(PKSDEVICE, PIRP) {
 }
 void DeviceCancelRemove(PKSDEVICE, PIRP) { Record("CancelRemove"); }
 void DeviceRemove(PKSDEVICE, PIRP) { Record("Remove"); }
-NTSTATUS DeviceQueryCapabilities(PKSDEVICE, PIRP, PDEVICE_CAPABILITIES caps) {
-    Record("QueryCapabilities");
-    caps->Removable = 0;
-    caps->SurpriseRemovalOK = 1;
-    return STATUS_SUCCESS;
-}
 void DeviceSurpriseRemoval(PKSDEVICE, PIRP) { Record("SurpriseRemoval"); }
 NTSTATUS DeviceQueryPower(PKSDEVICE, PIRP, DEVICE_POWER_STATE, DEVICE_POWER_STATE, SYSTEM_POWER_STATE systemTo,
                           SYSTEM_POWER_STATE, POWER_ACTION action) {
@@ -387,7 +377,7 @@ void DeviceSetPower(PKSDEVICE, PIRP, DEVICE_POWER_STATE to, DEVICE_POWER_STATE f
 
 const KSDEVICE_DISPATCH g_deviceDispatch = {
     DeviceAdd,          DeviceStart,       DevicePostStart,         DeviceQueryStop,       DeviceCancelStop,
-    DeviceStop,         DeviceQueryRemove, DeviceCancelRemove,      DeviceRemove,          DeviceQueryCapabilities,
+    DeviceStop,         DeviceQueryRemove, DeviceCancelRemove,      DeviceRemove,          nullptr,
     DeviceSurpriseRemoval, DeviceQueryPower, DeviceSetPower,        nullptr,
 };
 

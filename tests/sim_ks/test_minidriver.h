@@ -71,7 +71,7 @@ struct StateStep {
 struct TestRecorder {
     // Every dispatch call in order: "Add", "Start", "PostStart", "QueryStop",
     // "CancelStop", "Stop", "QueryRemove", "CancelRemove", "Remove",
-    // "QueryCapabilities", "SurpriseRemoval", "QueryPower", "SetPower",
+    // "SurpriseRemoval", "QueryPower", "SetPower",
     // "FilterCreate", "FilterClose", "PinCreate", "PinClose",
     // "SetDataFormat", "SetDeviceState", "Process", "PinSleep", "PinWake",
     // "Intersect".

@@ -4,7 +4,8 @@
 // a configuration descriptor alone gets a plain device descriptor; the
 // driver loads and starts on the built-in camera; unusable descriptors fail
 // the boot; the capture filter is found by category and read like a client
-// does. (The shared real cameras' starts: kvcam_cli_test.)
+// does; \SystemRoot is mapped while the system runs. (The shared real
+// cameras' starts: kvcam_cli_test.)
 #include <gtest/gtest.h>
 
 #include <filesystem>
@@ -48,10 +49,14 @@ protected:
     fs::path dir_;
 };
 
-TEST_F(HarnessTest, BootLoadsTheDriverInstallsItsKeysAndStartsTheDefaultCameraAtHighSpeed)
+TEST_F(HarnessTest, BootInstallsTheDriversKeysMapsSystemRootAndStartsTheDefaultCameraAtHighSpeed)
 {
-    kvharness::System system({});
+    std::ofstream(Path("Some.Txt")) << "x";
+    kvharness::SystemOptions options;
+    options.systemRoot = dir_.string();
+    kvharness::System system(options);
     ASSERT_TRUE(system.Boot());
+    EXPECT_EQ(kvsim::HostPathOf("\\SystemRoot\\SOME.txt"), Path("Some.Txt")) << "mapped while the system runs";
     ASSERT_NE(system.camera(), nullptr);
     EXPECT_TRUE(system.camera()->HighSpeed());
     EXPECT_EQ(system.camera()->Model().idProduct, 0x8034);
@@ -90,6 +95,7 @@ TEST_F(HarnessTest, BootLoadsTheDriverInstallsItsKeysAndStartsTheDefaultCameraAt
         }
     }
     EXPECT_TRUE(system.Shutdown());
+    EXPECT_EQ(kvsim::HostPathOf("\\SystemRoot\\Some.Txt"), std::nullopt) << "unmapped at shutdown";
     EXPECT_TRUE(system.Shutdown()) << "a second shutdown is harmless";
 }
 
@@ -185,19 +191,6 @@ TEST_F(HarnessTest, CameraFilesAreFoundAndAConfigurationAloneGetsAPlainDeviceDes
         EXPECT_EQ(kvharness::PlainDeviceDescriptor(configuration),
                   (std::vector<uint8_t>{18, 1, 0x00, 0x02, 0, 0, 0, 64, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1}));
     }
-}
-
-TEST_F(HarnessTest, SystemRootIsMappedWhileTheSystemRuns)
-{
-    std::ofstream(Path("1_640_480.bmp")) << "BM";
-    kvharness::SystemOptions options;
-    options.systemRoot = dir_.string();
-    {
-        kvharness::System system(options);
-        ASSERT_TRUE(system.Boot());
-        EXPECT_EQ(kvsim::HostPathOf("\\SystemRoot\\1_640_480.BMP"), Path("1_640_480.bmp"));
-    }
-    EXPECT_EQ(kvsim::HostPathOf("\\SystemRoot\\1_640_480.bmp"), std::nullopt) << "unmapped at shutdown";
 }
 
 }  // namespace
