@@ -43,7 +43,9 @@ TEST(CameraStreaming, ThirtyYuy2AndMjpegFramesArriveWithTheirFrameNumbers) {
         auto cam = UvcCamera::CreateDefault();
         auto c = StartStreaming(*cam, 1, format, 3, 333333);
         ASSERT_TRUE(c);
-        if (format == 1) EXPECT_EQ(c->maxVideoFrameSize, 320u * 240 * 2);
+        if (format == 1) {
+            EXPECT_EQ(c->maxVideoFrameSize, 320u * 240 * 2);
+        }
         const size_t capacity = format == 1 ? 3072 : c->maxPayloadTransferSize;
         Capture cap = Poll(*cam, 30, capacity);
         ASSERT_EQ(cap.frames.size(), 30u);
