@@ -1,7 +1,7 @@
-// What the driver tests share: the service key's paths, the debug log, and
-// DriverTestAccess, which reaches the kernel objects the driver keeps
-// private (IdlePower and SelfTimer name it their friend; nothing else of
-// theirs is reached this way).
+// What the driver tests share: the service key's paths, the debug log, a
+// call at DISPATCH_LEVEL, and DriverTestAccess, which reaches the kernel
+// objects the driver keeps private (IdlePower and SelfTimer name it their
+// friend; nothing else of theirs is reached this way).
 #pragma once
 #include <cstdio>
 #include <string>
@@ -32,18 +32,11 @@ namespace drvtest {
 inline const std::string kService = "\\Registry\\Machine\\SYSTEM\\CurrentControlSet\\Services\\USBKV";
 inline const std::string kData = kService + "\\Data";
 
-// A debug message that is exactly `text`, or one that contains it.
+// Whether a debug message is exactly `text`.
 inline bool DebugSaid(const std::string& text)
 {
     for (const auto& m : kvsim::DebugMessages()) {
         if (m == text) return true;
-    }
-    return false;
-}
-inline bool DebugHas(const std::string& text)
-{
-    for (const auto& m : kvsim::DebugMessages()) {
-        if (m.find(text) != std::string::npos) return true;
     }
     return false;
 }
@@ -63,6 +56,17 @@ inline std::string Hex(NTSTATUS status)
     char text[16];
     snprintf(text, sizeof(text), "0x%X", static_cast<unsigned>(status));
     return text;
+}
+
+// Runs `call` at DISPATCH_LEVEL and returns what it returns.
+template <class Call>
+auto AtDispatchLevel(Call call)
+{
+    KIRQL old;
+    KeRaiseIrql(DISPATCH_LEVEL, &old);
+    auto result = call();
+    KeLowerIrql(old);
+    return result;
 }
 
 }  // namespace drvtest
