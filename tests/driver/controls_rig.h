@@ -136,27 +136,7 @@ public:
     CCaptureDevice& Dev() { return *device_; }
     DeviceSettings& Settings() { return device_->m_Settings; }
 
-    // Calls into the device's control requests.
-    NTSTATUS SetDeviceProperty(USHORT id, LONG value)
-    {
-        return device_->m_Requests.SetDeviceProperty(id, value);
-    }
-    NTSTATUS GetDeviceProperty(USHORT id, UCHAR request, PLONG pValue)
-    {
-        return device_->m_Requests.GetDeviceProperty(id, request, pValue);
-    }
-    NTSTATUS SendClassRequest(USHORT wIndex, UCHAR request, USHORT wValue, PVOID pBuffer,
-                                                            PULONG pLength)
-    {
-        return device_->m_Requests.SendClassRequest(wIndex, request, wValue, pBuffer, pLength);
-    }
-    // One of its device values (m_CapturePinRunning, m_ControlReady,
-    // m_SpecialFrameReload), read or written.
-    ULONG& RequestsValue(ULONG ControlRequests::*member)
-    {
-        return device_->m_Requests.*member;
-    }
-
+    ControlRequests& Req() { return device_->m_Requests; }
     UvcCamera& Camera() { return *camera_; }
     LONG Slot(ULONG n) const { return device_->m_Settings.m_Property->Slot[n]; }
     void SetSlot(ULONG n, LONG v) { device_->m_Settings.m_Property->Slot[n] = v; }

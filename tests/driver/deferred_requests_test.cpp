@@ -38,7 +38,7 @@ TEST_F(DeferredRequests, ARequestIssuedAtDispatchLevelIsDeferredAndReachesTheCam
     static UCHAR data[2] = {0x05, 0x00};  // sharpness 5; lives until the work item has run
     static ULONG length = 2;
     EXPECT_EQ(AtDispatchLevel([&] {
-                  return rig.SendClassRequest(UVC_ENTITY_PROCESSING_UNIT, UVC_SET_CUR, 0x0800, data, &length);
+                  return rig.Req().SendClassRequest(UVC_ENTITY_PROCESSING_UNIT, UVC_SET_CUR, 0x0800, data, &length);
               }),
               STATUS_PENDING);
     EXPECT_EQ(rig.RequestCount(), 0u);              // nothing sent yet
@@ -61,7 +61,7 @@ TEST_F(DeferredRequests, ARequestIssuedAtDispatchLevelIsDeferredAndReachesTheCam
 // work item runs.
 [[gnu::noinline]] NTSTATUS SetSharpnessAtDispatchLevel(Rig& rig, LONG value)
 {
-    return AtDispatchLevel([&] { return rig.SetDeviceProperty(PROPID_SHARPNESS, value); });
+    return AtDispatchLevel([&] { return rig.Req().SetDeviceProperty(PROPID_SHARPNESS, value); });
 }
 
 // Writes over the stack below the caller, where the frame above lived.
@@ -90,7 +90,7 @@ TEST_F(DeferredRequests, DeferralFailsWithInsufficientResourcesWhenTheRecordCann
     ULONG length = 2;
     kvsim::PoolFailTag(kv::kTagRequest);
     NTSTATUS status = AtDispatchLevel(
-        [&] { return rig.SendClassRequest(UVC_ENTITY_PROCESSING_UNIT, UVC_SET_CUR, 0x0800, data, &length); });
+        [&] { return rig.Req().SendClassRequest(UVC_ENTITY_PROCESSING_UNIT, UVC_SET_CUR, 0x0800, data, &length); });
     kvsim::PoolResetFaultInjection();
     EXPECT_EQ(status, STATUS_INSUFFICIENT_RESOURCES);
     EXPECT_EQ(kvsim::GetSchedCounters().workItemsPending, 0u);
@@ -99,7 +99,7 @@ TEST_F(DeferredRequests, DeferralFailsWithInsufficientResourcesWhenTheRecordCann
 TEST_F(DeferredRequests, ARequestDeferredAtDispatchLevelLeavesTheResultUnwritten)
 {
     LONG value = 1234;
-    EXPECT_EQ(AtDispatchLevel([&] { return rig.GetDeviceProperty(PROPID_BRIGHTNESS, UVC_GET_MAX, &value); }),
+    EXPECT_EQ(AtDispatchLevel([&] { return rig.Req().GetDeviceProperty(PROPID_BRIGHTNESS, UVC_GET_MAX, &value); }),
               STATUS_PENDING);
     EXPECT_EQ(value, 1234);  // no camera answer yet, so nothing is made up
     ASSERT_TRUE(RunTheWorkItems());

@@ -12,8 +12,7 @@
 #include "kvsim/diag.h"
 
 struct DriverTestAccess {
-    // The idle timer (its due time and period) and the idle pass's work item.
-    static const KTIMER& IdleTimer(const IdlePower& idle) { return idle.m_IdleTimer; }
+    // The idle pass's work item.
     static PIO_WORKITEM IdleWorkItem(const IdlePower& idle) { return idle.m_pIdleWorkItem; }
 
     // Starts a countdown of `seconds` as the camera's button does: the DPC

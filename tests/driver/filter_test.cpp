@@ -40,8 +40,6 @@ protected:
     Rig rig_;
 };
 
-// ---- What a client sees ----------------------------------------------------------------
-
 TEST_F(Filter, TheFilterIsFoundUnderItsThreeCategoriesOnly)
 {
     EXPECT_EQ(kvsim::client::EnumerateFilters(KSCATEGORY_VIDEO).size(), 1u);
@@ -104,8 +102,6 @@ TEST_F(Filter, FourNodesAndConnectionsToBothOutputPins)
     }
     EXPECT_EQ(outputs, (std::set<ULONG>{KV_PIN_CAPTURE, KV_PIN_STILL}));
 }
-
-// ---- The filter object --------------------------------------------------------------------------
 
 TEST_F(Filter, EachOpenMakesAFilterObjectWithTheDevicesBackPointer)
 {

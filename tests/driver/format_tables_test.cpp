@@ -111,8 +111,6 @@ std::vector<uint8_t> TwoFormatCamera()
         .Finish();
 }
 
-// ---- The entries ---------------------------------------------------------------------------
-
 // Uncompressed frames come first as YUY2, motion-JPEG frames after them as
 // RGB24 (the driver decodes motion JPEG itself), each in descriptor order;
 // the sample size, bit rate and bitmap header follow from the size and the
@@ -252,25 +250,17 @@ TEST(FormatTables, WhichFramesMakeEntries)
     }
 }
 
-// No entry: STATUS_INVALID_PARAMETER from both walks. A null table argument
-// also trips the assertion that names it.
+// No entry, or no descriptor: STATUS_INVALID_PARAMETER from both walks.
 TEST(FormatTables, NoFrameOrNoDescriptorGivesInvalidParameter)
 {
     Tables t = Extract(Config().Interface(1, 0, 2).Format(0x04, 1, 0).Finish());
     EXPECT_EQ(t.vsStatus, STATUS_INVALID_PARAMETER);
     EXPECT_EQ(t.stillStatus, STATUS_INVALID_PARAMETER);
-
     FormatTables tables;
     USHORT n = 0;
     PKS_DATARANGE_VIDEO p = nullptr;
     EXPECT_EQ(tables.ExtractVSInfo(nullptr, &p, &n), STATUS_INVALID_PARAMETER);
     EXPECT_EQ(tables.ExtractStillInfo(nullptr, &p, &n), STATUS_INVALID_PARAMETER);
-    auto bytes = TwoFormatCamera();
-    EXPECT_EQ(tables.ExtractStillInfo(reinterpret_cast<PUSB_CONFIGURATION_DESCRIPTOR>(bytes.data()), nullptr, &n),
-              STATUS_INVALID_PARAMETER);
-    auto violations = kvsim::TakeViolations();
-    ASSERT_EQ(violations.size(), 1u);
-    EXPECT_NE(violations[0].find("pVSDataRage"), std::string::npos);
 }
 
 TEST(FormatTables, ShortCameraTerminalAndProcessingUnitAreSkipped)
@@ -344,7 +334,6 @@ TEST(FormatTables, AnAllocationFailureAtAnyAllocationFailsTheWalkAndLeaksNothing
     }
 }
 
-// ---- The cameras, entry by entry ----------------------------------------------------------------
 // The real cameras of ../shared/cameras and the virtual camera's default set,
 // against the camera model's own parse (sim/camera), written apart from the
 // driver's walk. The Trust webcam has still-image descriptors; the Logitech

@@ -28,8 +28,6 @@ std::vector<std::string> DriverBlockTags()
     return tags;
 }
 
-// ---- Add --------------------------------------------------------------------------------
-
 // The device object's own allocation ("KVaC") failing gives
 // STATUS_INSUFFICIENT_RESOURCES; then every allocation of the add in turn
 // (I/O manager, ks.sys, the driver): the add succeeds or leaves nothing.
@@ -68,8 +66,6 @@ TEST(DeviceAdd, AnAllocationFailureAtAnyAllocationLeavesNothing)
     }
     EXPECT_GE(failures, 2u);
 }
-
-// ---- Start ------------------------------------------------------------------------------
 
 // Every allocation of the start sequence failing in turn (USB requests and
 // descriptors, settings, format tables, the pins' data ranges, the node
@@ -177,8 +173,6 @@ INSTANTIATE_TEST_SUITE_P(SharedCameras, RealCameraStart,
                                            RealCamera{"elp_h264", STATUS_INVALID_PARAMETER}),
                          [](const auto& info) { return std::string(info.param.name); });
 
-// ---- Stop, remove, surprise removal, capabilities ------------------------------------------
-
 // The start leaves the tables, the settings and the filter factory in place,
 // every lasting block under its owner's tag, and "DeviceExist" = 1; a start
 // dispatched again does nothing. Stop writes "DeviceExist" = 2, deconfigures
@@ -237,28 +231,6 @@ TEST(DeviceSurpriseRemoval, EndsIdleManagementAndTheFinalRemoveFreesEverything)
     EXPECT_TRUE(DebugSaid("PnP Remove\n"));
     EXPECT_EQ(kvsim::PoolLiveBlockCount(), 0u) << ::testing::PrintToString(kvsim::PoolLeakReport());
 }
-
-// The camera may be pulled out without warning and is not offered for
-// ejection. QueryCapabilities is pageable: above APC_LEVEL it prints the
-// IRQL line and goes on.
-TEST(DeviceCapabilities, ClearRemovableAndSetSurpriseRemovalOK)
-{
-    Rig rig;
-    ASSERT_EQ(rig.AddAndStart(), STATUS_SUCCESS);
-    kvsim::ClearDebugLog();
-    DEVICE_CAPABILITIES caps{};
-    ASSERT_EQ(pnp::QueryCapabilities(rig.Pdo(), &caps), STATUS_SUCCESS);
-    EXPECT_EQ(caps.Removable, 0u);
-    EXPECT_EQ(caps.SurpriseRemovalOK, 1u);
-    EXPECT_TRUE(DebugStartingWith("EX: Pageable").empty());
-
-    caps = DEVICE_CAPABILITIES{};
-    AtDispatchLevel([&] { return g_KvDeviceDescriptor.Dispatch->QueryCapabilities(rig.KsDevice(), nullptr, &caps); });
-    EXPECT_TRUE(DebugSaid("EX: Pageable code called at IRQL 2\n"));
-    EXPECT_EQ(caps.SurpriseRemovalOK, 1u);
-}
-
-// ---- The self-timer's countdown ------------------------------------------------------------
 
 // The DPC counts down once a second; the second after 0 it asks for a still
 // (no longer a software trigger) and stops the timer. Stop cancels a

