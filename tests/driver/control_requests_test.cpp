@@ -1,7 +1,5 @@
-// Video-class control requests against the virtual camera on the simulated
-// USB bus, seen by a recording lower filter (controls_rig.h): the request
-// block, GetDeviceProperty and SetDeviceProperty, and the extension unit's
-// register window. The deferred requests are in deferred_requests_test.cpp.
+// Video-class control requests against the virtual camera, seen by the
+// recording lower filter of controls_rig.h.
 #include <gtest/gtest.h>
 
 #include "controls_rig.h"
@@ -247,12 +245,23 @@ TEST(CameraControlsOtherCameras, TheExtensionOptionTogglesTheProductsBitOfRegist
         EXPECT_EQ(rig.RequestCount(), 0u);
         EXPECT_EQ(rig.Slot(SLOT_EXTENSION_OPTION), 0);
     }
-    Rig rig(SpecWithProduct(0x8034));
+    {
+        Rig rig(SpecWithProduct(0x8034));
+        rig.Start();
+        rig.Camera().SetRegister(0x17, 0xFF);
+        EXPECT_EQ(rig.Req().SetDeviceProperty(PROPID_EXTENSION_OPTION, 0), STATUS_SUCCESS);
+        EXPECT_EQ(rig.Camera().Register(0x17), 0xDF);
+        EXPECT_EQ(rig.Camera().Register(0x18), 0x20);
+    }
+    // Without the extension unit the first failing request ends the set.
+    CameraSpec noUnit = SpecWithProduct(0x0100);
+    noUnit.extensionUnitControls = 0;
+    noUnit.extensionUnitNumControls = 0;
+    noUnit.extensionUnitId = 6;  // no entity 4
+    Rig rig(noUnit);
     rig.Start();
-    rig.Camera().SetRegister(0x17, 0xFF);
-    EXPECT_EQ(rig.Req().SetDeviceProperty(PROPID_EXTENSION_OPTION, 0), STATUS_SUCCESS);
-    EXPECT_EQ(rig.Camera().Register(0x17), 0xDF);
-    EXPECT_EQ(rig.Camera().Register(0x18), 0x20);
+    EXPECT_EQ(rig.Req().SetDeviceProperty(PROPID_EXTENSION_OPTION, 1), STATUS_UNSUCCESSFUL);
+    EXPECT_EQ(rig.RequestCount(), 1u);
 }
 
 // On another product id 0x0909 only selects and reads the registers, with
@@ -276,18 +285,6 @@ TEST(CameraControlsOtherCameras, OnAnotherProductTheExtensionOptionOnlyReadsTheR
         }
     }
     EXPECT_GE(kvsim::Now() - t0, 40 * kvsim::kMillisecond);
-}
-
-TEST(CameraControlsOtherCameras, WithoutTheExtensionUnitTheFirstFailingRequestEndsTheSet)
-{
-    CameraSpec spec = SpecWithProduct(0x0100);
-    spec.extensionUnitControls = 0;
-    spec.extensionUnitNumControls = 0;
-    spec.extensionUnitId = 6;  // no entity 4
-    Rig rig(spec);
-    rig.Start();
-    EXPECT_EQ(rig.Req().SetDeviceProperty(PROPID_EXTENSION_OPTION, 1), STATUS_UNSUCCESSFUL);
-    EXPECT_EQ(rig.RequestCount(), 1u);
 }
 
 }  // namespace

@@ -1,11 +1,6 @@
-// Class requests made at DISPATCH_LEVEL are deferred to a work item and
-// reach the camera later. Apart from control_requests_test.cpp because these
-// tests look at the moment between the deferral and the work item ("nothing
-// sent yet"), which only the virtual clock's one-thread-at-a-time scheduling
-// holds still: in Parallel mode (the tsan preset) a worker thread may run the
-// item at once. So this executable forces Virtual mode, as
-// ke_dispatcher_test does; control_requests_test.cpp keeps its Parallel
-// coverage.
+// Class requests made at DISPATCH_LEVEL are deferred to a work item. These
+// tests look at the moment before the work item runs, which only the virtual
+// clock holds still, so this executable forces Virtual mode.
 #include <gtest/gtest.h>
 
 #include "controls_rig.h"
@@ -32,6 +27,8 @@ protected:
     Rig rig;
 };
 
+// The request reaches the camera from a work item; without the memory for
+// its record the deferral fails.
 TEST_F(DeferredRequests, ARequestIssuedAtDispatchLevelIsDeferredAndReachesTheCameraLater)
 {
     const auto before = kvsim::GetSchedCounters();
@@ -50,10 +47,18 @@ TEST_F(DeferredRequests, ARequestIssuedAtDispatchLevelIsDeferredAndReachesTheCam
     ASSERT_EQ(rig.RequestCount(), 1u);
     EXPECT_EQ(Seen()[0].irql, PASSIVE_LEVEL);  // sent from the work item
     EXPECT_EQ(kvsim::GetSchedCounters().workItemsRun, before.workItemsRun + 1);
-    // The record and the URB are freed; the work item too (the I/O
-    // manager's end-of-test check reports live work items and IRPs).
+    // The record, the URB and the work item are freed (the test main checks work items).
     EXPECT_EQ(kvsim::PoolStatsForTag(kv::kTagRequest).currentCount, 1u);
     EXPECT_EQ(kvsim::LiveIrpCount(), 0u);
+
+    // Without the record the deferral fails and queues nothing.
+    kvsim::PoolFailTag(kv::kTagRequest);
+    EXPECT_EQ(AtDispatchLevel([&] {
+                  return rig.Req().SendClassRequest(UVC_ENTITY_PROCESSING_UNIT, UVC_SET_CUR, 0x0800, data, &length);
+              }),
+              STATUS_INSUFFICIENT_RESOURCES);
+    kvsim::PoolResetFaultInjection();
+    EXPECT_EQ(kvsim::GetSchedCounters().workItemsPending, 0u);
 }
 
 // Sets a processing-unit control at DISPATCH_LEVEL from a frame of its own,
@@ -82,18 +87,6 @@ TEST_F(DeferredRequests, ADeferredRequestSendsTheCallersDataEvenAfterTheCallersF
     EXPECT_EQ(Seen()[0].length, 2u);
     EXPECT_EQ(rig.CameraValue(3, 0x08), 5);
     EXPECT_EQ(kvsim::PoolStatsForTag(kv::kTagRequest).currentCount, 1u);  // the record is gone
-}
-
-TEST_F(DeferredRequests, DeferralFailsWithInsufficientResourcesWhenTheRecordCannotBeAllocated)
-{
-    UCHAR data[2] = {0x07, 0x00};
-    ULONG length = 2;
-    kvsim::PoolFailTag(kv::kTagRequest);
-    NTSTATUS status = AtDispatchLevel(
-        [&] { return rig.Req().SendClassRequest(UVC_ENTITY_PROCESSING_UNIT, UVC_SET_CUR, 0x0800, data, &length); });
-    kvsim::PoolResetFaultInjection();
-    EXPECT_EQ(status, STATUS_INSUFFICIENT_RESOURCES);
-    EXPECT_EQ(kvsim::GetSchedCounters().workItemsPending, 0u);
 }
 
 TEST_F(DeferredRequests, ARequestDeferredAtDispatchLevelLeavesTheResultUnwritten)

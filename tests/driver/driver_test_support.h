@@ -1,7 +1,6 @@
-// What the driver tests share: the service key's paths, the debug log, a
-// call at DISPATCH_LEVEL, and DriverTestAccess, which reaches the kernel
-// objects the driver keeps private (IdlePower and SelfTimer name it their
-// friend; nothing else of theirs is reached this way).
+// What the driver tests share: the service key's paths, the debug log, a call
+// at DISPATCH_LEVEL, and DriverTestAccess to the kernel objects IdlePower and
+// SelfTimer keep private (they name it their friend).
 #pragma once
 #include <cstdio>
 #include <string>
@@ -15,8 +14,7 @@ struct DriverTestAccess {
     // The idle pass's work item.
     static PIO_WORKITEM IdleWorkItem(const IdlePower& idle) { return idle.m_pIdleWorkItem; }
 
-    // Starts a countdown of `seconds` as the camera's button does: the DPC
-    // runs once a second from one second on.
+    // Starts a countdown as the camera's button does: the DPC runs every second.
     static void StartCountdown(SelfTimer& timer, LONG seconds)
     {
         timer.m_CountdownCounter = seconds;

@@ -37,8 +37,8 @@ Tables Extract(const std::vector<uint8_t>& bytes)
     FormatTables tables;
     std::vector<uint8_t> copy = bytes;
     auto pConfig = reinterpret_cast<PUSB_CONFIGURATION_DESCRIPTOR>(copy.data());
-    USHORT n = 0;
-    PKS_DATARANGE_VIDEO pTable = nullptr;
+    USHORT n = 0, nStill = 0;
+    PKS_DATARANGE_VIDEO pTable = nullptr, pStill = nullptr;
     t.vsStatus = tables.ExtractVSInfo(pConfig, static_cast<ULONG>(copy.size()), &pTable, &n);
     if (NT_SUCCESS(t.vsStatus)) {
         t.capture.assign(pTable, pTable + n);
@@ -47,8 +47,6 @@ Tables Extract(const std::vector<uint8_t>& bytes)
         EXPECT_EQ(pTable, nullptr);
         EXPECT_EQ(n, 0);
     }
-    USHORT nStill = 0;
-    PKS_DATARANGE_VIDEO pStill = nullptr;
     t.stillStatus = tables.ExtractStillInfo(pConfig, static_cast<ULONG>(copy.size()), &pStill, &nStill);
     if (NT_SUCCESS(t.stillStatus)) {
         t.still.assign(pStill, pStill + nStill);
@@ -98,17 +96,10 @@ void ExpectStillEntry(const KS_DATARANGE_VIDEO& e, bool yuy2, uint16_t w, uint16
 // A streaming interface with YUY2 640x480 and 1280x720 and MJPEG frames.
 std::vector<uint8_t> TwoFormatCamera()
 {
-    return Config()
-        .Interface(0, 0, 1).CameraTerminal(0x0A).ProcessingUnit(0x175F)
-        .Interface(1, 0, 2)
-        .Format(0x06, 1, 2)
-        .Frame(0x07, 1, 1280, 720, {333333, 666666})
-        .Frame(0x07, 2, 640, 480, {333333})
-        .Format(0x04, 2, 2)
-        .Frame(0x05, 1, 640, 480, {333333, 500000, 1000000})
-        .Frame(0x05, 2, 1280, 720, {1000000, 2000000})
-        .Still({{640, 480}})
-        .Finish();
+    return Config().Interface(0, 0, 1).CameraTerminal(0x0A).ProcessingUnit(0x175F).Interface(1, 0, 2)
+        .Format(0x06, 1, 2).Frame(0x07, 1, 1280, 720, {333333, 666666}).Frame(0x07, 2, 640, 480, {333333})
+        .Format(0x04, 2, 2).Frame(0x05, 1, 640, 480, {333333, 500000, 1000000})
+        .Frame(0x05, 2, 1280, 720, {1000000, 2000000}).Still({{640, 480}}).Finish();
 }
 
 // Uncompressed frames come first as YUY2, motion-JPEG frames after them as
@@ -116,7 +107,7 @@ std::vector<uint8_t> TwoFormatCamera()
 // the sample size, bit rate and bitmap header follow from the size and the
 // first frame interval. The bitmaps are the first two bytes of the camera
 // terminal's and processing unit's bmControls.
-TEST(FormatTables, Yuy2FramesComeFirstThenMotionJpegFramesAsRgb24)
+TEST(FormatTables, Yuy2FramesComeFirstThenMotionJpegFramesAsRgb24AndTheWideFrameWidth)
 {
     Tables t = Extract(TwoFormatCamera());
     ASSERT_EQ(t.vsStatus, STATUS_SUCCESS);
@@ -127,9 +118,16 @@ TEST(FormatTables, Yuy2FramesComeFirstThenMotionJpegFramesAsRgb24)
     ExpectCaptureEntry(t.capture[2], false, 1280, 720, 333333, 666666, 1280 * 720 * 16 * 5, 1280 * 720 * 16 * 30,
                        "rgb 0");
     ExpectCaptureEntry(t.capture[3], false, 640, 480, 333333, 333333, 640 * 480 * 16 * 5, 640 * 480 * 16 * 30, "rgb 1");
-    EXPECT_EQ(t.wideFrameWidth, 1280u);
     EXPECT_EQ(t.cameraTerminal, 0x0Au);
     EXPECT_EQ(t.processingUnit, 0x175F);
+    // WideFrameWidth: the last YUY2 frame 640 or 1280 wide; motion JPEG does not count.
+    EXPECT_EQ(t.wideFrameWidth, 1280u);
+    auto fourYuy2 = Config().Interface(1, 0, 2).Format(0x04, 1, 4)
+                        .Frame(0x05, 1, 1280, 720, {333333}).Frame(0x05, 2, 640, 480, {333333})
+                        .Frame(0x05, 3, 800, 600, {333333}).Frame(0x05, 4, 1600, 1200, {333333}).Finish();
+    EXPECT_EQ(Extract(fourYuy2).wideFrameWidth, 640u);
+    auto mjpegOnly = Config().Interface(1, 0, 2).Format(0x06, 1, 1).Frame(0x07, 1, 1280, 720, {333333}).Finish();
+    EXPECT_EQ(Extract(mjpegOnly).wideFrameWidth, 0u);
 }
 
 // Still sizes: one entry per size, YUY2 sizes before
@@ -162,19 +160,6 @@ TEST(FormatTables, StillSizesYuy2FirstAndTheLastDescriptorOfAKindCounts)
     ASSERT_EQ(replaced.stillStatus, STATUS_SUCCESS);
     ASSERT_EQ(replaced.still.size(), 1u);
     ExpectStillEntry(replaced.still[0], true, 176, 144, "last still");
-}
-
-// WideFrameWidth: the last YUY2 frame 640 or 1280 wide; motion JPEG does not count.
-TEST(FormatTables, WideFrameWidthTakesTheLastQualifyingYuy2Frame)
-{
-    auto bytes = Config().Interface(1, 0, 2)
-                     .Format(0x04, 1, 4)
-                     .Frame(0x05, 1, 1280, 720, {333333}).Frame(0x05, 2, 640, 480, {333333})
-                     .Frame(0x05, 3, 800, 600, {333333}).Frame(0x05, 4, 1600, 1200, {333333})
-                     .Finish();
-    EXPECT_EQ(Extract(bytes).wideFrameWidth, 640u);
-    auto mjpegOnly = Config().Interface(1, 0, 2).Format(0x06, 1, 1).Frame(0x07, 1, 1280, 720, {333333}).Finish();
-    EXPECT_EQ(Extract(mjpegOnly).wideFrameWidth, 0u);
 }
 
 // Which frames make entries, told by the entries' widths in order. Room is
@@ -357,8 +342,7 @@ TEST_P(CameraFormatTables, MatchTheCamerasDescriptorsEntryByEntry)
     auto parsed = cam::ParseCameraModel(set.device, set.configuration);
     ASSERT_TRUE(parsed.ok);
     const cam::CameraModel& m = parsed.model;
-    // Per kind: the frames of the last format descriptor of that kind
-    // (a later one abandons the earlier list), in descriptor order.
+    // Per kind, the last format descriptor counts (a later one starts a new list).
     const cam::Format* pYuy2 = nullptr;
     const cam::Format* pMjpeg = nullptr;
     for (const auto& s : m.streaming) {

@@ -1,10 +1,6 @@
-// Idle power and the device's power states, with the whole device started
-// by the simulated PnP manager: an idle camera goes to D3 after an idle pass
-// (the idle timer fires 5 s after it is armed), a stream or an open filter
-// keeps it in D0, a system sleep stops the idle timer and the set-power after
-// it restarts it once, and stop, remove or a failed start leave no idle
-// routine running. With idle power disabled ("SWSetting" bit 0 clear) nothing
-// of it runs.
+// Idle power with the whole device started by the simulated PnP manager: the
+// idle pass, what keeps the camera in D0, system sleep, and no idle routine
+// left running after stop, remove or a failed start.
 #include <gtest/gtest.h>
 
 #include "lifecycle_rig.h"

@@ -1,8 +1,5 @@
-// Driver entry and the device's life as Windows drives it, with the virtual
-// camera on the simulated USB bus: Add, the start sequence and its failure at
-// every allocation, stop, remove, surprise removal, capabilities, the
-// self-timer's countdown, and the three real cameras. Idle power is in
-// idle_power_test.cpp.
+// The device's life as Windows drives it: add and start with a failure at
+// every allocation, stop, surprise removal, the real cameras, the self-timer.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -88,15 +85,12 @@ TEST(DeviceStart, AnAllocationFailureAtAnyAllocationFailsTheStartAtItsStepAndRem
     kvsim::PoolEndOfTestCheck();
     ASSERT_GT(allocations, 10u);
     const std::string nm = " (Status " + Hex(kNoMemory) + " )";
-    const std::vector<std::string> stepLines = {
-        "Kvdrv PnP start exit1" + nm,
-        "Kvdrv PnP start exit2" + nm,
-        "Kvdrv PnP start : ExtractVSInfo return error" + nm,
-        "Kvdrv PnP start exit3" + nm,
-        "Kvdrv PnP start : ExtractStillInfo return error" + nm,
-        "Kvdrv PnP start exit4" + nm,
-        "CCaptureDevice::InitNodeAndTopologyDescriptor() InitNodeDescriptorSize() Failed Status 0xc000009a\n",
-    };
+    std::vector<std::string> stepLines;
+    for (const char* step : {"exit1", "exit2", ": ExtractVSInfo return error", "exit3",
+                             ": ExtractStillInfo return error", "exit4"}) {
+        stepLines.push_back(std::string("Kvdrv PnP start ") + step + nm);
+    }
+    stepLines.push_back("CCaptureDevice::InitNodeAndTopologyDescriptor() InitNodeDescriptorSize() Failed Status 0xc000009a\n");
     std::vector<std::string> seen;  // the lines of the failed starts, repeats folded
     size_t failedStarts = 0;
     for (uint64_t n = 1; n <= allocations; ++n) {

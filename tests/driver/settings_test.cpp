@@ -1,8 +1,4 @@
-// The persistent settings store against the simulated registry and the
-// virtual camera (through the simulated USB bus): the registry layer, the
-// settings' share of the device start, CheckReadDef / InitLastValue, the
-// Last and Customer sets, the "\Property\Default" operations, and
-// SaveSpecialFrameString.
+// The settings store against the simulated registry and the virtual camera.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -13,39 +9,33 @@
 
 using namespace controls_rig;
 
-TEST(RegistryKeyPath, EveryOperationOnAnUnopenedKeyReturnsInvalidHandle)
-{
-    kvsim::RegReset();  // no "\USBKV" at all
-    RegistryKeyPath path;
-    EXPECT_FALSE(NT_SUCCESS(path.OpenRoot(KV_REGISTRY_SERVICE)));
-    ULONG value = 7;
-    EXPECT_EQ(path.OpenSubkey(KV_REGISTRY_DATA), STATUS_INVALID_HANDLE);
-    EXPECT_EQ(path.ReadDword(L"BW", &value), STATUS_INVALID_HANDLE);
-    EXPECT_EQ(path.WriteDword(L"BW", 1), STATUS_INVALID_HANDLE);
-    EXPECT_EQ(path.Close(), STATUS_INVALID_HANDLE);
-    EXPECT_EQ(value, 7u);
-    EXPECT_FALSE(kvsim::RegKeyExists(kService));  // nothing was created
-}
-
-// CloseSubkey drops only the last component: after "\Property\Last" the
-// path names "\USBKV\Property", and the next open appends below it.
-TEST(RegistryKeyPath, AfterClosingATwoComponentSubkeyTheNextOpenAppendsBelowProperty)
+// Without the service key every operation returns STATUS_INVALID_HANDLE and
+// creates nothing. CloseSubkey drops only the last component: after
+// "\Property\Last" the path names "\USBKV\Property", and the next open
+// appends below it.
+TEST(RegistryKeyPath, FailsWithoutTheServiceKeyAndAfterATwoComponentSubkeyOpensBelowProperty)
 {
     kvsim::RegReset();
+    RegistryKeyPath path;
+    EXPECT_FALSE(NT_SUCCESS(path.OpenRoot(KV_REGISTRY_SERVICE)));
+    ULONG where = 7;
+    EXPECT_EQ(path.OpenSubkey(KV_REGISTRY_DATA), STATUS_INVALID_HANDLE);
+    EXPECT_EQ(path.ReadDword(L"BW", &where), STATUS_INVALID_HANDLE);
+    EXPECT_EQ(path.WriteDword(L"BW", 1), STATUS_INVALID_HANDLE);
+    EXPECT_EQ(path.Close(), STATUS_INVALID_HANDLE);
+    EXPECT_EQ(where, 7u);
+    EXPECT_FALSE(kvsim::RegKeyExists(kService));
+
     kvsim::RegCreateKey(kLast);
     kvsim::RegCreateKey(kData);
     kvsim::RegCreateKey(kService + "\\Property\\Data");
     kvsim::RegSetDword(kService + "\\Property\\Data", "Where", 2);
     kvsim::RegSetDword(kData, "Where", 1);
 
-    RegistryKeyPath path;
     ASSERT_EQ(path.OpenRoot(KV_REGISTRY_SERVICE), STATUS_SUCCESS);
     ASSERT_EQ(path.OpenSubkey(KV_REGISTRY_LAST), STATUS_SUCCESS);
     ASSERT_EQ(path.CloseSubkey(KV_REGISTRY_LAST), STATUS_SUCCESS);
-    const std::u16string expected = u"\\Registry\\MACHINE\\SYSTEM\\CurrentControlSet\\Services\\USBKV\\Property";
-    EXPECT_EQ(std::u16string(reinterpret_cast<const char16_t*>(path.Path().Buffer), path.Path().Length / 2), expected);
     ASSERT_EQ(path.OpenSubkey(KV_REGISTRY_DATA), STATUS_SUCCESS);
-    ULONG where = 0;
     EXPECT_EQ(path.ReadDword(L"Where", &where), STATUS_SUCCESS);
     EXPECT_EQ(where, 2u);  // "\USBKV\Property\Data", not "\USBKV\Data"
     EXPECT_EQ(path.Close(), STATUS_SUCCESS);
@@ -76,6 +66,11 @@ TEST(DeviceStartSettings, OnlyTheDriversOwnDataValuesAreCreatedAndShortValuesAre
         std::sort(names.begin(), names.end());
         EXPECT_EQ(names, (std::vector<std::string>{"DeviceExist", "TrackingFocus", "TrackingWindowSize"}));
         EXPECT_EQ(kvsim::RegGetDword(kData, "DeviceExist"), 1u);
+        // Without "ReadDef" (never created then) the camera's defaults are not read.
+        EXPECT_EQ(rig.Settings().CheckReadDef(), STATUS_SUCCESS);
+        EXPECT_EQ(rig.RequestCount(), 0u);
+        EXPECT_TRUE(kvsim::RegListValues(kLast).empty());
+        EXPECT_FALSE(kvsim::RegGetDword(kData, "ReadDef").has_value());
     }
     Rig rig;
     kvsim::RegSetDword(kData, "TrackingWindowSize", 0);
@@ -132,28 +127,21 @@ TEST(DeviceStartSettings, WithoutTheControlRequestContextNothingIsRead)
     EXPECT_EQ(rig.Settings().m_Property, nullptr);
 }
 
-// A missing "ReadDef" (never created then) or one equal to the processing
-// unit's bitmap: the camera's defaults are not read.
-TEST(CheckReadDef, AMissingOrEqualReadDefReadsNothing)
-{
-    for (bool present : {false, true}) {
-        SCOPED_TRACE(present ? "ReadDef 0x177F" : "no ReadDef");
-        Rig rig;
-        if (present) kvsim::RegSetDword(kData, "ReadDef", 0x177F);
-        rig.Start();
-        EXPECT_EQ(rig.Settings().CheckReadDef(), STATUS_SUCCESS);
-        EXPECT_EQ(rig.RequestCount(), 0u);
-        EXPECT_TRUE(kvsim::RegListValues(kLast).empty());
-        EXPECT_EQ(kvsim::RegGetDword(kData, "ReadDef").has_value(), present);
-    }
-}
-
+// A "ReadDef" other than the processing unit's bitmap: the camera's defaults
+// are read into the record and saved to "\Property\Last", and "ReadDef"
+// takes the bitmap. Above APC_LEVEL CheckReadDef prints the pageable line and
+// leaves the registry alone.
 TEST(CheckReadDef, ADifferentReadDefReadsTheCameraDefaultsIntoPropertyLast)
 {
     Rig rig;
     kvsim::RegSetDword(kData, "ReadDef", 0);
     kvsim::RegSetDword(kDefault, "fVflip", 1);
     rig.Start();
+    kvsim::ClearDebugLog();
+    AtDispatchLevel([&] { return rig.Settings().CheckReadDef(); });
+    EXPECT_TRUE(DebugSaid("EX: Pageable code called at IRQL 2\n"));
+    EXPECT_EQ(kvsim::RegGetDword(kData, "ReadDef"), 0u);
+    EXPECT_EQ(rig.RequestCount(), 0u);
     rig.Settings().CheckReadDef();
 
     // The virtual camera's defaults (sim/camera/uvc_camera.cpp's table).
@@ -201,20 +189,6 @@ TEST(CheckReadDef, AFailedDefaultSetsItsSlotTo0AndPrintsTheLine)
     EXPECT_TRUE(DebugSaid("InitLastValue() Retrieve properties fail."));
 }
 
-TEST(CheckReadDef, CalledAboveApcLevelPrintsThePageableLineAndLeavesTheRegistryAlone)
-{
-    Rig rig;
-    kvsim::RegSetDword(kData, "ReadDef", 0);
-    rig.Start();
-    kvsim::ClearDebugLog();
-    AtDispatchLevel([&] { return rig.Settings().CheckReadDef(); });
-    EXPECT_TRUE(DebugSaid("EX: Pageable code called at IRQL 2\n"));
-    EXPECT_EQ(kvsim::RegGetDword(kData, "ReadDef"), 0u);
-}
-
-// Slot 10 is saved as "AETarget" when the camera terminal has exposure time
-// and as "Gain" when the processing unit has gain; "Gain" loads back as
-// exposure time (id 0x0400) to the camera terminal.
 TEST(PropertySets, Slot10IsSavedUnderTheNamesOfTheControlsTheCameraHas)
 {
     for (bool hasGain : {false, true}) {
@@ -252,8 +226,7 @@ TEST(PropertySets, ACustomerSetSavedAndLoadedBackReachesTheCamera)
 {
     Rig rig;
     rig.Start();
-    // Manual exposure so that the exposure time reaches the camera (turning
-    // auto exposure off re-sends slot 10, which must be in the camera's range).
+    // Manual exposure, so that exposure times reach the camera.
     rig.SetSlot(SLOT_EXPOSURE_TIME, 156);
     ASSERT_EQ(rig.Req().SetDeviceProperty(PROPID_AUTO_EXPOSURE, 0), STATUS_SUCCESS);
     const std::pair<USHORT, LONG> saved[] = {

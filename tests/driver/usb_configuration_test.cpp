@@ -1,7 +1,5 @@
-// The camera's USB configuration on the simulated USB bus (sim/usb) with the
-// virtual camera (sim/camera): the configuration and its pipes, alternate
-// settings, the bus speed, and an allocation failure at every allocation of
-// ReadandSelectUsbDescriptors. Deconfiguration is seen in lifecycle_test.cpp.
+// The camera's USB configuration on the simulated USB bus: the pipes, the
+// alternate settings, the bus speed, and a failure at every allocation.
 #include <gtest/gtest.h>
 
 #include <memory>
