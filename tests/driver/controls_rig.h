@@ -1,10 +1,6 @@
-// Test rig for the settings and the control requests: a virtual camera
-// plugged into the simulated USB bus, a recording lower filter device
-// attached above the bus's PDO (it notes every class request that passes and
-// hands every IRP on unchanged, as a real lower filter does), and a
-// CCaptureDevice whose next-lower device is that filter, started as far as
-// the settings need: the USB configuration, then InitDeviceSettings. The
-// service key's subkeys are created empty, as an installation creates them.
+// Rig for the settings and control requests: a virtual camera on the simulated
+// USB bus, a lower filter that records every class request and passes every
+// IRP on, and a CCaptureDevice above it started as far as the settings need.
 #pragma once
 #include <gtest/gtest.h>
 
@@ -105,8 +101,7 @@ public:
         ksDevice_.PhysicalDeviceObject = pdo_;
         ksDevice_.NextDeviceObject = filter_;
         device_ = std::make_unique<CCaptureDevice>(&ksDevice_);
-        // The format tables' walk would take these from the video-control
-        // descriptors.
+        // The format tables' walk would take these from the descriptors.
         device_->m_Formats.ProcessingUnitControls = spec.processingUnitControls;
         device_->m_Formats.CameraTerminalControls = spec.cameraTerminalControls;
     }
@@ -115,8 +110,7 @@ public:
     {
         // Deferred requests still queued must finish before the device goes.
         kvsim::RunUntil([] { return kvsim::GetSchedCounters().workItemsPending == 0; }, 10 * kvsim::kSecond);
-        // Released twice (here and by the destructor): a second release is
-        // harmless, which every test thus checks under AddressSanitizer.
+        // Released twice (here and by the destructor), which must be harmless.
         device_->ReleaseAllocations();
         device_.reset();
         IoDetachDevice(pdo_);
@@ -136,32 +130,11 @@ public:
     CCaptureDevice& Dev() { return *device_; }
     DeviceSettings& Settings() { return device_->m_Settings; }
 
-    // Calls into the device's control requests.
-    NTSTATUS SetDeviceProperty(USHORT id, LONG value)
-    {
-        return device_->m_Requests.SetDeviceProperty(id, value);
-    }
-    NTSTATUS GetDeviceProperty(USHORT id, UCHAR request, PLONG pValue)
-    {
-        return device_->m_Requests.GetDeviceProperty(id, request, pValue);
-    }
-    NTSTATUS SendClassRequest(USHORT wIndex, UCHAR request, USHORT wValue, PVOID pBuffer,
-                                                            PULONG pLength)
-    {
-        return device_->m_Requests.SendClassRequest(wIndex, request, wValue, pBuffer, pLength);
-    }
-    // One of its device values (m_CapturePinRunning, m_ControlReady,
-    // m_SpecialFrameReload), read or written.
-    ULONG& RequestsValue(ULONG ControlRequests::*member)
-    {
-        return device_->m_Requests.*member;
-    }
-
+    ControlRequests& Req() { return device_->m_Requests; }
     UvcCamera& Camera() { return *camera_; }
     LONG Slot(ULONG n) const { return device_->m_Settings.m_Property->Slot[n]; }
     void SetSlot(ULONG n, LONG v) { device_->m_Settings.m_Property->Slot[n] = v; }
-    // The camera's current value of a control (entity 1 camera terminal, 3
-    // processing unit; selector = wValue >> 8).
+    // The camera's value of a control (entity 1 camera terminal, 3 processing unit).
     int64_t CameraValue(uint8_t entity, uint8_t selector) const
     {
         return camera_->ControlValue(entity, selector).value_or(INT64_MIN);

@@ -1,20 +1,15 @@
-// Class requests made at DISPATCH_LEVEL are deferred to a work item and
-// reach the camera later. Apart from control_requests_test.cpp because these
-// tests look at the moment between the deferral and the work item ("nothing
-// sent yet"), which only the virtual clock's one-thread-at-a-time scheduling
-// holds still: in Parallel mode (the tsan preset) a worker thread may run the
-// item at once. So this executable forces Virtual mode, as
-// ke_dispatcher_test does; control_requests_test.cpp keeps its Parallel
-// coverage.
+// Class requests made at DISPATCH_LEVEL are deferred to a work item. These
+// tests look at the moment before the work item runs, which only the virtual
+// clock holds still, so this executable forces Virtual mode.
 #include <gtest/gtest.h>
 
 #include "controls_rig.h"
 #include "kvsim/pool.h"
 #include "kvsim/sched.h"
 
-using namespace controls_rig;
-
 namespace {
+
+using namespace controls_rig;
 
 const bool g_virtual = [] {
     kvsim::SetClockMode(kvsim::ClockMode::Virtual);
@@ -26,20 +21,23 @@ bool RunTheWorkItems()
     return kvsim::RunUntil([] { return kvsim::GetSchedCounters().workItemsPending == 0; }, kvsim::kSecond);
 }
 
-}  // namespace
-
-TEST(DeferredRequests, ARequestIssuedAtDispatchLevelIsDeferredAndReachesTheCameraLater)
-{
+class DeferredRequests : public ::testing::Test {
+protected:
+    void SetUp() override { rig.Start(); }
     Rig rig;
-    rig.Start();
+};
+
+// The request reaches the camera from a work item; without the memory for
+// its record the deferral fails.
+TEST_F(DeferredRequests, ARequestIssuedAtDispatchLevelIsDeferredAndReachesTheCameraLater)
+{
     const auto before = kvsim::GetSchedCounters();
     static UCHAR data[2] = {0x05, 0x00};  // sharpness 5; lives until the work item has run
     static ULONG length = 2;
-    KIRQL old;
-    KeRaiseIrql(DISPATCH_LEVEL, &old);
-    NTSTATUS status = rig.SendClassRequest(UVC_ENTITY_PROCESSING_UNIT, UVC_SET_CUR, 0x0800, data, &length);
-    KeLowerIrql(old);
-    EXPECT_EQ(status, STATUS_PENDING);
+    EXPECT_EQ(AtDispatchLevel([&] {
+                  return rig.Req().SendClassRequest(UVC_ENTITY_PROCESSING_UNIT, UVC_SET_CUR, 0x0800, data, &length);
+              }),
+              STATUS_PENDING);
     EXPECT_EQ(rig.RequestCount(), 0u);              // nothing sent yet
     EXPECT_EQ(rig.CameraValue(3, 0x08), 3);         // the camera still has its default
     EXPECT_EQ(kvsim::PoolStatsForTag(kv::kTagRequest).currentCount, 2u);  // context + record
@@ -49,24 +47,26 @@ TEST(DeferredRequests, ARequestIssuedAtDispatchLevelIsDeferredAndReachesTheCamer
     ASSERT_EQ(rig.RequestCount(), 1u);
     EXPECT_EQ(Seen()[0].irql, PASSIVE_LEVEL);  // sent from the work item
     EXPECT_EQ(kvsim::GetSchedCounters().workItemsRun, before.workItemsRun + 1);
-    // The record and the URB are freed; the work item too (the I/O
-    // manager's end-of-test check reports live work items and IRPs).
+    // The record, the URB and the work item are freed (the test main checks work items).
     EXPECT_EQ(kvsim::PoolStatsForTag(kv::kTagRequest).currentCount, 1u);
     EXPECT_EQ(kvsim::LiveIrpCount(), 0u);
-}
 
-namespace {
+    // Without the record the deferral fails and queues nothing.
+    kvsim::PoolFailTag(kv::kTagRequest);
+    EXPECT_EQ(AtDispatchLevel([&] {
+                  return rig.Req().SendClassRequest(UVC_ENTITY_PROCESSING_UNIT, UVC_SET_CUR, 0x0800, data, &length);
+              }),
+              STATUS_INSUFFICIENT_RESOURCES);
+    kvsim::PoolResetFaultInjection();
+    EXPECT_EQ(kvsim::GetSchedCounters().workItemsPending, 0u);
+}
 
 // Sets a processing-unit control at DISPATCH_LEVEL from a frame of its own,
 // so that SetProcessingUnit's two-byte buffer and length are gone when the
 // work item runs.
 [[gnu::noinline]] NTSTATUS SetSharpnessAtDispatchLevel(Rig& rig, LONG value)
 {
-    KIRQL old;
-    KeRaiseIrql(DISPATCH_LEVEL, &old);
-    NTSTATUS status = rig.SetDeviceProperty(PROPID_SHARPNESS, value);
-    KeLowerIrql(old);
-    return status;
+    return AtDispatchLevel([&] { return rig.Req().SetDeviceProperty(PROPID_SHARPNESS, value); });
 }
 
 // Writes over the stack below the caller, where the frame above lived.
@@ -76,12 +76,8 @@ namespace {
     for (auto& b : junk) b = 0x7F;
 }
 
-}  // namespace
-
-TEST(DeferredRequests, ADeferredRequestSendsTheCallersDataEvenAfterTheCallersFrameIsGone)
+TEST_F(DeferredRequests, ADeferredRequestSendsTheCallersDataEvenAfterTheCallersFrameIsGone)
 {
-    Rig rig;
-    rig.Start();
     EXPECT_EQ(SetSharpnessAtDispatchLevel(rig, 5), STATUS_SUCCESS);
     ClobberStack();
     EXPECT_EQ(rig.RequestCount(), 0u);
@@ -93,32 +89,11 @@ TEST(DeferredRequests, ADeferredRequestSendsTheCallersDataEvenAfterTheCallersFra
     EXPECT_EQ(kvsim::PoolStatsForTag(kv::kTagRequest).currentCount, 1u);  // the record is gone
 }
 
-TEST(DeferredRequests, DeferralFailsWithInsufficientResourcesWhenTheRecordCannotBeAllocated)
+TEST_F(DeferredRequests, ARequestDeferredAtDispatchLevelLeavesTheResultUnwritten)
 {
-    Rig rig;
-    rig.Start();
-    UCHAR data[2] = {0x07, 0x00};
-    ULONG length = 2;
-    kvsim::PoolFailTag(kv::kTagRequest);
-    KIRQL old;
-    KeRaiseIrql(DISPATCH_LEVEL, &old);
-    NTSTATUS status = rig.SendClassRequest(UVC_ENTITY_PROCESSING_UNIT, UVC_SET_CUR, 0x0800, data, &length);
-    KeLowerIrql(old);
-    kvsim::PoolResetFaultInjection();
-    EXPECT_EQ(status, STATUS_INSUFFICIENT_RESOURCES);
-    EXPECT_EQ(kvsim::GetSchedCounters().workItemsPending, 0u);
-}
-
-TEST(DeferredRequests, ARequestDeferredAtDispatchLevelLeavesTheResultUnwritten)
-{
-    Rig rig;
-    rig.Start();
     LONG value = 1234;
-    KIRQL old;
-    KeRaiseIrql(DISPATCH_LEVEL, &old);
-    NTSTATUS status = rig.GetDeviceProperty(PROPID_BRIGHTNESS, UVC_GET_MAX, &value);
-    KeLowerIrql(old);
-    EXPECT_EQ(status, STATUS_PENDING);
+    EXPECT_EQ(AtDispatchLevel([&] { return rig.Req().GetDeviceProperty(PROPID_BRIGHTNESS, UVC_GET_MAX, &value); }),
+              STATUS_PENDING);
     EXPECT_EQ(value, 1234);  // no camera answer yet, so nothing is made up
     ASSERT_TRUE(RunTheWorkItems());
     ASSERT_EQ(rig.RequestCount(), 1u);
@@ -126,3 +101,4 @@ TEST(DeferredRequests, ARequestDeferredAtDispatchLevelLeavesTheResultUnwritten)
     EXPECT_EQ(value, 1234);
 }
 
+}  // namespace

@@ -1,7 +1,5 @@
-// Test helpers for the descriptor walks: a small writer of configuration
-// descriptors byte by byte (so that tests can make odd, short and lying
-// descriptors the camera builder would never produce), and the real cameras'
-// descriptor files.
+// A writer of configuration descriptors byte by byte (odd, short and lying
+// ones the camera builder never makes), and the real cameras' descriptors.
 #pragma once
 #include <cstdint>
 #include <initializer_list>
@@ -75,11 +73,6 @@ struct Config {
         return b;
     }
 };
-
-inline const std::vector<std::string>& RealCameras() {
-    static const std::vector<std::string> names = {"trust_webcam", "logitech_c270", "elp_h264"};
-    return names;
-}
 
 inline kvsim::camera::DescriptorSet LoadReal(const std::string& name) {
     auto set = kvsim::camera::LoadDescriptorFiles(std::string(KV_SHARED_DIR) + "/cameras", name);

@@ -1,9 +1,6 @@
-// Fuzz test of the format tables: a seeded random mutator over configuration
-// descriptors (the real cameras, the virtual camera's default set) fed to
-// ExtractVSInfo and ExtractStillInfo in buffers of exactly the bytes held,
-// under AddressSanitizer: no crash, no out-of-bounds read, no leak, and every
-// successful table is consistent with its count. Bounded by iterations and
-// wall time so that it stays fast in CI; the seed is printed on failure.
+// Fuzz test of the format tables: seeded random mutations of real and virtual
+// configuration descriptors, walked under AddressSanitizer: no crash, no
+// out-of-bounds read, no leak, every table consistent with its count.
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -76,8 +73,7 @@ void RunOne(const std::vector<uint8_t>& bytes)
         p = nullptr;
         { const NTSTATUS status = tables.ExtractStillInfo(pConfig, ULONG(exact.size()), &p, &n); CheckTable(status, p, n); }
     }
-    // 2: the start's form, bounded by wTotalLength alone: a buffer of exactly
-    // wTotalLength bytes, as the USB configuration keeps it.
+    // 2: as the start walks it, a buffer of exactly wTotalLength bytes.
     if (bytes.size() >= 9) {
         const size_t total = std::max<size_t>(9, bytes[2] | (bytes[3] << 8));
         std::vector<uint8_t> held(bytes);
@@ -97,7 +93,7 @@ void RunOne(const std::vector<uint8_t>& bytes)
 TEST(DescriptorFuzz, MutatedConfigurationDescriptorsNeverCrashReadOutOfBoundsOrLeak)
 {
     std::vector<std::vector<uint8_t>> seeds;
-    for (const auto& name : blob::RealCameras()) {
+    for (const char* name : {"trust_webcam", "logitech_c270", "elp_h264"}) {
         auto set = blob::LoadReal(name);
         if (!set.configuration.empty()) seeds.push_back(set.configuration);
     }

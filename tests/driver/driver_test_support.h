@@ -1,7 +1,6 @@
-// What the driver tests share: the service key's paths, the debug log, and
-// DriverTestAccess, which reaches the kernel objects the driver keeps
-// private (IdlePower and SelfTimer name it their friend; nothing else of
-// theirs is reached this way).
+// What the driver tests share: the service key's paths, the debug log, a call
+// at DISPATCH_LEVEL, and DriverTestAccess to the kernel objects IdlePower and
+// SelfTimer keep private (they name it their friend).
 #pragma once
 #include <cstdio>
 #include <string>
@@ -12,12 +11,10 @@
 #include "kvsim/diag.h"
 
 struct DriverTestAccess {
-    // The idle timer (its due time and period) and the idle pass's work item.
-    static const KTIMER& IdleTimer(const IdlePower& idle) { return idle.m_IdleTimer; }
+    // The idle pass's work item.
     static PIO_WORKITEM IdleWorkItem(const IdlePower& idle) { return idle.m_pIdleWorkItem; }
 
-    // Starts a countdown of `seconds` as the camera's button does: the DPC
-    // runs once a second from one second on.
+    // Starts a countdown as the camera's button does: the DPC runs every second.
     static void StartCountdown(SelfTimer& timer, LONG seconds)
     {
         timer.m_CountdownCounter = seconds;
@@ -32,18 +29,11 @@ namespace drvtest {
 inline const std::string kService = "\\Registry\\Machine\\SYSTEM\\CurrentControlSet\\Services\\USBKV";
 inline const std::string kData = kService + "\\Data";
 
-// A debug message that is exactly `text`, or one that contains it.
+// Whether a debug message is exactly `text`.
 inline bool DebugSaid(const std::string& text)
 {
     for (const auto& m : kvsim::DebugMessages()) {
         if (m == text) return true;
-    }
-    return false;
-}
-inline bool DebugHas(const std::string& text)
-{
-    for (const auto& m : kvsim::DebugMessages()) {
-        if (m.find(text) != std::string::npos) return true;
     }
     return false;
 }
@@ -63,6 +53,17 @@ inline std::string Hex(NTSTATUS status)
     char text[16];
     snprintf(text, sizeof(text), "0x%X", static_cast<unsigned>(status));
     return text;
+}
+
+// Runs `call` at DISPATCH_LEVEL and returns what it returns.
+template <class Call>
+auto AtDispatchLevel(Call call)
+{
+    KIRQL old;
+    KeRaiseIrql(DISPATCH_LEVEL, &old);
+    auto result = call();
+    KeLowerIrql(old);
+    return result;
 }
 
 }  // namespace drvtest

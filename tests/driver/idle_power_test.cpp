@@ -1,10 +1,6 @@
-// Idle power and the device's power states, with the whole device started
-// by the simulated PnP manager: an idle camera goes to D3 after an idle pass,
-// a stream or an open filter keeps it in D0 (opening a filter powers it up
-// again), a system sleep stops the idle timer and the set-power after it
-// restarts it once, and stop, remove or a failed start leave no idle routine
-// running. With idle power disabled ("SWSetting" bit 0 clear) nothing of it
-// runs. The idle timer's exact due times are in idle_timer_test.cpp.
+// Idle power with the whole device started by the simulated PnP manager: the
+// idle pass, what keeps the camera in D0, system sleep, and no idle routine
+// left running after stop, remove or a failed start.
 #include <gtest/gtest.h>
 
 #include "lifecycle_rig.h"
@@ -13,7 +9,18 @@ namespace {
 
 using namespace lifecycle_rig;
 
-TEST(IdlePower, WhenDisabledNoIdleTimerDpcOrWorkItemIsEverArmed)
+// Idle power enabled, the device started.
+class IdlePower : public ::testing::Test {
+protected:
+    void SetUp() override { ASSERT_EQ(rig.AddAndStart(), STATUS_SUCCESS); }
+    Rig rig{DefaultCamera(), /*idlePower=*/true};
+};
+
+// Nothing of idle power runs: no timer, DPC or work item, not even after a
+// system sleep. An open neither counts nor asks for power; the close still
+// decrements (the count is never read then). Set-power records the states
+// entered and left.
+TEST(IdlePowerDisabled, NoIdleRoutineRunsAndAnOpenFilterNeitherCountsNorPowersUp)
 {
     Rig rig;
     ASSERT_EQ(rig.AddAndStart(), STATUS_SUCCESS);
@@ -34,12 +41,25 @@ TEST(IdlePower, WhenDisabledNoIdleTimerDpcOrWorkItemIsEverArmed)
     EXPECT_EQ(kvsim::GetSchedCounters().workItemsQueued, 0u);
     EXPECT_EQ(kvsim::GetSchedCounters().timersArmed, 0u);
     EXPECT_EQ(rig.Idle().m_ResumePending, 0);
+
+    ASSERT_EQ(pnp::SetDevicePower(rig.Pdo(), PowerDeviceD3), STATUS_SUCCESS);
+    EXPECT_EQ(rig.Idle().m_DevicePowerState, static_cast<ULONG>(PowerDeviceD3));
+    EXPECT_EQ(rig.Idle().m_DevicePowerStateFrom, PowerDeviceD0);
+    auto filter = rig.OpenFilter(KSCATEGORY_VIDEO);
+    ASSERT_NE(filter, nullptr);
+    EXPECT_EQ(rig.BusPower(), PowerDeviceD3);
+    EXPECT_EQ(rig.Idle().m_OpenFilterCount, 0u);
+    filter->Close();
+    EXPECT_EQ(rig.Idle().m_OpenFilterCount, static_cast<ULONG>(-1));
+    ASSERT_EQ(pnp::SetDevicePower(rig.Pdo(), PowerDeviceD0), STATUS_SUCCESS);
+    EXPECT_EQ(rig.Idle().m_DevicePowerState, 1u);
+    EXPECT_EQ(rig.Idle().m_DevicePowerStateFrom, PowerDeviceD3);
 }
 
 // With idle power, stop first asks for D0 and ends idle management; without
 // it, stop asks for no power (a camera its power policy owner put in D3
 // stays there through the stop).
-TEST(IdlePower, StopPowersTheCameraUpOnlyWhenIdlePowerIsEnabled)
+TEST(IdlePowerStop, PowersTheCameraUpOnlyWhenIdlePowerIsEnabled)
 {
     for (bool idlePower : {false, true}) {
         SCOPED_TRACE(idlePower ? "idle power enabled" : "idle power disabled");
@@ -57,10 +77,8 @@ TEST(IdlePower, StopPowersTheCameraUpOnlyWhenIdlePowerIsEnabled)
     }
 }
 
-TEST(IdlePower, AnIdleDeviceGoesToD3AfterTheFirstIdlePass)
+TEST_F(IdlePower, AnIdleDeviceGoesToD3AfterTheFirstIdlePass)
 {
-    Rig rig(DefaultCamera(), /*idlePower=*/true);
-    ASSERT_EQ(rig.AddAndStart(), STATUS_SUCCESS);
     g_KvIdlePowerDownRequested = 0;
     kvsim::RunFor(4 * kvsim::kSecond);
     EXPECT_EQ(rig.BusPower(), PowerDeviceD0);
@@ -77,10 +95,8 @@ TEST(IdlePower, AnIdleDeviceGoesToD3AfterTheFirstIdlePass)
     EXPECT_EQ(rig.BusPower(), PowerDeviceD3);
 }
 
-TEST(IdlePower, ABusyStreamKeepsTheDeviceInD0)
+TEST_F(IdlePower, ABusyStreamKeepsTheDeviceInD0)
 {
-    Rig rig(DefaultCamera(), /*idlePower=*/true);
-    ASSERT_EQ(rig.AddAndStart(), STATUS_SUCCESS);
     rig.Idle().m_StreamBusy = 1;
     kvsim::RunFor(30 * kvsim::kSecond);
     EXPECT_EQ(rig.BusPower(), PowerDeviceD0);
@@ -92,10 +108,8 @@ TEST(IdlePower, ABusyStreamKeepsTheDeviceInD0)
 // Open filters are counted; opening one while the camera is powered down for
 // idleness powers it up before the first pin is created, and closing the
 // last lets the next idle pass power it down again.
-TEST(IdlePower, OpenFiltersKeepTheCameraInD0AndTheFirstOpenPowersItUp)
+TEST_F(IdlePower, OpenFiltersKeepTheCameraInD0AndTheFirstOpenPowersItUp)
 {
-    Rig rig(DefaultCamera(), /*idlePower=*/true);
-    ASSERT_EQ(rig.AddAndStart(), STATUS_SUCCESS);
     kvsim::RunFor(6 * kvsim::kSecond);
     ASSERT_EQ(rig.BusPower(), PowerDeviceD3);
 
@@ -123,41 +137,37 @@ TEST(IdlePower, OpenFiltersKeepTheCameraInD0AndTheFirstOpenPowersItUp)
     EXPECT_EQ(rig.Idle().m_DevicePowerState, static_cast<ULONG>(PowerDeviceD3));
 }
 
-// Without idle power an open neither counts nor asks for power; the close
-// still decrements (the count is never read then). Set-power records the
-// states entered and left.
-TEST(IdlePower, WhenDisabledAnOpenFilterNeitherCountsNorPowersUp)
+// A system-sleep query (PowerActionSleep or beyond) stops the idle timer;
+// the set-power that follows restarts it once, and the restarted scheme
+// still powers an idle device down after an idle pass.
+TEST_F(IdlePower, ASystemSleepStopsTheIdleTimerAndTheNextSetPowerRestartsItOnce)
 {
-    Rig rig;
-    ASSERT_EQ(rig.AddAndStart(), STATUS_SUCCESS);
-    ASSERT_EQ(pnp::SetDevicePower(rig.Pdo(), PowerDeviceD3), STATUS_SUCCESS);
-    EXPECT_EQ(rig.Idle().m_DevicePowerState, static_cast<ULONG>(PowerDeviceD3));
-    EXPECT_EQ(rig.Idle().m_DevicePowerStateFrom, PowerDeviceD0);
-    auto filter = rig.OpenFilter(KSCATEGORY_VIDEO);
-    ASSERT_NE(filter, nullptr);
-    EXPECT_EQ(rig.BusPower(), PowerDeviceD3);
-    EXPECT_EQ(rig.Idle().m_OpenFilterCount, 0u);
-    filter->Close();
-    EXPECT_EQ(rig.Idle().m_OpenFilterCount, static_cast<ULONG>(-1));
-    ASSERT_EQ(pnp::SetDevicePower(rig.Pdo(), PowerDeviceD0), STATUS_SUCCESS);
-    EXPECT_EQ(rig.Idle().m_DevicePowerState, 1u);
-    EXPECT_EQ(rig.Idle().m_DevicePowerStateFrom, PowerDeviceD3);
-}
+    ASSERT_EQ(g_KvDeviceDescriptor.Dispatch->QueryPower(rig.KsDevice(), nullptr, PowerDeviceD3, PowerDeviceD0,
+                                                         PowerSystemSleeping3, PowerSystemWorking, PowerActionSleep),
+              STATUS_SUCCESS);
+    EXPECT_EQ(rig.Idle().m_LastPowerAction, PowerActionSleep);
+    EXPECT_EQ(rig.Idle().m_ResumePending, 1);
+    EXPECT_EQ(kvsim::GetSchedCounters().timersArmed, 0u);
+    kvsim::ResetSchedCounters();
+    for (DEVICE_POWER_STATE state : {PowerDeviceD3, PowerDeviceD0}) {
+        ASSERT_EQ(pnp::SetDevicePower(rig.Pdo(), state), STATUS_SUCCESS);
+        kvsim::RunUntilIdle();
+    }
+    EXPECT_EQ(rig.Idle().m_ResumePending, 0);
+    EXPECT_EQ(kvsim::GetSchedCounters().workItemsQueued, 1u);
+    EXPECT_EQ(kvsim::GetSchedCounters().timersArmed, 1u);
 
-TEST(IdlePower, ASystemSleepAndWakeRestartTheIdleTimerExactlyOnce)
-{
-    Rig rig(DefaultCamera(), /*idlePower=*/true);
-    ASSERT_EQ(rig.AddAndStart(), STATUS_SUCCESS);
+    // The same through the PnP manager's sleep and wake.
     kvsim::ResetSchedCounters();
     ASSERT_EQ(pnp::SleepSystem(rig.Pdo()), STATUS_SUCCESS);
     ASSERT_EQ(pnp::WakeSystem(rig.Pdo()), STATUS_SUCCESS);
     kvsim::RunUntilIdle();
     EXPECT_EQ(kvsim::GetSchedCounters().workItemsQueued, 1u);
     EXPECT_EQ(kvsim::GetSchedCounters().timersArmed, 1u);
-    EXPECT_EQ(rig.Idle().m_LastPowerAction, PowerActionSleep);
     EXPECT_EQ(rig.Idle().m_DevicePowerState, 1u);
-    // The restarted scheme still powers an idle device down.
-    kvsim::RunFor(6 * kvsim::kSecond);
+    kvsim::RunFor(4 * kvsim::kSecond);
+    EXPECT_EQ(rig.BusPower(), PowerDeviceD0);
+    kvsim::RunFor(2 * kvsim::kSecond);
     EXPECT_EQ(rig.BusPower(), PowerDeviceD3);
 }
 
@@ -167,10 +177,8 @@ TEST(IdlePower, ASystemSleepAndWakeRestartTheIdleTimerExactlyOnce)
 // scheme first; the seeded sweep (ctest -L seeds) tries the interleavings
 // where the restart reads the scheme active, the stop ends it, and the
 // restart arms the timer afterwards.
-TEST(IdlePower, ASleepRacingAStopLeavesNoTimerArmed)
+TEST_F(IdlePower, ASleepRacingAStopLeavesNoTimerArmed)
 {
-    Rig rig(DefaultCamera(), /*idlePower=*/true);
-    ASSERT_EQ(rig.AddAndStart(), STATUS_SUCCESS);
     PDEVICE_OBJECT pdo = rig.Pdo();
     HANDLE thread = nullptr;
     ASSERT_EQ(PsCreateSystemThread(
@@ -190,7 +198,7 @@ TEST(IdlePower, ASleepRacingAStopLeavesNoTimerArmed)
 
 // A start that fails after the idle timer was armed gets no stop from KS:
 // remove ends the idle scheme, so no timer or DPC outlives the device.
-TEST(IdlePower, RemoveEndsTheIdleSchemeAFailedStartLeftRunning)
+TEST(IdlePowerRemove, EndsTheIdleSchemeAFailedStartLeftRunning)
 {
     Rig rig(DefaultCamera(), /*idlePower=*/true);
     ASSERT_EQ(rig.Add(), STATUS_SUCCESS);

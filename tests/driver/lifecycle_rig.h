@@ -1,9 +1,6 @@
-// The whole device as Windows drives it: the driver loaded through its
-// DriverEntry, a virtual camera plugged into the simulated USB bus, the
-// device added on the bus's PDO and started, stopped and removed by the
-// simulated PnP manager (sim/ks/pnp.h), and the filter opened as a client
-// opens it. The service key's subkeys are created empty, as an installation
-// creates them.
+// The whole device as Windows drives it: the driver loaded through DriverEntry,
+// a virtual camera on the simulated USB bus, the device added, started,
+// stopped and removed by the simulated PnP manager, and the filter opened.
 #pragma once
 #include <gtest/gtest.h>
 

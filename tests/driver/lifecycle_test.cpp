@@ -1,8 +1,5 @@
-// Driver entry and the device's life as Windows drives it, with the virtual
-// camera on the simulated USB bus: Add, the start sequence and its failure at
-// every allocation, stop, remove, surprise removal, capabilities, the
-// self-timer's countdown, and the three real cameras. Idle power is in
-// idle_power_test.cpp.
+// The device's life as Windows drives it: add and start with a failure at
+// every allocation, stop, surprise removal, the real cameras, the self-timer.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -27,8 +24,6 @@ std::vector<std::string> DriverBlockTags()
     std::sort(tags.begin(), tags.end());
     return tags;
 }
-
-// ---- Add --------------------------------------------------------------------------------
 
 // The device object's own allocation ("KVaC") failing gives
 // STATUS_INSUFFICIENT_RESOURCES; then every allocation of the add in turn
@@ -69,54 +64,6 @@ TEST(DeviceAdd, AnAllocationFailureAtAnyAllocationLeavesNothing)
     EXPECT_GE(failures, 2u);
 }
 
-// ---- Start ------------------------------------------------------------------------------
-
-TEST(DeviceStart, TheDefaultCameraStartsWithItsTablesOnTheFilterFactory)
-{
-    kvsim::ClearDebugLog();
-    Rig rig;
-    EXPECT_TRUE(DebugSaid("init Driver entry get called\n"));
-    ASSERT_EQ(rig.AddAndStart(), STATUS_SUCCESS);
-    const CCaptureDevice& dev = rig.Dev();
-    const FilterTables& f = dev.m_Filter;
-    const FormatTables& t = dev.m_Formats;
-    EXPECT_TRUE(f.m_FilterFactoryCreated);
-    EXPECT_NE(f.m_pFilterFactory, nullptr);
-    EXPECT_EQ(dev.m_Requests.m_ControlReady, 1u);
-    EXPECT_NE(dev.m_Settings.m_Property, nullptr);
-    EXPECT_GT(t.m_nCaptureTable, 0);
-    EXPECT_GT(t.m_nStillTable, 0);
-    EXPECT_EQ(f.m_FilterDescriptor.PinDescriptors, f.m_PinDescriptors);
-    EXPECT_EQ(f.m_FilterDescriptor.PinDescriptorsCount, 3u);
-    EXPECT_EQ(f.m_FilterDescriptor.PinDescriptorSize, 136u);
-    EXPECT_EQ(f.m_FilterDescriptor.NodeDescriptorsCount, 4u);
-    EXPECT_EQ(f.m_FilterDescriptor.NodeDescriptorSize, 24u);
-    EXPECT_EQ(f.m_FilterDescriptor.NodeDescriptors, f.m_pNodeDescriptors);
-    EXPECT_EQ(f.m_FilterDescriptor.ConnectionsCount, 6u);
-    EXPECT_EQ(f.m_FilterDescriptor.Connections, f.m_pTopologyConnections);
-    const KSPIN_DESCRIPTOR& capture = f.m_PinDescriptors[KV_PIN_CAPTURE].PinDescriptor;
-    ASSERT_EQ(capture.DataRangesCount, t.m_nCaptureTable);
-    for (ULONG i = 0; i < capture.DataRangesCount; ++i) {
-        EXPECT_EQ(static_cast<const void*>(capture.DataRanges[i]), static_cast<const void*>(&t.m_pCaptureTable[i]));
-    }
-    const KSPIN_DESCRIPTOR& still = f.m_PinDescriptors[KV_PIN_STILL].PinDescriptor;
-    ASSERT_EQ(still.DataRangesCount, t.m_nStillTable);
-    EXPECT_EQ(static_cast<const void*>(still.DataRanges[0]), static_cast<const void*>(&t.m_pStillTable[0]));
-    // The factory's device interfaces are on: a client finds the filter.
-    EXPECT_FALSE(kvsim::client::EnumerateFilters(KSCATEGORY_VIDEO).empty());
-    EXPECT_EQ(kvsim::RegGetDword(kData, "DeviceExist"), 1u);
-    // Every lasting block carries its owner's tag.
-    EXPECT_EQ(DriverBlockTags(), (std::vector<std::string>{"KVB1", "KVCn", "KVNd", "KVVd", "KVVp", "KVVr", "KVVs",
-                                                           "KVaC", "KVaT", "KVcd", "KVdd", "KVle", "KVrb", "KVtx"}));
-
-    // A start dispatched to a device that is already started does nothing.
-    const uint64_t before = kvsim::PoolAllocationCount();
-    PKSDEVICE ks = rig.KsDevice();
-    ASSERT_TRUE(ks->Started);
-    EXPECT_EQ(g_KvDeviceDescriptor.Dispatch->Start(ks, nullptr, nullptr, nullptr), STATUS_SUCCESS);
-    EXPECT_EQ(kvsim::PoolAllocationCount(), before);
-}
-
 // Every allocation of the start sequence failing in turn (USB requests and
 // descriptors, settings, format tables, the pins' data ranges, the node
 // tables, ks.sys's factory): the start fails with the status of the step the
@@ -138,15 +85,12 @@ TEST(DeviceStart, AnAllocationFailureAtAnyAllocationFailsTheStartAtItsStepAndRem
     kvsim::PoolEndOfTestCheck();
     ASSERT_GT(allocations, 10u);
     const std::string nm = " (Status " + Hex(kNoMemory) + " )";
-    const std::vector<std::string> stepLines = {
-        "Kvdrv PnP start exit1" + nm,
-        "Kvdrv PnP start exit2" + nm,
-        "Kvdrv PnP start : ExtractVSInfo return error" + nm,
-        "Kvdrv PnP start exit3" + nm,
-        "Kvdrv PnP start : ExtractStillInfo return error" + nm,
-        "Kvdrv PnP start exit4" + nm,
-        "CCaptureDevice::InitNodeAndTopologyDescriptor() InitNodeDescriptorSize() Failed Status 0xc000009a\n",
-    };
+    std::vector<std::string> stepLines;
+    for (const char* step : {"exit1", "exit2", ": ExtractVSInfo return error", "exit3",
+                             ": ExtractStillInfo return error", "exit4"}) {
+        stepLines.push_back(std::string("Kvdrv PnP start ") + step + nm);
+    }
+    stepLines.push_back("CCaptureDevice::InitNodeAndTopologyDescriptor() InitNodeDescriptorSize() Failed Status 0xc000009a\n");
     std::vector<std::string> seen;  // the lines of the failed starts, repeats folded
     size_t failedStarts = 0;
     for (uint64_t n = 1; n <= allocations; ++n) {
@@ -223,26 +167,39 @@ INSTANTIATE_TEST_SUITE_P(SharedCameras, RealCameraStart,
                                            RealCamera{"elp_h264", STATUS_INVALID_PARAMETER}),
                          [](const auto& info) { return std::string(info.param.name); });
 
-// ---- Stop, remove, surprise removal, capabilities ------------------------------------------
-
-// Stop writes "DeviceExist" = 2, deconfigures the camera and frees the
-// driver's blocks but the device object (ks.sys keeps its device and object
-// bag); the device then starts again.
-TEST(DeviceStop, WritesDeviceExist2FreesTheAllocationsAndTheDeviceStartsAgain)
+// The start leaves the tables, the settings and the filter factory in place,
+// every lasting block under its owner's tag, and "DeviceExist" = 1; a start
+// dispatched again does nothing. Stop writes "DeviceExist" = 2, deconfigures
+// the camera and frees the driver's blocks but the device object (ks.sys
+// keeps its device and object bag); the device then starts again.
+TEST(DeviceStartStop, StartBuildsTheTablesStopFreesThemAndTheDeviceStartsAgain)
 {
     Rig rig;
     ASSERT_EQ(rig.AddAndStart(), STATUS_SUCCESS);
-    ASSERT_EQ(kvsim::RegGetDword(kData, "DeviceExist"), 1u);
+    const CCaptureDevice& dev = rig.Dev();
+    EXPECT_TRUE(dev.m_Filter.m_FilterFactoryCreated);
+    EXPECT_EQ(dev.m_Requests.m_ControlReady, 1u);
+    EXPECT_NE(dev.m_Settings.m_Property, nullptr);
+    EXPECT_GT(dev.m_Formats.m_nCaptureTable, 0);
+    EXPECT_GT(dev.m_Formats.m_nStillTable, 0);
+    EXPECT_EQ(DriverBlockTags(), (std::vector<std::string>{"KVB1", "KVCn", "KVNd", "KVVd", "KVVp", "KVVr", "KVVs",
+                                                           "KVaC", "KVaT", "KVcd", "KVdd", "KVle", "KVrb", "KVtx"}));
+    EXPECT_EQ(kvsim::RegGetDword(kData, "DeviceExist"), 1u);
+    const uint64_t before = kvsim::PoolAllocationCount();
+    ASSERT_TRUE(rig.KsDevice()->Started);
+    EXPECT_EQ(g_KvDeviceDescriptor.Dispatch->Start(rig.KsDevice(), nullptr, nullptr, nullptr), STATUS_SUCCESS);
+    EXPECT_EQ(kvsim::PoolAllocationCount(), before);
+
     ASSERT_EQ(rig.Stop(), STATUS_SUCCESS);
     EXPECT_EQ(kvsim::RegGetDword(kData, "DeviceExist"), 2u);
     EXPECT_EQ(DriverBlockTags(), std::vector<std::string>{"KVaC"});
     EXPECT_FALSE(usb::GetDeviceState(rig.Pdo()).configured);
-    EXPECT_EQ(rig.Dev().m_Formats.m_pCaptureTable, nullptr);
-    EXPECT_EQ(rig.Dev().m_Settings.m_Property, nullptr);
+    EXPECT_EQ(dev.m_Formats.m_pCaptureTable, nullptr);
+    EXPECT_EQ(dev.m_Settings.m_Property, nullptr);
     EXPECT_TRUE(kvsim::client::EnumerateFilters(KSCATEGORY_VIDEO).empty());
 
     ASSERT_EQ(rig.Start(), STATUS_SUCCESS);
-    EXPECT_TRUE(rig.Dev().m_Filter.m_FilterFactoryCreated);
+    EXPECT_TRUE(dev.m_Filter.m_FilterFactoryCreated);
     EXPECT_EQ(kvsim::client::EnumerateFilters(KSCATEGORY_VIDEO).size(), 1u);
     EXPECT_EQ(kvsim::RegGetDword(kData, "DeviceExist"), 1u);
 }
@@ -268,30 +225,6 @@ TEST(DeviceSurpriseRemoval, EndsIdleManagementAndTheFinalRemoveFreesEverything)
     EXPECT_TRUE(DebugSaid("PnP Remove\n"));
     EXPECT_EQ(kvsim::PoolLiveBlockCount(), 0u) << ::testing::PrintToString(kvsim::PoolLeakReport());
 }
-
-// The camera may be pulled out without warning and is not offered for
-// ejection. QueryCapabilities is pageable: above APC_LEVEL it prints the
-// IRQL line and goes on.
-TEST(DeviceCapabilities, ClearRemovableAndSetSurpriseRemovalOK)
-{
-    Rig rig;
-    ASSERT_EQ(rig.AddAndStart(), STATUS_SUCCESS);
-    kvsim::ClearDebugLog();
-    DEVICE_CAPABILITIES caps{};
-    ASSERT_EQ(pnp::QueryCapabilities(rig.Pdo(), &caps), STATUS_SUCCESS);
-    EXPECT_EQ(caps.Removable, 0u);
-    EXPECT_EQ(caps.SurpriseRemovalOK, 1u);
-    EXPECT_TRUE(DebugStartingWith("EX: Pageable").empty());
-
-    caps = DEVICE_CAPABILITIES{};
-    KIRQL old = KeRaiseIrqlToDpcLevel();
-    g_KvDeviceDescriptor.Dispatch->QueryCapabilities(rig.KsDevice(), nullptr, &caps);
-    KeLowerIrql(old);
-    EXPECT_TRUE(DebugSaid("EX: Pageable code called at IRQL 2\n"));
-    EXPECT_EQ(caps.SurpriseRemovalOK, 1u);
-}
-
-// ---- The self-timer's countdown ------------------------------------------------------------
 
 // The DPC counts down once a second; the second after 0 it asks for a still
 // (no longer a software trigger) and stops the timer. Stop cancels a

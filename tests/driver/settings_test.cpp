@@ -1,8 +1,4 @@
-// The persistent settings store against the simulated registry and the
-// virtual camera (through the simulated USB bus): the registry layer, the
-// settings' share of the device start, CheckReadDef / InitLastValue, the
-// Last and Customer sets, the "\Property\Default" operations, and
-// SaveSpecialFrameString.
+// The settings store against the simulated registry and the virtual camera.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -13,46 +9,33 @@
 
 using namespace controls_rig;
 
-// ---- Registry layer -------------------------------------------------------
-
-TEST(RegistryKeyPath, EveryOperationOnAnUnopenedKeyReturnsInvalidHandle)
-{
-    kvsim::RegReset();  // no "\USBKV" at all
-    RegistryKeyPath path;
-    EXPECT_FALSE(NT_SUCCESS(path.OpenRoot(KV_REGISTRY_SERVICE)));
-    EXPECT_EQ(path.KeyHandle(), nullptr);
-    ULONG value = 7, length = 4;
-    EXPECT_EQ(path.OpenSubkey(KV_REGISTRY_DATA), STATUS_INVALID_HANDLE);
-    EXPECT_EQ(path.ReadDword(L"BW", &value), STATUS_INVALID_HANDLE);
-    EXPECT_EQ(path.ReadRaw(L"BW", &value, &length), STATUS_INVALID_HANDLE);
-    EXPECT_EQ(path.WriteDword(L"BW", 1), STATUS_INVALID_HANDLE);
-    EXPECT_EQ(path.WriteString(L"S", L"x", 1), STATUS_INVALID_HANDLE);
-    EXPECT_EQ(path.CloseSubkey(KV_REGISTRY_DATA), STATUS_INVALID_HANDLE);
-    EXPECT_EQ(path.Reopen(), STATUS_INVALID_HANDLE);
-    EXPECT_EQ(path.Close(), STATUS_INVALID_HANDLE);
-    EXPECT_EQ(value, 7u);
-    EXPECT_FALSE(kvsim::RegKeyExists(kService));  // nothing was created
-}
-
-// CloseSubkey drops only the last component: after "\Property\Last" the
-// path names "\USBKV\Property", and the next open appends below it.
-TEST(RegistryKeyPath, AfterClosingATwoComponentSubkeyTheNextOpenAppendsBelowProperty)
+// Without the service key every operation returns STATUS_INVALID_HANDLE and
+// creates nothing. CloseSubkey drops only the last component: after
+// "\Property\Last" the path names "\USBKV\Property", and the next open
+// appends below it.
+TEST(RegistryKeyPath, FailsWithoutTheServiceKeyAndAfterATwoComponentSubkeyOpensBelowProperty)
 {
     kvsim::RegReset();
+    RegistryKeyPath path;
+    EXPECT_FALSE(NT_SUCCESS(path.OpenRoot(KV_REGISTRY_SERVICE)));
+    ULONG where = 7;
+    EXPECT_EQ(path.OpenSubkey(KV_REGISTRY_DATA), STATUS_INVALID_HANDLE);
+    EXPECT_EQ(path.ReadDword(L"BW", &where), STATUS_INVALID_HANDLE);
+    EXPECT_EQ(path.WriteDword(L"BW", 1), STATUS_INVALID_HANDLE);
+    EXPECT_EQ(path.Close(), STATUS_INVALID_HANDLE);
+    EXPECT_EQ(where, 7u);
+    EXPECT_FALSE(kvsim::RegKeyExists(kService));
+
     kvsim::RegCreateKey(kLast);
     kvsim::RegCreateKey(kData);
     kvsim::RegCreateKey(kService + "\\Property\\Data");
     kvsim::RegSetDword(kService + "\\Property\\Data", "Where", 2);
     kvsim::RegSetDword(kData, "Where", 1);
 
-    RegistryKeyPath path;
     ASSERT_EQ(path.OpenRoot(KV_REGISTRY_SERVICE), STATUS_SUCCESS);
     ASSERT_EQ(path.OpenSubkey(KV_REGISTRY_LAST), STATUS_SUCCESS);
     ASSERT_EQ(path.CloseSubkey(KV_REGISTRY_LAST), STATUS_SUCCESS);
-    const std::u16string expected = u"\\Registry\\MACHINE\\SYSTEM\\CurrentControlSet\\Services\\USBKV\\Property";
-    EXPECT_EQ(std::u16string(reinterpret_cast<const char16_t*>(path.Path().Buffer), path.Path().Length / 2), expected);
     ASSERT_EQ(path.OpenSubkey(KV_REGISTRY_DATA), STATUS_SUCCESS);
-    ULONG where = 0;
     EXPECT_EQ(path.ReadDword(L"Where", &where), STATUS_SUCCESS);
     EXPECT_EQ(where, 2u);  // "\USBKV\Property\Data", not "\USBKV\Data"
     EXPECT_EQ(path.Close(), STATUS_SUCCESS);
@@ -67,57 +50,40 @@ TEST(RegistryKeyPath, AfterClosingATwoComponentSubkeyTheNextOpenAppendsBelowProp
     EXPECT_EQ(path.KeyHandle(), nullptr);
 }
 
-// ---- The settings' share of the device start -------------------------------
-
-// The record starts with the slot table's values; of "\Data" only the two
-// values the driver owns are created when missing, and "DeviceExist" = 1.
-TEST(DeviceStartSettings, TheRecordStartsWithItsInitialValuesAndOnlyTheDriversOwnDataValuesAreCreated)
+// Of "\Data" only the two values the driver owns are created when missing,
+// and "DeviceExist" = 1; the start sends no control request. Present values
+// are read and not rewritten; a value shorter than four bytes is read into a
+// zeroed word, never mixed with the upper bytes of the value read before it.
+TEST(DeviceStartSettings, OnlyTheDriversOwnDataValuesAreCreatedAndShortValuesAreReadIntoAZeroedWord)
 {
-    Rig rig;
-    rig.Start();
-    for (ULONG slot = 0; slot < DEVICE_PROPERTY_SLOTS; ++slot) {
-        LONG expected = 0;
-        if (slot == 21 || slot == 28) expected = 1;
-        if (slot >= 23 && slot <= 27) expected = -1;
-        if (slot == 34) expected = -1;
-        EXPECT_EQ(rig.Slot(slot), expected) << "slot " << slot;
+    {
+        Rig rig;
+        rig.Start();
+        EXPECT_EQ(rig.RequestCount(), 0u);
+        EXPECT_EQ(kvsim::RegGetDword(kData, "TrackingWindowSize"), 4u);
+        EXPECT_EQ(kvsim::RegGetDword(kData, "TrackingFocus"), 2u);
+        auto names = kvsim::RegListValues(kData);
+        std::sort(names.begin(), names.end());
+        EXPECT_EQ(names, (std::vector<std::string>{"DeviceExist", "TrackingFocus", "TrackingWindowSize"}));
+        EXPECT_EQ(kvsim::RegGetDword(kData, "DeviceExist"), 1u);
+        // Without "ReadDef" (never created then) the camera's defaults are not read.
+        EXPECT_EQ(rig.Settings().CheckReadDef(), STATUS_SUCCESS);
+        EXPECT_EQ(rig.RequestCount(), 0u);
+        EXPECT_TRUE(kvsim::RegListValues(kLast).empty());
+        EXPECT_FALSE(kvsim::RegGetDword(kData, "ReadDef").has_value());
     }
-    EXPECT_EQ(rig.RequestCount(), 0u);  // the start sends no control request
-    EXPECT_EQ(kvsim::RegGetDword(kData, "TrackingWindowSize"), 4u);
-    EXPECT_EQ(kvsim::RegGetDword(kData, "TrackingFocus"), 2u);
-    EXPECT_EQ(rig.Settings().m_TrackingWindowSize, 4u);
-    EXPECT_EQ(rig.Settings().m_TrackingFocus, 2u);
-    EXPECT_EQ(kvsim::RegGetDword(kData, "DeviceExist"), 1u);
-    auto names = kvsim::RegListValues(kData);
-    std::sort(names.begin(), names.end());
-    EXPECT_EQ(names, (std::vector<std::string>{"DeviceExist", "TrackingFocus", "TrackingWindowSize"}));
-}
-
-// Present values are read and not rewritten. A value shorter than four bytes
-// is read into a zeroed word, never mixed with the upper bytes of the value
-// read before it.
-TEST(DeviceStartSettings, PresentDataValuesAreReadShortOnesIntoAZeroedWord)
-{
     Rig rig;
     kvsim::RegSetDword(kData, "TrackingWindowSize", 0);
-    kvsim::RegSetDword(kData, "TrackingFocus", 5);
     kvsim::RegSetDword(kData, "BW", 0x12345678);
     kvsim::RegSetValue(kData, "SaveFileMJPEG", REG_BINARY, {0x01});
-    kvsim::RegSetDword(kData, "SaveFileDroppedMJPEG", 1);
     kvsim::RegSetValue(kData, "DropFrameCntVGA", REG_DWORD, {0x0C, 0x00});
-    kvsim::RegSetDword(kData, "Key1Function", 1);
-    kvsim::RegSetDword(kData, "Key2Function", 2);
     rig.Start();
     const DeviceSettings& s = rig.Settings();
     EXPECT_EQ(s.m_TrackingWindowSize, 0u);
-    EXPECT_EQ(s.m_TrackingFocus, 5u);
-    EXPECT_EQ(kvsim::RegGetDword(kData, "TrackingFocus"), 5u);
+    EXPECT_EQ(kvsim::RegGetDword(kData, "TrackingWindowSize"), 0u);
     EXPECT_EQ(s.m_BW, 0x12345678u);
     EXPECT_EQ(s.m_SaveFileMJPEG, 1u);
-    EXPECT_EQ(s.m_SaveFileDroppedMJPEG, 1u);
     EXPECT_EQ(s.m_DropFrameCntVGA, 12u);
-    EXPECT_EQ(s.m_Key1Function, 1u);
-    EXPECT_EQ(s.m_Key2Function, 2u);
 }
 
 // "SWSetting": three bytes, default 00 C0 01 (mirror, flip and dead-pixel
@@ -127,50 +93,26 @@ TEST(DeviceStartSettings, PresentDataValuesAreReadShortOnesIntoAZeroedWord)
 TEST(DeviceStartSettings, SWSettingSetsIdlePowerSlot16AndWhichOfMirrorFlipAndDeadPixelTakeEffect)
 {
     struct Case {
-        const char* what;
         std::vector<uint8_t> value;  // empty: absent
-        UCHAR bytes[3];
         ULONG idlePower;
         LONG slot16, effective;
     };
-    const Case cases[] = {
-        {"absent", {}, {0x00, 0xC0, 0x01}, 0, 0, 1},
-        {"four bytes", {0xFF, 0xFF, 0xFF, 0xFF}, {0x00, 0xC0, 0x01}, 0, 0, 1},
-        {"bits 0 and 13", {0x01, 0x20, 0x00}, {0x01, 0x20, 0x00}, 1, 1, 0},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.what);
+    for (const Case& c : {Case{{}, 0, 0, 1}, Case{{0xFF, 0xFF, 0xFF, 0xFF}, 0, 0, 1}, Case{{0x01, 0x20, 0x00}, 1, 1, 0}}) {
+        SCOPED_TRACE(c.value.size());
         Rig rig;
         if (!c.value.empty()) kvsim::RegSetValue(kData, "SWSetting", REG_BINARY, c.value);
         rig.Start();
         const DeviceSettings& s = rig.Settings();
-        EXPECT_EQ(s.m_SWSetting[0], c.bytes[0]);
-        EXPECT_EQ(s.m_SWSetting[1], c.bytes[1]);
-        EXPECT_EQ(s.m_SWSetting[2], c.bytes[2]);
         EXPECT_EQ(rig.Dev().m_Idle.m_IdlePowerEnabled, c.idlePower);
         EXPECT_EQ(rig.Slot(SLOT_SWSETTING_OPTION), c.slot16);
-        rig.SetDeviceProperty(PROPID_MIRROR, 1);
-        rig.SetDeviceProperty(PROPID_VFLIP, 1);
-        rig.SetDeviceProperty(PROPID_DEAD_PIXEL, 1);
+        for (USHORT id : {PROPID_MIRROR, PROPID_VFLIP, PROPID_DEAD_PIXEL}) rig.Req().SetDeviceProperty(id, 1);
         EXPECT_EQ(rig.Slot(SLOT_MIRROR), 1);
         EXPECT_EQ(s.m_EffectiveMirror, c.effective);
         EXPECT_EQ(s.m_EffectiveVflip, c.effective);
         EXPECT_EQ(s.m_EffectiveDeadPixel, c.effective);
-        rig.SetDeviceProperty(PROPID_MIRROR, 0);
+        rig.Req().SetDeviceProperty(PROPID_MIRROR, 0);
         EXPECT_EQ(s.m_EffectiveMirror, 0);
     }
-}
-
-TEST(DeviceStartSettings, ARecordAllocationFailureFailsTheStartWithItsLine)
-{
-    Rig rig;
-    ASSERT_EQ(rig.Dev().m_Usb.ReadandSelectUsbDescriptors(), STATUS_SUCCESS);
-    kvsim::ClearDebugLog();
-    kvsim::PoolFailTag(kvsim::PoolTag("KVaT"));  // the record and every registry buffer
-    EXPECT_EQ(rig.Dev().InitDeviceSettings(), STATUS_INSUFFICIENT_RESOURCES);
-    kvsim::PoolResetFaultInjection();
-    EXPECT_TRUE(DebugHas("failed to alloc mem for m_Property\n"));
-    EXPECT_EQ(rig.Settings().m_Property, nullptr);
 }
 
 TEST(DeviceStartSettings, WithoutTheControlRequestContextNothingIsRead)
@@ -185,40 +127,27 @@ TEST(DeviceStartSettings, WithoutTheControlRequestContextNothingIsRead)
     EXPECT_EQ(rig.Settings().m_Property, nullptr);
 }
 
-// ---- CheckReadDef / InitLastValue ----------------------------------------
-
-// A missing "ReadDef" (never created then) or one equal to the processing
-// unit's bitmap: the camera's defaults are not read.
-TEST(CheckReadDef, AMissingOrEqualReadDefReadsNothing)
-{
-    for (bool present : {false, true}) {
-        SCOPED_TRACE(present ? "ReadDef 0x177F" : "no ReadDef");
-        Rig rig;
-        if (present) kvsim::RegSetDword(kData, "ReadDef", 0x177F);
-        rig.Start();
-        EXPECT_EQ(rig.Settings().CheckReadDef(), STATUS_SUCCESS);
-        EXPECT_EQ(rig.RequestCount(), 0u);
-        EXPECT_TRUE(kvsim::RegListValues(kLast).empty());
-        EXPECT_EQ(kvsim::RegGetDword(kData, "ReadDef").has_value(), present);
-    }
-}
-
+// A "ReadDef" other than the processing unit's bitmap: the camera's defaults
+// are read into the record and saved to "\Property\Last", and "ReadDef"
+// takes the bitmap. Above APC_LEVEL CheckReadDef prints the pageable line and
+// leaves the registry alone.
 TEST(CheckReadDef, ADifferentReadDefReadsTheCameraDefaultsIntoPropertyLast)
 {
     Rig rig;
     kvsim::RegSetDword(kData, "ReadDef", 0);
     kvsim::RegSetDword(kDefault, "fVflip", 1);
-    kvsim::RegSetDword(kDefault, "fRotate", 1);
     rig.Start();
+    kvsim::ClearDebugLog();
+    AtDispatchLevel([&] { return rig.Settings().CheckReadDef(); });
+    EXPECT_TRUE(DebugSaid("EX: Pageable code called at IRQL 2\n"));
+    EXPECT_EQ(kvsim::RegGetDword(kData, "ReadDef"), 0u);
+    EXPECT_EQ(rig.RequestCount(), 0u);
     rig.Settings().CheckReadDef();
 
     // The virtual camera's defaults (sim/camera/uvc_camera.cpp's table).
-    const std::pair<ULONG, LONG> defaults[] = {
-        {SLOT_BRIGHTNESS, 0}, {SLOT_CONTRAST, 32},      {SLOT_SATURATION, 64}, {SLOT_SHARPNESS, 3},
-        {SLOT_GAMMA, 100},    {SLOT_WB_TEMPERATURE, 4600}, {SLOT_BACKLIGHT, 1}, {SLOT_POWER_LINE, 1},
-        {SLOT_WB_AUTO, 1},    {SLOT_AUTO_EXPOSURE, 8},  {SLOT_EXPOSURE_TIME, 156},
-    };
-    for (const auto& [slot, value] : defaults) EXPECT_EQ(rig.Slot(slot), value) << "slot " << slot;
+    EXPECT_EQ(rig.Slot(SLOT_CONTRAST), 32);
+    EXPECT_EQ(rig.Slot(SLOT_WB_TEMPERATURE), 4600);
+    EXPECT_EQ(rig.Slot(SLOT_EXPOSURE_TIME), 156);
     // Every request was a GET_DEF; exposure time is asked of the camera
     // terminal only, never as gain, whose default is not read.
     for (const auto& r : Seen()) {
@@ -232,12 +161,9 @@ TEST(CheckReadDef, ADifferentReadDefReadsTheCameraDefaultsIntoPropertyLast)
     // "\Property\Default" orientation applied, then saved to "\Property\Last".
     EXPECT_EQ(rig.Slot(SLOT_VFLIP), 1);
     EXPECT_EQ(kvsim::RegGetDword(kLast, "Contrast"), 32u);
-    EXPECT_EQ(kvsim::RegGetDword(kLast, "WhiteBalanceAETarget"), 4600u);
     EXPECT_EQ(kvsim::RegGetDword(kLast, "AETarget"), 156u);
     EXPECT_EQ(kvsim::RegGetDword(kLast, "Gain"), 156u);  // slot 10, twice
     EXPECT_EQ(kvsim::RegGetDword(kLast, "fVflip"), 1u);
-    EXPECT_EQ(kvsim::RegGetDword(kLast, "fRotate"), 1u);
-    EXPECT_EQ(kvsim::RegGetDword(kLast, "SelfTimer"), 0xFFFFFFFFu);
     EXPECT_EQ(kvsim::RegGetDword(kData, "ReadDef"), 0x177Fu);
 
     // Run again: ReadDef now matches, nothing more is asked.
@@ -260,28 +186,9 @@ TEST(CheckReadDef, AFailedDefaultSetsItsSlotTo0AndPrintsTheLine)
     EXPECT_EQ(rig.Settings().InitLastValue(), 1);
     EXPECT_EQ(rig.Slot(SLOT_HUE), 0);
     EXPECT_EQ(rig.Slot(SLOT_CONTRAST), 32);
-    EXPECT_TRUE(DebugHas("InitLastValue() Retrieve properties fail."));
+    EXPECT_TRUE(DebugSaid("InitLastValue() Retrieve properties fail."));
 }
 
-TEST(CheckReadDef, CalledAboveApcLevelPrintsThePageableLineAndLeavesTheRegistryAlone)
-{
-    Rig rig;
-    kvsim::RegSetDword(kData, "ReadDef", 0);
-    rig.Start();
-    kvsim::ClearDebugLog();
-    KIRQL old;
-    KeRaiseIrql(DISPATCH_LEVEL, &old);
-    rig.Settings().CheckReadDef();
-    KeLowerIrql(old);
-    EXPECT_TRUE(DebugHas("EX: Pageable code called at IRQL 2\n"));
-    EXPECT_EQ(kvsim::RegGetDword(kData, "ReadDef"), 0u);
-}
-
-// ---- The Last and Customer sets ---------------------------------------------
-
-// Slot 10 is saved as "AETarget" when the camera terminal has exposure time
-// and as "Gain" when the processing unit has gain; "Gain" loads back as
-// exposure time (id 0x0400) to the camera terminal.
 TEST(PropertySets, Slot10IsSavedUnderTheNamesOfTheControlsTheCameraHas)
 {
     for (bool hasGain : {false, true}) {
@@ -315,51 +222,34 @@ TEST(PropertySets, Slot10IsSavedUnderTheNamesOfTheControlsTheCameraHas)
     }
 }
 
-TEST(PropertySets, TheOptionsAreAlwaysSaved)
-{
-    Rig rig;
-    rig.Start();
-    rig.SetSlot(SLOT_ROTATE, 1);
-    rig.SetSlot(SLOT_SPECIAL_EFFECT, 5);
-    rig.SetSlot(SLOT_SPECIAL_FRAME, 3);
-    rig.SetSlot(SLOT_TRACKING_METHOD, 2);
-    rig.Settings().SavePropertySet(PropertySetCustomer);
-    const std::pair<const char*, uint32_t> saved[] = {
-        {"fRotate", 1}, {"SpecialEffectNo", 5}, {"SpecialFrameNo", 3}, {"TrackingMethod", 2},
-        {"fDeadPixelCorrection", 0}, {"fMirror", 0}, {"fVflip", 0}, {"SelfTimer", 0xFFFFFFFFu},
-    };
-    for (const auto& [name, value] : saved) EXPECT_EQ(kvsim::RegGetDword(kCustomer, name), value) << name;
-    EXPECT_TRUE(kvsim::RegListValues(kLast).empty());
-}
-
 TEST(PropertySets, ACustomerSetSavedAndLoadedBackReachesTheCamera)
 {
     Rig rig;
     rig.Start();
-    // Manual exposure so that the exposure time reaches the camera (turning
-    // auto exposure off re-sends slot 10, which must be in the camera's range).
+    // Manual exposure, so that exposure times reach the camera.
     rig.SetSlot(SLOT_EXPOSURE_TIME, 156);
-    ASSERT_EQ(rig.SetDeviceProperty(PROPID_AUTO_EXPOSURE, 0), STATUS_SUCCESS);
+    ASSERT_EQ(rig.Req().SetDeviceProperty(PROPID_AUTO_EXPOSURE, 0), STATUS_SUCCESS);
     const std::pair<USHORT, LONG> saved[] = {
         {PROPID_BRIGHTNESS, -20}, {PROPID_CONTRAST, 40},     {PROPID_GAMMA, 200},          {PROPID_WB_AUTO, 0},
         {PROPID_WB_TEMPERATURE, 5000}, {PROPID_EXPOSURE_TIME, 700}, {PROPID_ROTATE, 1}, {PROPID_SPECIAL_EFFECT, 4},
         {PROPID_SELF_TIMER, 5},
     };
-    for (const auto& [id, value] : saved) ASSERT_EQ(rig.SetDeviceProperty(id, value), STATUS_SUCCESS) << id;
-    ASSERT_EQ(rig.SetDeviceProperty(PROPID_SAVE_CUSTOMER, 0), STATUS_SUCCESS);
+    for (const auto& [id, value] : saved) ASSERT_EQ(rig.Req().SetDeviceProperty(id, value), STATUS_SUCCESS) << id;
+    ASSERT_EQ(rig.Req().SetDeviceProperty(PROPID_SAVE_CUSTOMER, 0), STATUS_SUCCESS);
     EXPECT_EQ(kvsim::RegGetDword(kCustomer, "Brightness"), static_cast<uint32_t>(-20));
     EXPECT_EQ(kvsim::RegGetDword(kCustomer, "AETarget"), 700u);
+    EXPECT_TRUE(kvsim::RegListValues(kLast).empty());  // the Customer set only
 
     // Change everything.
     const std::pair<USHORT, LONG> changed[] = {
         {PROPID_BRIGHTNESS, 10},  {PROPID_CONTRAST, 1}, {PROPID_GAMMA, 300},          {PROPID_WB_TEMPERATURE, 3000},
         {PROPID_EXPOSURE_TIME, 50}, {PROPID_ROTATE, 0}, {PROPID_SPECIAL_EFFECT, 0}, {PROPID_SELF_TIMER, -1},
     };
-    for (const auto& [id, value] : changed) rig.SetDeviceProperty(id, value);
+    for (const auto& [id, value] : changed) rig.Req().SetDeviceProperty(id, value);
     EXPECT_EQ(rig.CameraValue(3, 0x02), 10);
 
     // Load back: the camera's state carries the saved values.
-    ASSERT_EQ(rig.SetDeviceProperty(PROPID_LOAD_CUSTOMER, 0), STATUS_SUCCESS);
+    ASSERT_EQ(rig.Req().SetDeviceProperty(PROPID_LOAD_CUSTOMER, 0), STATUS_SUCCESS);
     EXPECT_EQ(rig.CameraValue(3, 0x02), -20);   // brightness
     EXPECT_EQ(rig.CameraValue(3, 0x03), 40);    // contrast
     EXPECT_EQ(rig.CameraValue(3, 0x09), 200);   // gamma
@@ -413,8 +303,6 @@ TEST(PropertySets, LoadingFromAKeyThatCannotBeOpenedLeavesTheRecordAsItIs)
     EXPECT_EQ(kvsim::RegOpenKeyCount(), 0u);
 }
 
-// ---- "\Property\Default" and reset ----------------------------------------------
-
 // Id 0x0916 applies only the effect values of "\Property\Default", id 0x0915
 // only the orientation values; id 0x0917 resets tracking and the self-timer.
 TEST(PropertyDefaults, EffectsOrientationAndResetEachApplyOnlyTheirOwnValues)
@@ -426,14 +314,14 @@ TEST(PropertyDefaults, EffectsOrientationAndResetEachApplyOnlyTheirOwnValues)
     kvsim::RegSetDword(kDefault, "SpecialEffectNo", 9);
     kvsim::RegSetDword(kDefault, "SpecialFrameNo", 11);
     rig.Start();
-    EXPECT_EQ(rig.SetDeviceProperty(PROPID_DEFAULT_EFFECTS, 0), STATUS_SUCCESS);
+    EXPECT_EQ(rig.Req().SetDeviceProperty(PROPID_DEFAULT_EFFECTS, 0), STATUS_SUCCESS);
     EXPECT_EQ(rig.Slot(SLOT_SPECIAL_EFFECT), 9);
     EXPECT_EQ(rig.Slot(SLOT_SPECIAL_FRAME), 11);
-    EXPECT_EQ(rig.RequestsValue(&ControlRequests::m_SpecialFrameReload), 1u);
+    EXPECT_EQ(rig.Req().m_SpecialFrameReload, 1u);
     EXPECT_EQ(rig.Slot(SLOT_ROTATE), 0);
 
     rig.SetSlot(SLOT_SPECIAL_EFFECT, 0);
-    EXPECT_EQ(rig.SetDeviceProperty(PROPID_DEFAULT_ORIENTATION, 0), STATUS_SUCCESS);
+    EXPECT_EQ(rig.Req().SetDeviceProperty(PROPID_DEFAULT_ORIENTATION, 0), STATUS_SUCCESS);
     EXPECT_EQ(rig.Slot(SLOT_ROTATE), 1);
     EXPECT_EQ(rig.Slot(SLOT_MIRROR), 1);
     EXPECT_EQ(rig.Slot(SLOT_VFLIP), 0);
@@ -441,14 +329,12 @@ TEST(PropertyDefaults, EffectsOrientationAndResetEachApplyOnlyTheirOwnValues)
     EXPECT_EQ(rig.Settings().m_EffectiveMirror, 1);
     EXPECT_EQ(rig.Slot(SLOT_SPECIAL_EFFECT), 0);
 
-    rig.SetDeviceProperty(PROPID_TRACKING_METHOD, 2);
-    rig.SetDeviceProperty(PROPID_SELF_TIMER, 5);
-    EXPECT_EQ(rig.SetDeviceProperty(PROPID_RESET_TRACKING, 0), STATUS_SUCCESS);
+    rig.Req().SetDeviceProperty(PROPID_TRACKING_METHOD, 2);
+    rig.Req().SetDeviceProperty(PROPID_SELF_TIMER, 5);
+    EXPECT_EQ(rig.Req().SetDeviceProperty(PROPID_RESET_TRACKING, 0), STATUS_SUCCESS);
     EXPECT_EQ(rig.Slot(SLOT_TRACKING_METHOD), 0);
     EXPECT_EQ(rig.Slot(SLOT_SELF_TIMER), -1);
 }
-
-// ---- SaveSpecialFrameString ----------------------------------------------------
 
 // Photo frames 7-11 are the customer's, saved as "CustomerFrame0".."4" with
 // the units and a terminating zero; any other index, no text or no units
