@@ -21,11 +21,7 @@ const bool g_virtual = [] {
 
 NTSTATUS SetAtDispatchLevel(Rig& rig, USHORT id, LONG value)
 {
-    KIRQL old;
-    KeRaiseIrql(DISPATCH_LEVEL, &old);
-    const NTSTATUS status = rig.SetDeviceProperty(id, value);
-    KeLowerIrql(old);
-    return status;
+    return AtDispatchLevel([&] { return rig.Req().SetDeviceProperty(id, value); });
 }
 
 // The brightness values of the SET_CUR requests the camera received, in order.
@@ -46,7 +42,7 @@ TEST(DeferredOrder, ARequestAtPassiveLevelFollowsTheOnesStillDeferred)
     rig.Start();
     EXPECT_EQ(SetAtDispatchLevel(rig, PROPID_BRIGHTNESS, 10), STATUS_SUCCESS);
     EXPECT_EQ(SetAtDispatchLevel(rig, PROPID_BRIGHTNESS, 20), STATUS_SUCCESS);
-    EXPECT_EQ(rig.SetDeviceProperty(PROPID_BRIGHTNESS, 30), STATUS_SUCCESS);
+    EXPECT_EQ(rig.Req().SetDeviceProperty(PROPID_BRIGHTNESS, 30), STATUS_SUCCESS);
     kvsim::RunUntilIdle();
     EXPECT_EQ(BrightnessSent(), (std::vector<int>{10, 20, 30}));
     EXPECT_EQ(rig.CameraValue(3, UVC_PU_BRIGHTNESS_CONTROL >> 8), 30) << "the camera ends with the last value set";
