@@ -79,7 +79,6 @@ TEST_F(CameraControls, OtherGetRequestsAskTheCameraWithTheEntityValueAndLengthOf
     EXPECT_EQ(Seen()[0].index, 0x0300);
     EXPECT_EQ(Seen()[0].value, 0x0200);
     EXPECT_EQ(Seen()[0].length, 2u);
-    EXPECT_EQ(Seen()[0].request, UVC_GET_MIN);
     EXPECT_EQ(Seen()[1].index, 0x0100);  // camera terminal
     EXPECT_EQ(Seen()[1].length, 4u);
     EXPECT_EQ(Seen()[2].length, 2u);

@@ -10,8 +10,6 @@
 
 #include "camera/descriptor_builder.h"
 #include "camera/uvc_camera.h"
-#include "controls/requests.h"
-#include "controls/settings.h"
 #include "device/device.h"
 #include "driver_test_support.h"
 #include "kvsim/io.h"
@@ -34,10 +32,8 @@ inline const std::string kCustomer = kService + "\\Property\\Customer";
 // One class-interface request seen on its way down.
 struct SeenRequest {
     UCHAR request = 0;
-    USHORT value = 0;
-    USHORT index = 0;
-    ULONG length = 0;
-    ULONG flags = 0;
+    USHORT value = 0, index = 0;
+    ULONG length = 0, flags = 0;
     std::vector<UCHAR> out;  // the data of an OUT (SET_CUR) request
     KIRQL irql = 0;
 };

@@ -62,17 +62,18 @@ void CheckTable(NTSTATUS status, PKS_DATARANGE_VIDEO p, USHORT n)
 void RunOne(const std::vector<uint8_t>& bytes)
 {
     FormatTables tables;
-    // 1: a buffer of exactly the bytes held, walked with that bound.
-    {
-        std::vector<uint8_t> exact(bytes);
-        auto pConfig = reinterpret_cast<PUSB_CONFIGURATION_DESCRIPTOR>(exact.data());
-        USHORT n = 0;
-        PKS_DATARANGE_VIDEO p = nullptr;
-        { const NTSTATUS status = tables.ExtractVSInfo(pConfig, ULONG(exact.size()), &p, &n); CheckTable(status, p, n); }
-        n = 0;
+    USHORT n = 0;
+    PKS_DATARANGE_VIDEO p = nullptr;
+    auto check = [&](NTSTATUS status) {
+        CheckTable(status, p, n);
         p = nullptr;
-        { const NTSTATUS status = tables.ExtractStillInfo(pConfig, ULONG(exact.size()), &p, &n); CheckTable(status, p, n); }
-    }
+        n = 0;
+    };
+    // 1: a buffer of exactly the bytes held, walked with that bound.
+    std::vector<uint8_t> exact(bytes);
+    auto pConfig = reinterpret_cast<PUSB_CONFIGURATION_DESCRIPTOR>(exact.data());
+    check(tables.ExtractVSInfo(pConfig, ULONG(exact.size()), &p, &n));
+    check(tables.ExtractStillInfo(pConfig, ULONG(exact.size()), &p, &n));
     // 2: as the start walks it, a buffer of exactly wTotalLength bytes.
     if (bytes.size() >= 9) {
         const size_t total = std::max<size_t>(9, bytes[2] | (bytes[3] << 8));
@@ -80,13 +81,9 @@ void RunOne(const std::vector<uint8_t>& bytes)
         held.resize(total, 0);
         held[2] = total & 0xFF;
         held[3] = total >> 8;
-        auto pConfig = reinterpret_cast<PUSB_CONFIGURATION_DESCRIPTOR>(held.data());
-        USHORT n = 0;
-        PKS_DATARANGE_VIDEO p = nullptr;
-        { const NTSTATUS status = tables.ExtractVSInfo(pConfig, &p, &n); CheckTable(status, p, n); }
-        n = 0;
-        p = nullptr;
-        { const NTSTATUS status = tables.ExtractStillInfo(pConfig, &p, &n); CheckTable(status, p, n); }
+        pConfig = reinterpret_cast<PUSB_CONFIGURATION_DESCRIPTOR>(held.data());
+        check(tables.ExtractVSInfo(pConfig, &p, &n));
+        check(tables.ExtractStillInfo(pConfig, &p, &n));
     }
 }
 

@@ -8,7 +8,6 @@
 #include "camera/descriptor_builder.h"
 #include "camera/uvc_camera.h"
 #include "device/usb.h"
-#include "driver_test_support.h"
 #include "kvsim/pool.h"
 #include "usb/usb_bus.h"
 
@@ -23,11 +22,9 @@ struct Fixture {
     PDEVICE_OBJECT pdo = nullptr;
     UsbConfiguration config;
 
-    explicit Fixture(cam::DescriptorSet set = cam::BuildDescriptors(cam::DefaultCameraSpec()),
-                     usb::Speed speed = usb::Speed::kHigh)
+    explicit Fixture(usb::Speed speed = usb::Speed::kHigh)
     {
-        std::shared_ptr<cam::UvcCamera> camera = cam::UvcCamera::Create(std::move(set));
-        pdo = usb::PlugCamera(camera, speed);
+        pdo = usb::PlugCamera(cam::UvcCamera::Create(cam::BuildDescriptors(cam::DefaultCameraSpec())), speed);
         config.Attach(pdo);
     }
     ~Fixture()
@@ -76,7 +73,7 @@ TEST(UsbConfiguration, TheBusSpeedSetsThePacketsPerTransfer)
     for (const Case& c : {Case{usb::Speed::kHigh, true, 1, 128}, Case{usb::Speed::kFull, true, 0, 32},
                           Case{usb::Speed::kHigh, false, 0, 32}}) {
         SCOPED_TRACE(::testing::Message() << "bus interface " << c.busInterface << ", packets " << c.packets);
-        Fixture f(cam::BuildDescriptors(cam::DefaultCameraSpec()), c.speed);
+        Fixture f(c.speed);
         if (c.busInterface) {
             ASSERT_EQ(f.config.GetBusInterface(), STATUS_SUCCESS);
         }
