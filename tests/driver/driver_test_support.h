@@ -22,6 +22,7 @@ struct DriverTestAccess {
         due.QuadPart = -10'000'000;
         KeSetTimerEx(&timer.m_CountdownTimer, due, 1000, &timer.m_CountdownDpc);
     }
+
 };
 
 namespace drvtest {
