@@ -22,7 +22,6 @@ struct DriverTestAccess {
         due.QuadPart = -10'000'000;
         KeSetTimerEx(&timer.m_CountdownTimer, due, 1000, &timer.m_CountdownDpc);
     }
-
 };
 
 namespace drvtest {
