@@ -219,6 +219,21 @@ TEST(DeviceSurpriseRemoval, EndsIdleManagementAndTheFinalRemoveFreesEverything)
     EXPECT_EQ(kvsim::PoolLiveBlockCount(), 0u) << ::testing::PrintToString(kvsim::PoolLeakReport());
 }
 
+// A request deferred just before a stop reaches the camera while it is still
+// configured: stop waits for deferred requests before it deconfigures the
+// camera (which would refuse every class request after that).
+TEST(DeviceStartStop, ARequestDeferredBeforeAStopReachesTheConfiguredCamera)
+{
+    auto camera = DefaultCamera();
+    Rig rig(camera);
+    ASSERT_EQ(rig.AddAndStart(), STATUS_SUCCESS);
+    EXPECT_EQ(drvtest::AtDispatchLevel([&] { return rig.Dev().m_Requests.SetDeviceProperty(PROPID_BRIGHTNESS, 42); }),
+              STATUS_SUCCESS);
+    ASSERT_EQ(rig.Stop(), STATUS_SUCCESS);
+    EXPECT_FALSE(camera->Configured());
+    EXPECT_EQ(camera->ControlValue(3, UVC_PU_BRIGHTNESS_CONTROL >> 8), 42);
+}
+
 // The DPC counts down once a second; the second after 0 it asks for a still
 // (no longer a software trigger) and stops the timer. Stop cancels a
 // countdown that runs.
