@@ -160,16 +160,6 @@ const RangedId kRangedIds[] = {
     {PROPID_SWSETTING_OPTION, SLOT_SWSETTING_OPTION, 0, 1},
 };
 
-const CameraControl* FindCameraControl(USHORT id)
-{
-    for (const CameraControl& control : kCameraControls) {
-        if (control.Id == id) {
-            return &control;
-        }
-    }
-    return nullptr;
-}
-
 template <typename T, ULONG N>
 const T* FindId(const T (&table)[N], USHORT id)
 {
@@ -549,7 +539,7 @@ NTSTATUS ControlRequests::GetDeviceProperty(USHORT Id, UCHAR Request, PLONG pVal
         DbgPrint("GetDeviceProperty: no settings record\n");
         return STATUS_UNSUCCESSFUL;
     }
-    if (const CameraControl* pControl = FindCameraControl(Id)) {
+    if (const CameraControl* pControl = FindId(kCameraControls, Id)) {
         if (Request == UVC_GET_CUR) {
             *pValue = pProperty->Slot[pControl->Slot];
             return STATUS_SUCCESS;
@@ -608,7 +598,7 @@ NTSTATUS ControlRequests::SetDeviceProperty(USHORT Id, LONG Value)
         return DeferPropertySet(Id, Value);
     }
     if (IsPlainProcessingUnitId(Id)) {
-        const CameraControl* pControl = FindCameraControl(Id);
+        const CameraControl* pControl = FindId(kCameraControls, Id);
         SetProcessingUnit(Id, Value);
         pSlot[pControl->Slot] = Value;  // stored even if the request failed
         return STATUS_SUCCESS;
