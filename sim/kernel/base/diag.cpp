@@ -20,15 +20,19 @@ struct DiagState {
     FILE* trace = nullptr;  // KVSIM_TRACE or SetTraceFile
 };
 
+// The trace file at `path`, or null (with a line on stderr) when it cannot be written.
+FILE* OpenTrace(const char* path) {
+    FILE* trace = std::fopen(path, "w");
+    if (trace == nullptr) std::fprintf(stderr, "kvsim: cannot write the trace file %s\n", path);
+    return trace;
+}
+
 DiagState& State() {
     // Never destroyed: threads may print during exit.
     static DiagState* state = [] {
         auto* s = new DiagState;
         const char* path = std::getenv("KVSIM_TRACE");
-        if (path != nullptr && *path != '\0') {
-            s->trace = std::fopen(path, "w");
-            if (s->trace == nullptr) std::fprintf(stderr, "kvsim: cannot write the trace file %s\n", path);
-        }
+        if (path != nullptr && *path != '\0') s->trace = OpenTrace(path);
         return s;
     }();
     return *state;
@@ -56,7 +60,8 @@ std::string FormatV(const char* fmt, va_list args) {
 
 void AddMessage(std::string text) {
     auto& s = State();
-    // The time is read before the lock: the clock has a lock of its own.
+    // The time is read outside the lock: the first use of the clock starts
+    // the simulated kernel, which may report through this module.
     const bool tracing = [&s] {
         std::lock_guard<std::mutex> guard(s.lock);
         return s.trace != nullptr;
@@ -125,8 +130,7 @@ void SetTraceFile(const std::string& path) {
     auto& s = State();
     std::lock_guard<std::mutex> guard(s.lock);
     if (s.trace != nullptr) std::fclose(s.trace);
-    s.trace = path.empty() ? nullptr : std::fopen(path.c_str(), "w");
-    if (!path.empty() && s.trace == nullptr) std::fprintf(stderr, "kvsim: cannot write the trace file %s\n", path.c_str());
+    s.trace = path.empty() ? nullptr : OpenTrace(path.c_str());
 }
 
 void SetDebugEcho(bool on) {
