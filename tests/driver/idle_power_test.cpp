@@ -173,26 +173,31 @@ TEST_F(IdlePower, ASystemSleepStopsTheIdleTimerAndTheNextSetPowerRestartsItOnce)
 // A system sleep racing a stop queues the idle timer's restart (from the
 // set-power that follows the query); the stop must still leave no timer
 // armed, whichever runs first. The fixed schedule lets the stop end the
-// scheme first; the seeded sweep (ctest -L seeds) tries the interleavings
-// where the restart reads the scheme active, the stop ends it, and the
-// restart arms the timer afterwards.
+// scheme first; under a seed (ctest -L seeds) the rounds try the
+// interleavings where the restart reads the scheme active, the stop ends it,
+// and the restart arms the timer afterwards.
 TEST_F(IdlePower, ASleepRacingAStopLeavesNoTimerArmed)
 {
+    constexpr int kRounds = 64;
     PDEVICE_OBJECT pdo = rig.Pdo();
-    HANDLE thread = nullptr;
-    ASSERT_EQ(PsCreateSystemThread(
-                  &thread, THREAD_ALL_ACCESS, nullptr, nullptr, nullptr,
-                  [](PVOID context) { pnp::SleepSystem(static_cast<PDEVICE_OBJECT>(context)); }, pdo),
-              STATUS_SUCCESS);
-    ASSERT_EQ(rig.Stop(), STATUS_SUCCESS);
-    PVOID object = nullptr;
-    ASSERT_EQ(ObReferenceObjectByHandle(thread, SYNCHRONIZE, *PsThreadType, KernelMode, &object, nullptr),
-              STATUS_SUCCESS);
-    ZwClose(thread);
-    KeWaitForSingleObject(object, Executive, KernelMode, FALSE, nullptr);
-    ObDereferenceObject(object);
-    kvsim::RunUntilIdle();
-    EXPECT_EQ(kvsim::GetSchedCounters().timersArmed, 0u);
+    for (int round = 0; round < kRounds; ++round) {
+        HANDLE thread = nullptr;
+        ASSERT_EQ(PsCreateSystemThread(
+                      &thread, THREAD_ALL_ACCESS, nullptr, nullptr, nullptr,
+                      [](PVOID context) { pnp::SleepSystem(static_cast<PDEVICE_OBJECT>(context)); }, pdo),
+                  STATUS_SUCCESS);
+        ASSERT_EQ(rig.Stop(), STATUS_SUCCESS);
+        PVOID object = nullptr;
+        ASSERT_EQ(ObReferenceObjectByHandle(thread, SYNCHRONIZE, *PsThreadType, KernelMode, &object, nullptr),
+                  STATUS_SUCCESS);
+        ZwClose(thread);
+        KeWaitForSingleObject(object, Executive, KernelMode, FALSE, nullptr);
+        ObDereferenceObject(object);
+        kvsim::RunUntilIdle();
+        ASSERT_EQ(kvsim::GetSchedCounters().timersArmed, 0u) << "round " << round;
+        ASSERT_EQ(pnp::WakeSystem(pdo), STATUS_SUCCESS);
+        ASSERT_EQ(rig.Start(), STATUS_SUCCESS);
+    }
 }
 
 // A start that fails after the idle timer was armed gets no stop from KS:

@@ -265,4 +265,41 @@ TEST(SelfTimerCountdown, CountsDownThenRaisesTheStillRequestAndStopCancelsIt)
     EXPECT_EQ(kvsim::GetSchedCounters().timersArmed, 0u);
 }
 
+// A countdown second that expired while another processor was busy leaves
+// its DPC queued; cancelling the timer does not take it back. Stop (before
+// the next start initialises the DPC again) and removal (before the device's
+// memory goes) wait it out; otherwise freeing the device with the DPC still
+// queued is bug check 0xC7.
+TEST(SelfTimerCountdown, StopAndRemovalWaitOutADpcQueuedOnABusyProcessor)
+{
+    enum class Path { Stop, Remove, SurpriseRemoval };
+    for (Path path : {Path::Stop, Path::Remove, Path::SurpriseRemoval}) {
+        SCOPED_TRACE(static_cast<int>(path));
+        // Idle power off: nothing else on these paths flushes DPCs.
+        Rig rig;
+        ASSERT_EQ(rig.AddAndStart(), STATUS_SUCCESS);
+        kvsim::SetExactTimers(true);
+        DriverTestAccess::StartCountdown(rig.Dev().m_SelfTimer, 5);
+        kvsim::HoldDpcs(true);
+        kvsim::RunFor(kvsim::kSecond);
+        ASSERT_EQ(kvsim::GetSchedCounters().dpcsQueued, 1u);
+        switch (path) {
+            case Path::Stop:
+                ASSERT_EQ(rig.Stop(), STATUS_SUCCESS);
+                break;
+            case Path::Remove:
+                ASSERT_EQ(rig.Remove(), STATUS_SUCCESS);
+                break;
+            case Path::SurpriseRemoval:
+                usb::SurpriseRemove(rig.Pdo());
+                ASSERT_EQ(pnp::SurpriseRemoveDevice(rig.Pdo()), STATUS_SUCCESS);
+                rig.MarkRemoved();
+                ASSERT_EQ(pnp::FinishSurpriseRemoval(rig.Pdo()), STATUS_SUCCESS);
+                break;
+        }
+        EXPECT_EQ(kvsim::GetSchedCounters().dpcsQueued, 0u);
+        kvsim::HoldDpcs(false);
+    }
+}
+
 }  // namespace

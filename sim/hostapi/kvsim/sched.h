@@ -126,6 +126,12 @@ uint64_t GetSeed();
 // Where other simulation components mark a preemption point (no lock held).
 void PreemptionPoint();
 
+// Another processor busy at DISPATCH_LEVEL for a long time: DPCs queued
+// while the hold lasts stay queued (the clock goes on) until it ends or a
+// KeFlushQueuedDpcs waits them out, which is the only way a driver can know
+// that a DPC it queued has finished (until the end of the test).
+void HoldDpcs(bool hold);
+
 // Timers expire on the first clock tick (KeQueryTimeIncrement, 15.625 ms) at
 // or after their due time, as on Windows; a test that needs exact expiry asks
 // for it (until the end of the test).

@@ -459,7 +459,11 @@ VOID KeFlushQueuedDpcs(VOID) {
     Kernel& k = K();
     std::unique_lock<std::mutex> lk(k.m);
     if (k.dpcQueue.empty() && k.dpcRunning == 0) return;
+    // DPCs held on a busy processor run once it is free; the flush waits.
+    ++k.dpcFlushers;
+    WakeDpcThreadsLocked(k);
     WaitKindLocked(k, lk, self, WaitKind::DpcFlush, kNever);
+    --k.dpcFlushers;
 }
 
 }  // extern "C"

@@ -52,6 +52,9 @@ struct SimThread {
 
     PKSTART_ROUTINE start = nullptr;  // system threads
     bool reportedAlive = false;       // by an end-of-test check (reported once)
+    // A thread preempted at a seeded preemption point is not yielded to
+    // again before the kernel's point count reaches this.
+    uint64_t heldOffUntil = 0;
     PVOID startContext = nullptr;
 };
 
@@ -118,8 +121,12 @@ struct Kernel {
     // Seeded interleavings (Virtual mode): 0 keeps the fixed schedule.
     uint64_t seed = 0;
     uint64_t rng = 0;  // the generator's state, reset to the seed at every test start
+    uint64_t preemptionPoints = 0;  // seeded points passed, the clock of heldOffUntil
     // Timers expire on the clock tick unless a test asks for exact expiry.
     bool exactTimers = false;
+    // Queued DPCs wait while held (HoldDpcs) unless a KeFlushQueuedDpcs waits.
+    bool dpcsHeld = false;
+    int dpcFlushers = 0;
 };
 
 Kernel& K();
@@ -152,6 +159,9 @@ void WaitKindLocked(Kernel& k, std::unique_lock<std::mutex>& lk, SimThread* self
 // After an object's signal state rose: satisfies the waiters it can.
 void SignalLocked(Kernel& k, DISPATCHER_HEADER* object);
 void QueueDpcLocked(Kernel& k, DpcEntry entry, bool front);
+// Whether queued DPCs may run now, and waking the DPC threads when they may.
+bool DpcsMayRunLocked(const Kernel& k);
+void WakeDpcThreadsLocked(Kernel& k);
 void QueueWorkLocked(Kernel& k, WorkEntry entry);
 void NotifyClockLocked(Kernel& k);
 

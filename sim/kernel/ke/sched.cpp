@@ -290,7 +290,7 @@ void DpcThreadMain(Kernel& k, SimThread* self) {
     std::unique_lock<std::mutex> lk(k.m);
     AwaitBatonLocked(lk, self);
     for (;;) {
-        while (k.dpcQueue.empty()) {
+        while (k.dpcQueue.empty() || !DpcsMayRunLocked(k)) {
             self->waitKind = WaitKind::ServiceIdle;
             k.idleDpcThreads.push_back(self);
             BlockLocked(k, lk, self);
@@ -602,7 +602,19 @@ void QueueDpcLocked(Kernel& k, DpcEntry entry, bool front) {
         k.dpcQueue.push_front(std::move(entry));
     else
         k.dpcQueue.push_back(std::move(entry));
-    if (!k.idleDpcThreads.empty()) {
+    if (DpcsMayRunLocked(k) && !k.idleDpcThreads.empty()) {
+        SimThread* t = k.idleDpcThreads.front();
+        k.idleDpcThreads.pop_front();
+        t->waitKind = WaitKind::None;
+        MakeReadyLocked(k, t, /*front=*/true);
+    }
+}
+
+bool DpcsMayRunLocked(const Kernel& k) { return !k.dpcsHeld || k.dpcFlushers > 0; }
+
+void WakeDpcThreadsLocked(Kernel& k) {
+    if (k.dpcQueue.empty() || !DpcsMayRunLocked(k)) return;
+    while (!k.idleDpcThreads.empty()) {
         SimThread* t = k.idleDpcThreads.front();
         k.idleDpcThreads.pop_front();
         t->waitKind = WaitKind::None;
@@ -770,12 +782,18 @@ void PreemptionPoint() {
     if ((r & 3) == 0) FireDueLocked(k, NowLocked(k));
     // Half the time queued DPCs run at once, as another processor (or an
     // interrupt of this one) would run them.
-    if (!k.dpcQueue.empty() && ((r >> 2) & 1) != 0) {
+    if (!k.dpcQueue.empty() && DpcsMayRunLocked(k) && ((r >> 2) & 1) != 0) {
         YieldToDpcsLocked(k, lk, self);
         return;
     }
-    // One point in four, another ready thread runs first.
-    if (!k.ready.empty() && ((r >> 3) & 3) == 0) YieldLocked(k, lk, self);
+    // One point in four, another ready thread runs first. The preempted
+    // thread then sits out 0, 1, 3, ... 127 points (each length as likely):
+    // short stays let two threads alternate closely, long ones let the other
+    // get well into its work, as on a machine with more than one processor.
+    ++k.preemptionPoints;
+    if (k.ready.empty() || ((r >> 3) & 3) != 0 || k.ready.front()->heldOffUntil > k.preemptionPoints) return;
+    self->heldOffUntil = k.preemptionPoints + (uint64_t{1} << ((r >> 5) & 7)) - 1;
+    YieldLocked(k, lk, self);
 }
 
 void SetSeed(uint64_t seed) {
@@ -791,6 +809,14 @@ uint64_t GetSeed() {
     return k.seed;
 }
 
+void HoldDpcs(bool hold) {
+    Kernel& k = K();
+    std::lock_guard<std::mutex> guard(k.m);
+    k.dpcsHeld = hold;
+    WakeDpcThreadsLocked(k);
+    DispatchLocked(k);
+}
+
 void SetExactTimers(bool exact) {
     Kernel& k = K();
     std::lock_guard<std::mutex> guard(k.m);
@@ -801,7 +827,10 @@ void ResetSchedulerForNextTest() {
     Kernel& k = K();
     std::lock_guard<std::mutex> guard(k.m);
     k.rng = k.seed;
+    k.preemptionPoints = 0;
+    for (SimThread* t : k.threads) t->heldOffUntil = 0;
     k.exactTimers = false;
+    k.dpcsHeld = false;
     k.threadNumber = k.serviceThreadNumber;
     // The clock goes back to boot only when nothing waits on it: the
     // end-of-test checks cancelled every timer and callback.
