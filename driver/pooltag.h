@@ -40,6 +40,19 @@ constexpr ULONG kTagConnections = PoolTag("KVCn");
 constexpr ULONG kTagFilter = PoolTag("KVFl");
 // Registry buffers and the settings record, its in-memory image.
 constexpr ULONG kTagRegistry = PoolTag("KVaT");
+// The capture pin: its format copy and its edited descriptor and framing.
+constexpr ULONG kTagPinFormat = PoolTag("KVIV");
+constexpr ULONG kTagEditedDescriptor = PoolTag("KVCa");
+// The stream: the frame descriptor, the work buffers (and the pan-and-zoom
+// area), the collection and ready buffers, the list heads and locks, and
+// each transfer's object, URB and data buffer.
+constexpr ULONG kTagFrameDescriptor = PoolTag("KVER");
+constexpr ULONG kTagWork = PoolTag("KVSs");
+constexpr ULONG kTagFrameData = PoolTag("KVfb");
+constexpr ULONG kTagLists = PoolTag("KVls");
+constexpr ULONG kTagTransfer = PoolTag("KVto");
+constexpr ULONG kTagUrb = PoolTag("KVur");
+constexpr ULONG kTagTransferData = PoolTag("KVdb");
 
 // Frees a pool block with its tag and clears the pointer, so that a second
 // release is harmless.

@@ -85,6 +85,10 @@ enum : UCHAR {
     UVC_AE_MODE_APERTURE_PRIORITY = 0x08,
 };
 
+// The payload header the driver recognises: 12 bytes, PTS and SCR included
+// (2.4.3.3); byte 0 is its length, byte 1 its bmHeaderInfo.
+constexpr ULONG UVC_PAYLOAD_HEADER_LENGTH = 12;
+
 // Payload header, bmHeaderInfo bits (2.4.3.3).
 enum : UCHAR {
     UVC_STREAM_FID = 0x01,

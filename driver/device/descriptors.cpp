@@ -10,6 +10,7 @@
 #include "device/descriptors.h"
 
 #include "controls/filter.h"
+#include "streaming/capture.h"
 #include "pageable.h"
 #include "pooltag.h"
 
@@ -248,7 +249,7 @@ DECLARE_SIMPLE_FRAMING_EX(g_StillPinFraming, STATICGUIDOF(KSMEMORY_TYPE_KERNEL_N
 const KSPIN_DESCRIPTOR_EX g_PinDescriptorTemplate[KV_PIN_COUNT] = {
     // Pin 0: capture.
     {
-        nullptr,  // Dispatch: the capture pin's
+        &g_CapturePinDispatch,  // Dispatch
         nullptr,  // AutomationTable
         {
             0,                            // InterfacesCount
@@ -267,7 +268,7 @@ const KSPIN_DESCRIPTOR_EX g_PinDescriptorTemplate[KV_PIN_COUNT] = {
         1,                    // InstancesPossible
         1,                    // InstancesNecessary
         &g_CapturePinFraming, // AllocatorFraming
-        nullptr,              // IntersectHandler: the capture pin's
+        CCapturePin::IntersectHandler,  // IntersectHandler
     },
     // Pin 1: video input bridge.
     {

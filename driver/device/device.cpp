@@ -56,8 +56,13 @@ CCaptureDevice::CCaptureDevice(PKSDEVICE pKsDevice)
       m_Settings(),
       m_Requests(&m_Settings, &m_Formats, &m_Usb),
       m_SelfTimer(),
-      m_pCaptureFilter(nullptr)
+      m_Stream(),
+      m_FrameLoop(),
+      m_pCaptureFilter(nullptr),
+      m_StreamingSlot(0),
+      m_StreamActive(0)
 {
+    m_Stream.Attach(this);
     m_Usb.Attach(m_pNextDeviceObject);
     m_Idle.Attach(m_pFunctionalDeviceObject, m_pPhysicalDeviceObject);
     m_Settings.Bind(m_Requests.Access(), &m_Formats);

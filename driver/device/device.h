@@ -9,8 +9,8 @@
 //   m_Settings  the settings record and "\Data" values (controls/settings.h)
 //   m_Requests  video-class control requests (controls/requests.h)
 //   m_SelfTimer the self-timer's countdown (controls/interrupt.h)
-// The stream, the frame loop and the imaging state join as records of their
-// own.
+//   m_Stream    the isochronous stream and its frame buffers (streaming/isostream.h)
+//   m_FrameLoop the frame loop's counters (streaming/frameloop.h)
 #pragma once
 
 #include "wdk.h"
@@ -21,6 +21,8 @@
 #include "device/formats.h"
 #include "device/power.h"
 #include "device/usb.h"
+#include "streaming/frameloop.h"
+#include "streaming/isostream.h"
 
 class CCaptureFilter;
 
@@ -81,7 +83,13 @@ public:
     DeviceSettings m_Settings;
     ControlRequests m_Requests;
     SelfTimer m_SelfTimer;
+    IsoStream m_Stream;
+    FrameLoop m_FrameLoop;
     CCaptureFilter* m_pCaptureFilter;  // the most recently created filter object
+    // One streaming pin at a time: 1 while a capture pin is out of stop.
+    volatile LONG m_StreamingSlot;
+    // Set when a capture pin starts to run.
+    ULONG m_StreamActive;
 
 private:
     // The sequences behind the dispatch routines.

@@ -44,8 +44,11 @@ public:
 
 namespace kv {
 
-// "YUY2" as the four-character code of biCompression.
+// Four-character codes of biCompression: "YUY2", "MJPG", "I420"; 0 is
+// uncompressed RGB.
 constexpr ULONG kFourccYuy2 = 0x32595559;
+constexpr ULONG kFourccMjpg = 0x47504A4D;
+constexpr ULONG kFourccI420 = 0x30323449;
 // Still entries run at one picture a second.
 constexpr LONGLONG kStillFrameInterval = 10000000;
 

@@ -160,6 +160,21 @@ NTSTATUS IdlePower::RequestPowerUp()
     return status;
 }
 
+void IdlePower::StreamStarts()
+{
+    if (m_IdlePowerEnabled == 0) {
+        return;
+    }
+    m_StreamBusy = 1;
+    if (m_DevicePowerState > PowerDeviceD0) {
+        RequestPowerUp();
+        KeWaitForSingleObject(&m_PowerUpEvent, Executive, KernelMode, FALSE, nullptr);
+    }
+    if (m_IdleTimerStarted != 0) {
+        SetIdleTimer(&m_IdleTimer, &m_IdleDpc);
+    }
+}
+
 void IdlePower::StartIdleManagement()
 {
     KeInitializeSpinLock(&m_IdleSpinLock);

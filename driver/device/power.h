@@ -28,6 +28,9 @@ public:
     void EndIdleManagement(BOOLEAN PowerUp);
     // A D0 set-power request; m_PowerUpEvent is set when it has completed.
     NTSTATUS RequestPowerUp();
+    // A capture pin starts to run: with idle power, the device is marked
+    // busy, powered up when it sleeps, and the idle timer starts again.
+    void StreamStarts();
     // The device's QueryPower and SetPower dispatch, under the device mutex.
     NTSTATUS QueryPower(POWER_ACTION Action, SYSTEM_POWER_STATE SystemTo, SYSTEM_POWER_STATE SystemFrom);
     void SetPower(DEVICE_POWER_STATE To, DEVICE_POWER_STATE From);

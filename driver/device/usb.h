@@ -54,10 +54,11 @@ public:
     ULONG m_HighSpeed;
     ULONG m_SpeedPacketCount;                                  // 128 high speed, 32 full speed
 
-private:
     // One URB, synchronously. For a pended request the answer is the wait's
     // status; callers that care read the URB's own status too.
     NTSTATUS SubmitUrb(PURB pUrb);
+
+private:
     NTSTATUS ConfigureUsbDevice();
     NTSTATUS SelectUsbInterfaces(PUSB_CONFIGURATION_DESCRIPTOR pConfigurationDescriptor);
     NTSTATUS KeepFirstInterface(PUSBD_INTERFACE_INFORMATION pInfo, USBD_CONFIGURATION_HANDLE hConfiguration);

@@ -1,0 +1,467 @@
+// The frame-processing loop.
+//
+// Choices worth knowing:
+//  - A stream buffer smaller than the frame gets nothing: its header is
+//    filled with DataUsed 0, so that no client buffer is written past its
+//    extent. The frame-information extension is written only into headers
+//    long enough to hold it.
+//  - A frame without the JPEG start marker leaves the stream pointer unlocked
+//    without ejecting it: the client's buffer waits for the next frame
+//    instead of coming back empty.
+//  - When the thread ends while it still holds the leading edge (a failed
+//    decode keeps it for the next frame), it unlocks it, since ks.sys does
+//    not let a pin stop with a locked stream pointer.
+#include "streaming/frameloop.h"
+
+#include "device/device.h"
+#include "imaging/deadpixel.h"
+#include "imaging/effects.h"
+#include "imaging/facetracking.h"
+#include "imaging/panzoom.h"
+#include "imaging/photoframes.h"
+#include "imaging/primitives.h"
+#include "streaming/capture.h"
+#include "streaming/kvjp.h"
+
+using namespace kv;
+
+namespace {
+
+// Every wait of the loop: 8 s.
+constexpr LONGLONG kFrameWait = -80000000LL;
+// Face tracking and effects run on frames up to this width.
+constexpr ULONG kMaxProcessingWidth = 1280;
+// The stream header with its frame-information extension.
+constexpr ULONG kHeaderWithFrameInfo = sizeof(KSSTREAM_HEADER) + sizeof(KS_FRAME_INFO);
+constexpr ULONG kOptionsWithClock =
+    KSSTREAM_HEADER_OPTIONSF_SPLICEPOINT | KSSTREAM_HEADER_OPTIONSF_TIMEVALID | KSSTREAM_HEADER_OPTIONSF_DURATIONVALID;
+constexpr ULONG kTrackingPanZoom = 1;
+constexpr ULONG kTrackingFace = 2;
+// Dead-pixel correction's fixed arguments.
+constexpr ULONG kDeadPixelThreshold = 12;
+constexpr ULONG kDeadPixelMode = 0;
+
+// Where one frame goes and in which format.
+struct Delivery {
+    PKSSTREAM_POINTER pPointer;
+    PKS_VIDEOINFOHEADER pFormat;  // the capture format, or the still pin's
+    bool still;
+    PUCHAR pOutput;
+    ULONG extent;
+};
+
+// The settings a frame's stages read, taken once per frame.
+struct Stages {
+    bool effectsOn;
+    LONG effect;
+    LONG photoFrame;
+    ULONG tracking;
+    LONG countdown;
+    LONG rotate;
+    bool flip;
+    bool mirror;
+    bool deadPixel;
+};
+
+LONG Slot(const CCaptureDevice* pDevice, ULONG Index)
+{
+    return pDevice->m_Settings.m_Property != nullptr ? pDevice->m_Settings.m_Property->Slot[Index] : 0;
+}
+
+Stages ReadStages(const CCaptureDevice* pDevice)
+{
+    const DeviceSettings& settings = pDevice->m_Settings;
+    const bool turning = settings.SwBit(SWBIT_MIRROR) || settings.SwBit(SWBIT_VFLIP);
+    Stages s;
+    s.effectsOn = Slot(pDevice, SLOT_SWSETTING_OPTION) != 0;
+    s.effect = Slot(pDevice, SLOT_SPECIAL_EFFECT);
+    s.photoFrame = Slot(pDevice, SLOT_SPECIAL_FRAME);
+    s.tracking = static_cast<ULONG>(Slot(pDevice, SLOT_TRACKING_METHOD));
+    s.countdown = pDevice->m_SelfTimer.m_CountdownCounter;
+    s.rotate = Slot(pDevice, SLOT_ROTATE);
+    s.flip = turning && settings.m_EffectiveVflip == 1;
+    s.mirror = turning && settings.m_EffectiveMirror == 1;
+    s.deadPixel = settings.m_EffectiveDeadPixel != 0;
+    return s;
+}
+
+bool NeedsRgbStages(const Stages& s)
+{
+    return (s.effectsOn && (s.photoFrame != 0 || s.effect != 0)) || s.tracking != 0 || s.countdown > 0 ||
+           s.rotate != 0;
+}
+
+ULONG AbsHeight(const KS_VIDEOINFOHEADER* pFormat)
+{
+    LONG h = pFormat->bmiHeader.biHeight;
+    return static_cast<ULONG>(h < 0 ? -h : h);
+}
+
+}  // namespace
+
+FrameLoop::FrameLoop()
+    : m_FramesDelivered(0),
+      m_DropCount(0),
+      m_PictureNumber(0),
+      m_FirstTime(0),
+      m_LastTime(0),
+      m_SkipCounter(0),
+      m_DecodeResult(0),
+      m_FrameSeen(0)
+{
+}
+
+void FrameLoop::ResetCounters()
+{
+    m_FramesDelivered = 0;
+    InterlockedExchange(&m_DropCount, 0);
+    m_PictureNumber = 0;
+}
+
+namespace {
+
+// The loop's state for one thread.
+class FrameWorker {
+public:
+    FrameWorker(CCaptureDevice* pDevice, CapturePinContext* pContext)
+        : m_pDevice(pDevice),
+          m_pContext(pContext),
+          m_Stream(pDevice->m_Stream),
+          m_Loop(pDevice->m_FrameLoop),
+          m_pHeld(nullptr)
+    {
+    }
+
+    void Run();
+
+private:
+    bool Stopping() const { return m_pContext->StopByte != 0 || m_Stream.m_StopThread != 0; }
+    bool TakeDelivery(Delivery* pDelivery);
+    void ProcessOne(Delivery& delivery);
+    void DeliverMjpeg(Delivery& delivery);
+    void DeliverUncompressed(Delivery& delivery, bool rgbOutput);
+    void RgbStages(const Stages& s, bool& isRgb);
+    void ToOutput(Delivery& delivery, bool isRgb, ULONG dataUsed);
+    void Finish(Delivery& delivery, ULONG dataUsed);
+    void FillHeader(Delivery& delivery, ULONG dataUsed);
+    void ClearTrackingWhereItCannotRun();
+
+    CCaptureDevice* m_pDevice;
+    CapturePinContext* m_pContext;
+    IsoStream& m_Stream;
+    FrameLoop& m_Loop;
+    PKSSTREAM_POINTER m_pHeld;  // a leading edge kept locked for the next frame
+    ULONG m_Width = 0;
+    ULONG m_Height = 0;
+};
+
+void FrameWorker::Run()
+{
+    KeClearEvent(&m_Stream.m_ThreadExitEvent);
+    for (;;) {
+        LARGE_INTEGER timeout;
+        timeout.QuadPart = kFrameWait;
+        NTSTATUS status = KeWaitForSingleObject(&m_Stream.m_FrameSemaphore, Executive, KernelMode, FALSE, &timeout);
+        if (status == STATUS_TIMEOUT) {
+            DbgPrint("ProcessFrame:TIMEOUT\n");
+        }
+        if (Stopping()) {
+            if (m_pHeld != nullptr) {
+                KsStreamPointerUnlock(m_pHeld, FALSE);
+                m_pHeld = nullptr;
+            }
+            ReleasePhotoFrames();
+            KeSetEvent(&m_Stream.m_ThreadExitEvent, IO_NO_INCREMENT, FALSE);
+            return;
+        }
+        FrameBuffer* pFrame = m_Stream.TakeReadyFrame();
+        if (pFrame == nullptr) {
+            continue;
+        }
+        if (InterlockedExchange(&pFrame->ReadyBad, 0) != 0) {
+            InterlockedIncrement(&m_Loop.m_DropCount);
+            continue;
+        }
+        if (m_Loop.m_SkipCounter < m_pDevice->m_Settings.m_DropFrameCntVGA) {
+            m_Loop.m_SkipCounter++;
+            continue;
+        }
+        ClearTrackingWhereItCannotRun();
+        Delivery delivery = {};
+        if (!TakeDelivery(&delivery)) {
+            continue;
+        }
+        ProcessOne(delivery);
+    }
+}
+
+// Face tracking runs only on uncompressed output up to 1280 pixels wide.
+void FrameWorker::ClearTrackingWhereItCannotRun()
+{
+    const PKS_VIDEOINFOHEADER pFormat = m_pContext->pFormat;
+    const ULONG compression = pFormat->bmiHeader.biCompression;
+    if (m_Stream.m_Width > kMaxProcessingWidth || compression == 0 || compression == kFourccMjpg) {
+        if (m_pDevice->m_Settings.m_Property != nullptr) {
+            m_pDevice->m_Settings.m_Property->Slot[SLOT_TRACKING_METHOD] = 0;
+            m_pDevice->m_Settings.m_Property->Slot[SLOT_ZOOM_SWITCH] = 0;
+        }
+    }
+}
+
+// The leading edge of the still pin when a still is due, else of the
+// capture pin.
+bool FrameWorker::TakeDelivery(Delivery* pDelivery)
+{
+    PKSPIN pCapture = m_pContext->pKsPin;
+    PKSFILTER pFilter = KsPinGetParentFilter(pCapture);
+    PKSPIN pStill = nullptr;
+    if (m_pDevice->m_SelfTimer.m_StillRequest != 0 && pFilter != nullptr) {
+        KsFilterAcquireControl(pFilter);
+        pStill = KsFilterGetFirstChildPin(pFilter, KV_PIN_STILL);
+        KsFilterReleaseControl(pFilter);
+    }
+    PKSSTREAM_POINTER pPointer = nullptr;
+    if (pStill != nullptr) {
+        m_pDevice->m_SelfTimer.m_StillRequest = 0;
+        auto* pStillFormat = reinterpret_cast<PKS_DATAFORMAT_VIDEOINFOHEADER>(pStill->ConnectionFormat);
+        const ULONG stillSize = pStillFormat->VideoInfoHeader.bmiHeader.biSizeImage;
+        pPointer = KsPinGetLeadingEdgeStreamPointer(pStill, KSSTREAM_POINTER_STATE_LOCKED);
+        while (pPointer != nullptr && pPointer->StreamHeader != nullptr &&
+               pPointer->StreamHeader->FrameExtent < stillSize) {
+            pPointer->StreamHeader->DataUsed = 0;
+            pPointer->StreamHeader->OptionsFlags = 0;
+            if (!NT_SUCCESS(KsStreamPointerAdvance(pPointer))) {
+                DbgPrint("ProcessFrame:KsStreamPointerAdvance fail\n");
+                pPointer = nullptr;
+            }
+        }
+        pDelivery->pFormat = &pStillFormat->VideoInfoHeader;
+        pDelivery->still = true;
+    } else {
+        pPointer = m_pHeld != nullptr ? m_pHeld
+                                      : KsPinGetLeadingEdgeStreamPointer(pCapture, KSSTREAM_POINTER_STATE_LOCKED);
+        m_pHeld = nullptr;
+        pDelivery->pFormat = m_pContext->pFormat;
+        pDelivery->still = false;
+    }
+    m_Width = static_cast<ULONG>(m_pContext->pFormat->bmiHeader.biWidth);
+    m_Height = AbsHeight(m_pContext->pFormat);
+    m_Loop.m_FrameSeen = 1;
+    if (pPointer == nullptr) {
+        return false;
+    }
+    if (pPointer->StreamHeader == nullptr) {
+        KsStreamPointerUnlock(pPointer, FALSE);
+        return false;
+    }
+    pDelivery->pPointer = pPointer;
+    pDelivery->pOutput = static_cast<PUCHAR>(pPointer->StreamHeader->Data);
+    pDelivery->extent = pPointer->StreamHeader->FrameExtent;
+    return true;
+}
+
+void FrameWorker::ProcessOne(Delivery& delivery)
+{
+    const ULONG output = delivery.pFormat->bmiHeader.biCompression;
+    if (m_Stream.m_Uncompressed == 0) {
+        DeliverMjpeg(delivery);
+    } else if (output == kFourccI420) {
+        Finish(delivery, 0);
+    } else {
+        DeliverUncompressed(delivery, output == 0);
+    }
+}
+
+void FrameWorker::DeliverMjpeg(Delivery& delivery)
+{
+    ULONG dataUsed = m_Width * m_Height * 2;
+    const UCHAR* pReady = m_Stream.m_pReadyBuffer;
+    // Either byte of the start marker is enough to pass.
+    if (pReady[0] != 0xFF && pReady[1] != 0xD8) {
+        DbgPrint("No FFD8\n");
+        KsStreamPointerUnlock(delivery.pPointer, FALSE);
+        return;
+    }
+    if (delivery.pFormat->bmiHeader.biCompression != 0) {
+        if (dataUsed <= delivery.extent) {
+            RtlCopyMemory(delivery.pOutput, pReady, dataUsed);
+        }
+        Finish(delivery, dataUsed);
+        return;
+    }
+    dataUsed = m_Width * m_Height * 3;
+    m_Loop.m_DecodeResult = DecodeJpg(pReady, dataUsed, m_Stream.m_pWorkBufferA);
+    if (m_Loop.m_DecodeResult == 0) {
+        // The same buffer serves the next frame.
+        InterlockedIncrement(&m_Loop.m_DropCount);
+        m_pHeld = delivery.pPointer;
+        return;
+    }
+    if (dataUsed <= delivery.extent) {
+        RtlCopyMemory(delivery.pOutput, m_Stream.m_pWorkBufferA, dataUsed);
+    }
+    Finish(delivery, dataUsed);
+}
+
+void FrameWorker::DeliverUncompressed(Delivery& delivery, bool rgbOutput)
+{
+    const ULONG yuy2Size = m_Width * m_Height * 2;
+    const ULONG rgbSize = m_Width * m_Height * 3;
+    PUCHAR pA = m_Stream.m_pWorkBufferA;
+    PUCHAR pB = m_Stream.m_pWorkBufferB;
+    const Stages s = ReadStages(m_pDevice);
+    RtlCopyMemory(pA, m_Stream.m_pReadyBuffer, yuy2Size);
+    if (s.deadPixel) {
+        DeadPixelCorrect(pA, m_pContext->pDeadPixelTable, m_Width, m_Height, m_Loop.m_FramesDelivered % 4,
+                         kDeadPixelThreshold, kDeadPixelMode);
+    }
+    bool isRgb = false;
+    if (!rgbOutput) {
+        if (s.flip || s.mirror) {
+            RtlCopyMemory(pB, pA, yuy2Size);
+            FlipMirrorYuy2(pB, pA, m_Width, m_Height, s.flip, s.mirror);
+        }
+        if (m_Width <= kMaxProcessingWidth && IsYuy2Effect(s.effect)) {
+            ApplySpecialEffect(s.effect, m_Width, m_Height, delivery.pOutput, pA);
+        }
+        if (NeedsRgbStages(s)) {
+            RtlCopyMemory(pB, pA, yuy2Size);
+            Yuy2ToRgb24(pB, m_Width * 2, pA, m_Width * 3, m_Width, m_Height);
+            MirrorInPlace(pA, static_cast<LONG>(m_Width * 3), m_Width, m_Height, 0);
+            isRgb = true;
+        }
+    } else {
+        if (m_Width <= kMaxProcessingWidth && IsYuy2Effect(s.effect)) {
+            ApplySpecialEffect(s.effect, m_Width, m_Height, delivery.pOutput, pA);
+        }
+        RtlCopyMemory(pB, pA, yuy2Size);
+        Yuy2ToRgb24(pB, m_Width * 2, pA, m_Width * 3, m_Width, m_Height);
+        MirrorInPlace(pA, static_cast<LONG>(m_Width * 3), m_Width, m_Height, 0);
+        isRgb = true;
+        if (s.flip || s.mirror) {
+            RtlCopyMemory(pB, pA, rgbSize);
+            FlipMirrorRgb(pB, pA, m_Width, m_Height, s.flip, s.mirror);
+        }
+    }
+    if (isRgb) {
+        RgbStages(s, isRgb);
+    }
+    if (delivery.still) {
+        WriteSnapshotFile(pA, m_Width, m_Height);
+    }
+    ToOutput(delivery, isRgb, rgbOutput ? rgbSize : yuy2Size);
+}
+
+// Effects, photo frame, tracking, countdown and rotation on the RGB frame
+// in work buffer A.
+void FrameWorker::RgbStages(const Stages& s, bool& isRgb)
+{
+    UNREFERENCED_PARAMETER(isRgb);
+    PUCHAR pA = m_Stream.m_pWorkBufferA;
+    PUCHAR pB = m_Stream.m_pWorkBufferB;
+    const ULONG rgbSize = m_Width * m_Height * 3;
+    if (s.effectsOn) {
+        if (m_Width <= kMaxProcessingWidth && s.effect != 0 && !IsYuy2Effect(s.effect)) {
+            ApplySpecialEffect(s.effect, m_Width, m_Height, pA, nullptr);
+        }
+        if (s.photoFrame != 0) {
+            OverlayPhotoFrame(s.photoFrame, m_Width, m_Height, pA);
+        }
+    }
+    if (s.tracking != 0) {
+        RtlCopyMemory(pB, pA, rgbSize);
+        if (s.tracking == kTrackingPanZoom) {
+            PanZoomFrame(pA, m_pContext->pFormat->bmiHeader.biCompression, m_Width, m_Height);
+        } else if (s.tracking == kTrackingFace) {
+            FaceTrackFrame(pB, pA, m_Width, m_Height, m_pDevice->m_Settings.m_TrackingWindowSize);
+        }
+    }
+    if (s.countdown > 0 && m_pContext->StillPinExists()) {
+        OverlayCountdown(s.countdown, m_Width, m_Height, pA);
+    }
+    if (s.rotate != 0) {
+        RtlCopyMemory(pB, pA, rgbSize);
+        RotateFrame(s.rotate, m_Width, m_Height, pA, pB);
+    }
+}
+
+// Work buffer A into the client's buffer in the output format.
+void FrameWorker::ToOutput(Delivery& delivery, bool isRgb, ULONG dataUsed)
+{
+    const bool rgbOutput = delivery.pFormat->bmiHeader.biCompression == 0;
+    if (dataUsed > delivery.extent) {
+        Finish(delivery, 0);
+        return;
+    }
+    if (isRgb && !rgbOutput) {
+        Rgb24ToYuy2BottomUp(m_Stream.m_pWorkBufferA, m_Width * 3, delivery.pOutput, m_Width * 2, m_Width, m_Height);
+    } else {
+        RtlCopyMemory(delivery.pOutput, m_Stream.m_pWorkBufferA, dataUsed);
+    }
+    Finish(delivery, dataUsed);
+}
+
+void FrameWorker::Finish(Delivery& delivery, ULONG dataUsed)
+{
+    FillHeader(delivery, dataUsed <= delivery.extent ? dataUsed : 0);
+    KsStreamPointerUnlock(delivery.pPointer, TRUE);
+}
+
+void FrameWorker::FillHeader(Delivery& delivery, ULONG dataUsed)
+{
+    PKSSTREAM_HEADER pHeader = delivery.pPointer->StreamHeader;
+    const LONGLONG avg = m_pContext->pFormat->AvgTimePerFrame;
+    pHeader->DataUsed = dataUsed;
+    m_Loop.m_FramesDelivered++;
+    pHeader->Duration = avg;
+    pHeader->PresentationTime.Numerator = 1;
+    pHeader->PresentationTime.Denominator = 1;
+    auto* pInfo = pHeader->Size >= kHeaderWithFrameInfo ? reinterpret_cast<PKS_FRAME_INFO>(pHeader + 1) : nullptr;
+    PIKSREFERENCECLOCK pClock = m_pContext->pClock;
+    if (pClock == nullptr || delivery.still) {
+        pHeader->PresentationTime.Time = 0;
+        pHeader->Duration = 0;
+        pHeader->OptionsFlags = KSSTREAM_HEADER_OPTIONSF_SPLICEPOINT;
+        if (pInfo != nullptr) {
+            pInfo->ExtendedHeaderSize = sizeof(KS_FRAME_INFO);
+            pInfo->dwFrameFlags = 0;
+            pInfo->DropCount = m_Loop.m_DropCount;
+        }
+        return;
+    }
+    const LONGLONG now = pClock->GetTime();
+    if (m_Loop.m_FramesDelivered == 1) {
+        m_Loop.m_FirstTime = now;
+    }
+    m_Loop.m_LastTime = now;
+    pHeader->PresentationTime.Time = now;
+    LONGLONG drop = 0;
+    if (avg > 0 && now >= avg) {
+        m_Loop.m_PictureNumber = (now - m_Loop.m_FirstTime) / avg;
+        drop = m_Loop.m_PictureNumber - static_cast<LONGLONG>(m_Loop.m_FramesDelivered);
+        if (drop < 0) {
+            drop = 0;
+        }
+    }
+    pHeader->OptionsFlags = kOptionsWithClock;
+    if (pInfo != nullptr) {
+        pInfo->ExtendedHeaderSize = sizeof(KS_FRAME_INFO);
+        pInfo->PictureNumber = m_Loop.m_PictureNumber;
+        pInfo->DropCount = drop;
+        pInfo->dwFrameFlags = 0;
+    }
+}
+
+}  // namespace
+
+void FrameLoop::ProcessFrame(CCaptureDevice* pDevice, CapturePinContext* pContext)
+{
+    KeSetPriorityThread(KeGetCurrentThread(), LOW_REALTIME_PRIORITY);
+    FrameWorker worker(pDevice, pContext);
+    worker.Run();
+}
+
+#ifdef KV_TARGET_HOST
+// TEMPORARY until the simulated companion decoder lands.
+extern "C" __attribute__((weak)) UCHAR DecodeJpg(const UCHAR*, ULONG, UCHAR*) { return 0; }
+#endif
