@@ -6,6 +6,8 @@
 //  - The ready side of a frame's verdict is kept in the descriptor's
 //    ReadyBad (see FrameBuffer), so that a bad frame is counted as dropped
 //    although the descriptor is at once the next frame's.
+//  - A request that the bus fails before IoCallDriver returns is not
+//    resubmitted, so that a halted pipe cannot recurse without end.
 //  - The transfer object, its URB and data buffer, the collection and ready
 //    buffers and the list heads carry tags of their own ("KVto", "KVur",
 //    "KVdb", "KVfb", "KVls"), so that a leak names its owner; the stream
@@ -356,7 +358,11 @@ NTSTATUS IsoStream::TransferCompletion(PDEVICE_OBJECT pDeviceObject, PIRP pIrp, 
     auto* pTransfer = static_cast<TransferObject*>(pContext);
     StreamObject* pStream = pTransfer->pStream;
     IsoStream& stream = pTransfer->pDevice->m_Stream;
-    if (pStream->Stopping == 0) {
+    // A request the bus failed at once (a halted pipe) would fail again
+    // inside the resubmission, each time one call deeper: it is not
+    // resubmitted.
+    const bool failedAtOnce = !pIrp->PendingReturned && USBD_ERROR(pTransfer->pUrb->UrbHeader.Status);
+    if (pStream->Stopping == 0 && !failedAtOnce) {
         NTSTATUS status = stream.ProcessRequest(pTransfer);
         if (!DeviceGone(status)) {
             stream.BuildUrb(pTransfer, TRUE);

@@ -1,7 +1,10 @@
 // Frames from end to end, as an application sees them: the capture pin
-// opened with each advertised format, run with a master clock, buffers
-// queued and frames collected, stopped and run again.
+// opened with each format a camera advertises, run with a master clock,
+// buffers queued and frames collected, stopped and run again.
 #include <gtest/gtest.h>
+
+#include <cmath>
+#include <functional>
 
 #include "stream_rig.h"
 
@@ -9,9 +12,20 @@ namespace {
 
 using namespace stream_rig;
 
-class CaptureStream : public ::testing::Test {
-protected:
-    void SetUp() override
+struct CameraCase {
+    const char* name;
+    std::function<std::shared_ptr<cam::UvcCamera>()> make;
+};
+
+const CameraCase kCameras[] = {
+    {"builtin", [] { return DefaultCamera(); }},
+    {"trust_webcam", [] { return SharedCamera("trust_webcam"); }},
+};
+
+class StreamFixture {
+public:
+    explicit StreamFixture(std::shared_ptr<cam::UvcCamera> camera) : camera_(camera), rig(std::move(camera)) {}
+    void Open()
     {
         ASSERT_EQ(rig.AddAndStart(), STATUS_SUCCESS);
         filter = rig.OpenFilter(KSCATEGORY_VIDEO);
@@ -19,35 +33,198 @@ protected:
         offers = CaptureOffers(*filter);
         ASSERT_FALSE(offers.empty());
     }
-    void TearDown() override
+    ~StreamFixture()
     {
         if (filter) filter->Close();
     }
+    cam::UvcCamera& camera() { return *camera_; }
+
+    std::shared_ptr<cam::UvcCamera> camera_;
     Rig rig;
     std::unique_ptr<kvsim::client::Filter> filter;
     std::vector<Offer> offers;
 };
 
-TEST_F(CaptureStream, Yuy2FramesArriveInOrderWithStamps)
+// Stamps strictly rise, every header is a whole frame with time, duration
+// and frame information.
+void ExpectGoodFrames(const Offer& offer, const std::vector<kvsim::client::Frame>& frames, size_t atLeast)
 {
-    const Offer& offer = offers.front();
-    ASSERT_EQ(offer.Compression(), kv::kFourccYuy2);
-    Stream stream(*filter, offer);
-    ASSERT_EQ(stream.status(), STATUS_SUCCESS);
-    ASSERT_EQ(stream.Run(), STATUS_SUCCESS);
-    auto frames = stream.Collect(5);
-    ASSERT_GE(frames.size(), 5u);
-    std::optional<uint32_t> last;
+    ASSERT_GE(frames.size(), atLeast);
+    std::optional<uint32_t> lastStamp;
+    LONGLONG lastTime = -1;
     for (const auto& f : frames) {
         ASSERT_EQ(f.status, STATUS_SUCCESS);
-        ASSERT_EQ(f.header.DataUsed, offer.ImageSize());
+        const ULONG expected = offer.Compression() == 0 ? ULONG(offer.Width() * offer.Height() * 3)
+                                                        : ULONG(offer.Width() * offer.Height() * 2);
+        EXPECT_EQ(f.header.DataUsed, expected);
+        EXPECT_EQ(f.header.OptionsFlags, 0x111u);
+        EXPECT_EQ(f.header.Duration, offer.format.VideoInfoHeader.AvgTimePerFrame);
+        EXPECT_GE(f.header.PresentationTime.Time, lastTime);
+        lastTime = f.header.PresentationTime.Time;
+        ASSERT_TRUE(f.hasFrameInfo);
+        EXPECT_EQ(f.frameInfo.ExtendedHeaderSize, sizeof(KS_FRAME_INFO));
         auto stamp = StampOf(offer, f.data);
-        ASSERT_TRUE(stamp.has_value());
-        if (last) {
-            EXPECT_GT(*stamp, *last);
+        ASSERT_TRUE(stamp.has_value()) << "frame without a readable stamp";
+        if (lastStamp) {
+            EXPECT_GT(*stamp, *lastStamp);
         }
-        last = stamp;
+        lastStamp = stamp;
     }
+}
+
+// Every advertised format streams, stops and streams again.
+class EveryFormat : public ::testing::TestWithParam<CameraCase> {};
+
+TEST_P(EveryFormat, StreamsStopsAndStreamsAgain)
+{
+    auto camera = GetParam().make();
+    ASSERT_TRUE(camera);
+    StreamFixture fx(camera);
+    fx.Open();
+    for (const Offer& offer : fx.offers) {
+        SCOPED_TRACE(::testing::Message() << offer.Width() << "x" << offer.Height() << " compression 0x" << std::hex
+                                          << offer.Compression());
+        Stream stream(*fx.filter, offer);
+        ASSERT_EQ(stream.status(), STATUS_SUCCESS);
+        for (int round = 0; round < 2; ++round) {
+            ASSERT_EQ(stream.Run(), STATUS_SUCCESS);
+            ExpectGoodFrames(offer, stream.Collect(3), 3);
+            ASSERT_EQ(stream.pin().SetState(KSSTATE_PAUSE), STATUS_SUCCESS);
+            stream.pin().SetState(KSSTATE_STOP);
+            stream.pin().CollectFrames();
+        }
+        EXPECT_FALSE(fx.camera().Streaming(1));
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Cameras, EveryFormat, ::testing::ValuesIn(kCameras),
+                         [](const auto& info) { return std::string(info.param.name); });
+
+class CaptureStream : public ::testing::Test, public StreamFixture {
+protected:
+    CaptureStream() : StreamFixture(DefaultCamera()) {}
+    void SetUp() override { Open(); }
+    const Offer& Find(ULONG compression, LONG width) const
+    {
+        for (const Offer& o : offers) {
+            if (o.Compression() == compression && o.Width() == width) return o;
+        }
+        return offers.front();
+    }
+};
+
+// The frame the stream starts in is never delivered (no frame is being
+// collected until the first end of frame), then "DropFrameCntVGA" good
+// frames are skipped; nothing is counted as dropped.
+TEST_F(CaptureStream, TheFirstFrameAndTheStartUpFramesAreNotDelivered)
+{
+    for (ULONG skip : {0u, 3u}) {
+        SCOPED_TRACE(skip);
+        kvsim::RegSetValue(kData, "DropFrameCntVGA", REG_DWORD, {static_cast<uint8_t>(skip), 0, 0, 0});
+        // The value is read at device start.
+        filter->Close();
+        ASSERT_EQ(rig.Stop(), STATUS_SUCCESS);
+        ASSERT_EQ(rig.Start(), STATUS_SUCCESS);
+        filter = rig.OpenFilter(KSCATEGORY_VIDEO);
+        Stream stream(*filter, Find(kv::kFourccYuy2, 320));
+        ASSERT_EQ(stream.Run(), STATUS_SUCCESS);
+        auto frames = stream.Collect(2);
+        ASSERT_FALSE(frames.empty());
+        auto first = StampOf(stream.offer(), frames.front().data);
+        ASSERT_TRUE(first.has_value());
+        EXPECT_EQ(*first, 1 + skip);
+        EXPECT_EQ(rig.Dev().m_FrameLoop.m_DropCount, 0);
+    }
+}
+
+// Faults of the camera: each spoils the frame it falls in, which is counted
+// as dropped and never delivered; the stream goes on.
+TEST_F(CaptureStream, AFrameSpoiledByTheCameraIsDroppedAndTheStreamGoesOn)
+{
+    struct Case {
+        cam::Fault fault;
+        const char* what;
+    };
+    const Case cases[] = {
+        {cam::Fault::kPacketError, "error packet"},
+        {cam::Fault::kShortFrame, "one byte short"},
+        {cam::Fault::kLongFrame, "one byte long"},
+        {cam::Fault::kLostPacket, "lost packet"},
+    };
+    const Offer& offer = Find(kv::kFourccYuy2, 320);
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        Stream stream(*filter, offer);
+        ASSERT_EQ(stream.Run(), STATUS_SUCCESS);
+        auto before = stream.Collect(2);
+        ASSERT_EQ(before.size(), 2u);
+        const LONG dropped = rig.Dev().m_FrameLoop.m_DropCount;
+        camera().ArmFault(c.fault);
+        auto after = stream.Collect(3);
+        ASSERT_EQ(after.size(), 3u);
+        EXPECT_EQ(rig.Dev().m_FrameLoop.m_DropCount, dropped + 1);
+        // One stamp is missing between the frames around the fault.
+        uint32_t previous = *StampOf(offer, before.back().data);
+        uint32_t gaps = 0;
+        for (const auto& f : after) {
+            uint32_t stamp = *StampOf(offer, f.data);
+            gaps += stamp - previous - 1;
+            previous = stamp;
+        }
+        EXPECT_EQ(gaps, 1u);
+    }
+}
+
+// Stopping while the thread waits for a frame ends it at once: the stop
+// path does not sit out its 3-second wait.
+TEST_F(CaptureStream, AStopWhileTheFrameThreadWaitsEndsAtOnce)
+{
+    Stream stream(*filter, Find(kv::kFourccYuy2, 320));
+    ASSERT_EQ(stream.Run(), STATUS_SUCCESS);
+    ASSERT_FALSE(stream.Collect(1).empty());
+    camera().ArmFault(cam::Fault::kStallPipe);
+    kvsim::RunFor(kvsim::kSecond / 10);
+    const LONGLONG before = kvsim::Now();
+    ASSERT_EQ(stream.pin().SetState(KSSTATE_PAUSE), STATUS_SUCCESS);
+    EXPECT_LT(kvsim::Now() - before, kvsim::kSecond);
+}
+
+// The device goes while frames flow: no transfer is resubmitted, the stream
+// is torn down when the pin stops, and nothing leaks (the test main checks
+// pool, IRPs and threads).
+TEST_F(CaptureStream, SurpriseRemovalWhileStreamingLeavesNothingBehind)
+{
+    auto stream = std::make_unique<Stream>(*filter, Find(kv::kFourccYuy2, 320));
+    ASSERT_EQ(stream->Run(), STATUS_SUCCESS);
+    ASSERT_FALSE(stream->Collect(2).empty());
+    camera().ArmFault(cam::Fault::kSurpriseRemoval);
+    kvsim::RunFor(kvsim::kSecond / 10);
+    usb::SurpriseRemove(rig.Pdo());
+    ASSERT_EQ(pnp::SurpriseRemoveDevice(rig.Pdo()), STATUS_SUCCESS);
+    EXPECT_EQ(rig.Dev().m_Stream.m_Streaming, 0u);
+    stream.reset();
+    filter->Close();
+    rig.MarkRemoved();
+    ASSERT_EQ(pnp::FinishSurpriseRemoval(rig.Pdo()), STATUS_SUCCESS);
+}
+
+// One pin streams at a time, whichever filter instance it belongs to: a
+// second capture pin is refused at acquire until the first lets go.
+TEST_F(CaptureStream, TheStreamingSlotTakesOnePinAtATime)
+{
+    auto second = rig.OpenFilter(KSCATEGORY_VIDEO);
+    ASSERT_TRUE(second);
+    const Offer& offer = Find(kv::kFourccYuy2, 320);
+    {
+        Stream first(*filter, offer);
+        Stream other(*second, offer);
+        ASSERT_EQ(first.pin().SetState(KSSTATE_ACQUIRE), STATUS_SUCCESS);
+        EXPECT_EQ(other.pin().SetState(KSSTATE_ACQUIRE), STATUS_SHARING_VIOLATION);
+        ASSERT_EQ(first.pin().SetState(KSSTATE_PAUSE), STATUS_SUCCESS);
+        ASSERT_EQ(first.pin().SetState(KSSTATE_ACQUIRE), STATUS_SUCCESS);
+        EXPECT_EQ(other.pin().SetState(KSSTATE_ACQUIRE), STATUS_SUCCESS);
+    }
+    second->Close();
 }
 
 }  // namespace
