@@ -460,8 +460,3 @@ void FrameLoop::ProcessFrame(CCaptureDevice* pDevice, CapturePinContext* pContex
     FrameWorker worker(pDevice, pContext);
     worker.Run();
 }
-
-#ifdef KV_TARGET_HOST
-// TEMPORARY until the simulated companion decoder lands.
-extern "C" __attribute__((weak)) UCHAR DecodeJpg(const UCHAR*, ULONG, UCHAR*) { return 0; }
-#endif

@@ -159,6 +159,9 @@ private:
     void FreeTransfer(TransferObject*& pTransfer);
     void FreeBuffers();
 
+    // Sets the stream up for requests fed from memory (tests, benchmarks).
+    friend class IsoStreamFeederAccess;
+
     static NTSTATUS TransferCompletion(PDEVICE_OBJECT pDeviceObject, PIRP pIrp, PVOID pContext);
     static VOID ResetPipeWorkRoutine(PDEVICE_OBJECT pDeviceObject, PVOID pContext);
 

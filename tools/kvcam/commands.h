@@ -27,4 +27,9 @@ void PrintFormatsHelp();
 int RunInfoCommand(std::span<const std::string_view> args);
 void PrintInfoHelp();
 
+// `kvcam fuzz packets [--count N] [--seed S]`: random packets through the
+// driver's payload path (fuzz_command.cpp).
+int RunFuzzCommand(std::span<const std::string_view> args);
+void PrintFuzzHelp();
+
 }  // namespace kvcam

@@ -31,6 +31,8 @@ constexpr Command kCommands[] = {
      kvcam::PrintFormatsHelp},
     {"info", "start the driver on a camera; describe the device, formats, pins and topology", kvcam::RunInfoCommand,
      kvcam::PrintInfoHelp},
+    {"fuzz", "random isochronous packets through the driver's payload path", kvcam::RunFuzzCommand,
+     kvcam::PrintFuzzHelp},
 };
 
 void PrintHelp(std::FILE* out)
