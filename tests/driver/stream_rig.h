@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "camera/frame_source.h"
+#include "capture_offers.h"
 #include "imaging/primitives.h"
 #include "lifecycle_rig.h"
 
@@ -14,32 +15,8 @@ namespace stream_rig {
 
 using namespace lifecycle_rig;
 
-// An advertised capture format: its range and the format made from it.
-struct Offer {
-    KS_DATARANGE_VIDEO range;
-    KS_DATAFORMAT_VIDEOINFOHEADER format;
-    LONG Width() const { return format.VideoInfoHeader.bmiHeader.biWidth; }
-    LONG Height() const { return format.VideoInfoHeader.bmiHeader.biHeight; }
-    ULONG Compression() const { return format.VideoInfoHeader.bmiHeader.biCompression; }
-    ULONG ImageSize() const { return format.VideoInfoHeader.bmiHeader.biSizeImage; }
-};
-
-inline std::vector<Offer> CaptureOffers(kvsim::client::Filter& filter)
-{
-    std::vector<std::vector<uint8_t>> ranges;
-    std::vector<Offer> offers;
-    if (filter.PinDataRanges(KV_PIN_CAPTURE, &ranges) != STATUS_SUCCESS) return offers;
-    for (const auto& bytes : ranges) {
-        if (bytes.size() < sizeof(KS_DATARANGE_VIDEO)) continue;
-        Offer o{};
-        std::memcpy(&o.range, bytes.data(), sizeof(o.range));
-        std::memcpy(&o.format.DataFormat, &o.range.DataRange, sizeof(KSDATAFORMAT));
-        o.format.DataFormat.FormatSize = sizeof(KS_DATAFORMAT_VIDEOINFOHEADER);
-        o.format.VideoInfoHeader = o.range.VideoInfoHeader;
-        offers.push_back(o);
-    }
-    return offers;
-}
+using Offer = kvharness::CaptureOffer;
+using kvharness::CaptureOffers;
 
 // The frame-number stamp of a delivered frame, read from YUY2 or from
 // bottom-up RGB (turned back into YUY2 first).
