@@ -175,6 +175,104 @@ TEST_F(CaptureStream, AFrameSpoiledByTheCameraIsDroppedAndTheStreamGoesOn)
     }
 }
 
+// What a JPEG decoder makes of a YUY2 picture the camera compressed: its
+// samples read as JFIF's full-range YCbCr (ITU-T T.871), bottom-up BGR.
+std::vector<uint8_t> JfifBgrBottomUp(const cam::Yuy2Picture& p)
+{
+    std::vector<uint8_t> out(size_t{p.width} * p.height * 3);
+    auto clamp = [](double v) { return static_cast<uint8_t>(std::lround(std::min(255.0, std::max(0.0, v)))); };
+    for (size_t y = 0; y < p.height; ++y) {
+        uint8_t* row = out.data() + (p.height - 1 - y) * p.width * 3;
+        for (size_t x = 0; x < p.width; ++x) {
+            const uint8_t* g = p.pixels.data() + (y * p.width + (x & ~size_t{1})) * 2;
+            const double luma = g[(x & 1) * 2], cb = g[1] - 128.0, cr = g[3] - 128.0;
+            row[x * 3 + 0] = clamp(luma + 1.772 * cb);
+            row[x * 3 + 1] = clamp(luma - 0.344136 * cb - 0.714136 * cr);
+            row[x * 3 + 2] = clamp(luma + 1.402 * cr);
+        }
+    }
+    return out;
+}
+
+// RGB is the camera's motion JPEG decoded: each frame is the camera's
+// picture for its stamp, within JPEG's loss, with or without Huffman tables
+// in the frames.
+TEST_F(CaptureStream, RgbFramesAreTheCamerasPictures)
+{
+    const Offer& offer = Find(0, 320);
+    ASSERT_EQ(offer.Compression(), 0u);
+    const auto w = static_cast<uint16_t>(offer.Width());
+    const auto h = static_cast<uint16_t>(offer.Height());
+    for (bool withoutTables : {false, true}) {
+        SCOPED_TRACE(withoutTables ? "without DHT" : "with DHT");
+        camera().SetMjpegWithoutDht(withoutTables);
+        Stream stream(*filter, offer);
+        ASSERT_EQ(stream.Run(), STATUS_SUCCESS);
+        auto frames = stream.Collect(2);
+        ASSERT_FALSE(frames.empty());
+        for (const auto& f : frames) {
+            auto stamp = StampOf(offer, f.data);
+            ASSERT_TRUE(stamp.has_value());
+            auto source = cam::MakeTestPatternSource()->Render(*stamp, w, h);
+            const auto expected = JfifBgrBottomUp(source);
+            double squares = 0;
+            for (size_t i = 0; i < expected.size(); ++i) {
+                const double d = double(expected[i]) - double(f.data[i]);
+                squares += d * d;
+            }
+            const double psnr = 10 * std::log10(255.0 * 255.0 / (squares / double(expected.size()) + 1e-9));
+            EXPECT_GT(psnr, 28.0);
+        }
+    }
+}
+
+// A motion-JPEG frame the decoder cannot read (damaged, or cut short) is
+// counted as dropped; the client's buffer waits for the next frame.
+TEST_F(CaptureStream, AnUndecodableJpegFrameIsDropped)
+{
+    const Offer& offer = Find(0, 320);
+    for (cam::Fault fault : {cam::Fault::kCorruptJpeg, cam::Fault::kTruncatedJpeg}) {
+        Stream stream(*filter, offer);
+        ASSERT_EQ(stream.Run(), STATUS_SUCCESS);
+        auto before = stream.Collect(1);
+        ASSERT_EQ(before.size(), 1u);
+        const LONG dropped = rig.Dev().m_FrameLoop.m_DropCount;
+        camera().ArmFault(fault);
+        auto after = stream.Collect(2);
+        ASSERT_EQ(after.size(), 2u);
+        EXPECT_EQ(rig.Dev().m_FrameLoop.m_DropCount, dropped + 1);
+        EXPECT_EQ(*StampOf(offer, after.back().data) - *StampOf(offer, before.back().data), 3u);
+    }
+}
+
+// With the client's clock, the time is the clock's, the picture number counts
+// frame periods since the first frame, and frames the stream lost show in
+// the drop count; a frame read before one period has passed reports none.
+TEST_F(CaptureStream, TimesAndPictureNumbersComeFromTheClock)
+{
+    const Offer& offer = Find(kv::kFourccYuy2, 320);
+    auto stream = std::make_unique<Stream>(*filter, offer);
+    ASSERT_EQ(stream->Run(), STATUS_SUCCESS);
+    auto frames = stream->Collect(4);
+    ASSERT_GE(frames.size(), 4u);
+    const LONGLONG period = offer.format.VideoInfoHeader.AvgTimePerFrame;
+    const LONGLONG first = frames.front().header.PresentationTime.Time;
+    for (size_t i = 0; i < frames.size(); ++i) {
+        const auto& f = frames[i];
+        EXPECT_EQ(f.frameInfo.PictureNumber, (f.header.PresentationTime.Time - first) / period);
+        EXPECT_EQ(f.frameInfo.DropCount, std::max<LONGLONG>(0, f.frameInfo.PictureNumber - LONGLONG(i + 1)));
+    }
+    // Without a clock: no time, a splice point only, the loop's drop count.
+    stream.reset();
+    Stream clockless(*filter, offer, /*withClock=*/false);
+    ASSERT_EQ(clockless.Run(), STATUS_SUCCESS);
+    auto plain = clockless.Collect(1);
+    ASSERT_FALSE(plain.empty());
+    EXPECT_EQ(plain.front().header.OptionsFlags, ULONG(KSSTREAM_HEADER_OPTIONSF_SPLICEPOINT));
+    EXPECT_EQ(plain.front().header.PresentationTime.Time, 0);
+    EXPECT_EQ(plain.front().header.Duration, 0);
+}
+
 // Stopping while the thread waits for a frame ends it at once: the stop
 // path does not sit out its 3-second wait.
 TEST_F(CaptureStream, AStopWhileTheFrameThreadWaitsEndsAtOnce)
