@@ -7,6 +7,7 @@
 //    DECLSPEC_ macros of winnt.h;
 //  - TCHAR, used by one ksmedia.h record (kernel code is UNICODE);
 //  - usbioctl.h, which the simulation's usb.h includes;
+//  - InterlockedExchange8, a WDK intrinsic that mingw-w64's headers lack;
 //  - the video subtype GUIDs that the WDK declares and mingw-w64 lacks (the simulation's headers declare the same
 //    names, so the driver source is the same for both worlds).
 #pragma once
@@ -20,6 +21,13 @@
 #define DECLSPEC_NOTHROW
 #endif
 #include <unknown.h>
+
+#ifndef InterlockedExchange8
+inline CHAR InterlockedExchange8(CHAR volatile* Target, CHAR Value)
+{
+    return __atomic_exchange_n(Target, Value, __ATOMIC_SEQ_CST);
+}
+#endif
 
 #ifndef _TCHAR_DEFINED
 #define _TCHAR_DEFINED

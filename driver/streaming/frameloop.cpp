@@ -91,6 +91,14 @@ bool NeedsRgbStages(const Stages& s)
            s.rotate != 0;
 }
 
+// The frame loop reads the ready buffer without the frame lock: a frame that
+// ends meanwhile may overwrite it, which the design accepts (the loop holds
+// at most one frame in hand). This is the one place that read happens.
+void ReadReadyFrame(PUCHAR pDestination, const UCHAR* pReady, ULONG Length)
+{
+    RtlCopyMemory(pDestination, pReady, Length);
+}
+
 ULONG AbsHeight(const KS_VIDEOINFOHEADER* pFormat)
 {
     LONG h = pFormat->bmiHeader.biHeight;
@@ -276,15 +284,17 @@ void FrameWorker::DeliverMjpeg(Delivery& delivery)
 {
     ULONG dataUsed = m_Width * m_Height * 2;
     const UCHAR* pReady = m_Stream.m_pReadyBuffer;
+    UCHAR start[2];
+    ReadReadyFrame(start, pReady, sizeof(start));
     // Either byte of the start marker is enough to pass.
-    if (pReady[0] != 0xFF && pReady[1] != 0xD8) {
+    if (start[0] != 0xFF && start[1] != 0xD8) {
         DbgPrint("No FFD8\n");
         KsStreamPointerUnlock(delivery.pPointer, FALSE);
         return;
     }
     if (delivery.pFormat->bmiHeader.biCompression != 0) {
         if (dataUsed <= delivery.extent) {
-            RtlCopyMemory(delivery.pOutput, pReady, dataUsed);
+            ReadReadyFrame(delivery.pOutput, pReady, dataUsed);
         }
         Finish(delivery, dataUsed);
         return;
@@ -310,7 +320,7 @@ void FrameWorker::DeliverUncompressed(Delivery& delivery, bool rgbOutput)
     PUCHAR pA = m_Stream.m_pWorkBufferA;
     PUCHAR pB = m_Stream.m_pWorkBufferB;
     const Stages s = ReadStages(m_pDevice);
-    RtlCopyMemory(pA, m_Stream.m_pReadyBuffer, yuy2Size);
+    ReadReadyFrame(pA, m_Stream.m_pReadyBuffer, yuy2Size);
     if (s.deadPixel) {
         DeadPixelCorrect(pA, m_pContext->pDeadPixelTable, m_Width, m_Height, m_Loop.m_FramesDelivered % 4,
                          kDeadPixelThreshold, kDeadPixelMode);

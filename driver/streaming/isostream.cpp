@@ -313,8 +313,11 @@ void IsoStream::BuildUrb(TransferObject* pTransfer, BOOLEAN Asap)
 {
     const ULONG packets = m_PacketsPerTransfer;
     const ULONG maxPacket = m_streamObject->pPipeInformation->MaximumPacketSize;
-    m_pFrameBuffer->Signature = FRAME_BUFFER_SIGNATURE;
-    m_pFrameBuffer->Trailer = 0;
+    // Completions on two processors may build at once: the shared
+    // descriptor's two fields are written interlocked.
+    InterlockedExchange(reinterpret_cast<volatile LONG*>(&m_pFrameBuffer->Signature),
+                        static_cast<LONG>(FRAME_BUFFER_SIGNATURE));
+    InterlockedExchange64(reinterpret_cast<volatile LONG64*>(&m_pFrameBuffer->Trailer), 0);
 
     auto& iso = pTransfer->pUrb->UrbIsochronousTransfer;
     RtlZeroMemory(&iso, UrbRequestSize(packets));
@@ -362,11 +365,11 @@ NTSTATUS IsoStream::TransferCompletion(PDEVICE_OBJECT pDeviceObject, PIRP pIrp, 
     // inside the resubmission, each time one call deeper: it is not
     // resubmitted.
     const bool failedAtOnce = !pIrp->PendingReturned && USBD_ERROR(pTransfer->pUrb->UrbHeader.Status);
-    if (pStream->Stopping == 0 && !failedAtOnce) {
+    if (InterlockedCompareExchange(&pStream->Stopping, 0, 0) == 0 && !failedAtOnce) {
         NTSTATUS status = stream.ProcessRequest(pTransfer);
         if (!DeviceGone(status)) {
             stream.BuildUrb(pTransfer, TRUE);
-            pIrp->Cancel = FALSE;
+            InterlockedExchange8(reinterpret_cast<volatile CHAR*>(&pIrp->Cancel), FALSE);
             pTransfer->Resubmissions++;
             // The resubmitted request keeps the completed one's place in the
             // pending count, so that the count never passes 0 while the
@@ -543,9 +546,16 @@ ULONG IsoStream::ParsePacket(const USBD_ISO_PACKET_DESCRIPTOR* pPacket, const UC
     return error ? bad() : payload;
 }
 
+// The one descriptor is linked into both lists, so the removal from the
+// ready list also holds the free list's lock: otherwise the completion's
+// insertion into the free list and this removal would write the same links
+// at once, and the ready list could end up pointing at the free list's head.
 FrameBuffer* IsoStream::TakeReadyFrame()
 {
+    KIRQL oldIrql;
+    KeAcquireSpinLock(m_pFreeLock, &oldIrql);
     PLIST_ENTRY pEntry = ExInterlockedRemoveHeadList(m_pReadyList, m_pReadyLock);
+    KeReleaseSpinLock(m_pFreeLock, oldIrql);
     return pEntry != nullptr ? CONTAINING_RECORD(pEntry, FrameBuffer, ListEntry) : nullptr;
 }
 
@@ -622,7 +632,7 @@ void IsoStream::ReleaseStream()
                 InterlockedExchange(&pTransfer->Cancelled, 1);
             }
         }
-        if (pStream->PendingIrpCount != 0) {
+        if (InterlockedCompareExchange(&pStream->PendingIrpCount, 0, 0) != 0) {
             LARGE_INTEGER timeout;
             timeout.QuadPart = kPendingIrpWait;
             NTSTATUS status =
@@ -630,7 +640,7 @@ void IsoStream::ReleaseStream()
             if (status == STATUS_TIMEOUT) {
                 DbgPrint("Kvdrv.sys : !!! There is Irp havn't be completed. NoPendingIrpEvent [Time out][Pending "
                          "Irps %d] \n",
-                         pStream->PendingIrpCount);
+                         InterlockedCompareExchange(&pStream->PendingIrpCount, 0, 0));
             }
         }
         // A reset still queued runs before its stream object goes.

@@ -355,6 +355,9 @@ FORCEINLINE LONG InterlockedDecrement(LONG volatile* Addend) { return __atomic_s
 FORCEINLINE LONG InterlockedExchange(LONG volatile* Target, LONG Value) {
     return __atomic_exchange_n(Target, Value, KV_ATOMIC_SEQ);
 }
+FORCEINLINE CHAR InterlockedExchange8(CHAR volatile* Target, CHAR Value) {
+    return __atomic_exchange_n(Target, Value, KV_ATOMIC_SEQ);
+}
 FORCEINLINE LONG InterlockedExchangeAdd(LONG volatile* Addend, LONG Value) {
     return __atomic_fetch_add(Addend, Value, KV_ATOMIC_SEQ);
 }

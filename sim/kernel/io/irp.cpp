@@ -590,7 +590,9 @@ extern "C" VOID IofCompleteRequest(PIRP Irp, CCHAR PriorityBoost) {
     if (Irp->IoStatus.Status == STATUS_PENDING) {
         ReportViolation("IoCompleteRequest(%p) with IoStatus.Status STATUS_PENDING", static_cast<void*>(Irp));
     }
-    if (Irp->CancelRoutine != nullptr) {
+    // Read as IoCancelIrp writes it (interlocked): a cancel on another
+    // processor may race the completion, which Windows allows.
+    if (__atomic_load_n(&Irp->CancelRoutine, __ATOMIC_ACQUIRE) != nullptr) {
         ReportViolation("IoCompleteRequest(%p) with a cancel routine still set", static_cast<void*>(Irp));
     }
     while (Irp->CurrentLocation <= Irp->StackCount) {
@@ -639,7 +641,9 @@ extern "C" BOOLEAN IoCancelIrp(PIRP Irp) {
     io::CheckIrqlAtMost(DISPATCH_LEVEL, "IoCancelIrp");
     KIRQL irql;
     IoAcquireCancelSpinLock(&irql);
-    Irp->Cancel = TRUE;
+    // The owner may clear the flag without the lock before it sends the IRP
+    // again (InterlockedExchange8), so it is written interlocked here too.
+    __atomic_store_n(&Irp->Cancel, TRUE, __ATOMIC_SEQ_CST);
     PDRIVER_CANCEL routine = IoSetCancelRoutine(Irp, nullptr);
     if (routine == nullptr) {
         IoReleaseCancelSpinLock(irql);
