@@ -5,6 +5,7 @@ SelfTimer::SelfTimer()
     : m_CountdownCounter(-1),
       m_StillRequest(0),
       m_SoftwareTrigger(0),
+      m_CountdownDisplay(0),
       m_CountdownTimer(),
       m_CountdownDpc(),
       m_CountdownTimerReady(0)

@@ -22,6 +22,7 @@ public:
     LONG m_CountdownCounter;  // -1 when no countdown runs
     ULONG m_StillRequest;     // set when a countdown ends: the frame loop takes a still
     ULONG m_SoftwareTrigger;  // 1 while the still was asked for by software, not the button
+    ULONG m_CountdownDisplay; // 1: the frame loop draws the countdown even without a still pin
 
 private:
     friend struct DriverTestAccess;

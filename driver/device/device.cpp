@@ -60,7 +60,7 @@ CCaptureDevice::CCaptureDevice(PKSDEVICE pKsDevice)
       m_FrameLoop(),
       m_pCaptureFilter(nullptr),
       m_StreamingSlot(0),
-      m_StreamActive(0)
+      m_pStillPin(nullptr)
 {
     m_Stream.Attach(this);
     m_Usb.Attach(m_pNextDeviceObject);

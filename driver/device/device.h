@@ -88,8 +88,10 @@ public:
     CCaptureFilter* m_pCaptureFilter;  // the most recently created filter object
     // One streaming pin at a time: 1 while a capture pin is out of stop.
     volatile LONG m_StreamingSlot;
-    // Set when a capture pin starts to run.
-    ULONG m_StreamActive;
+    // The still pin while it is open (its create and close set and clear
+    // it), so that the frame thread finds it without the filter's control
+    // mutex, which a state change holds while it waits for that thread.
+    PKSPIN volatile m_pStillPin;
 
 private:
     // The sequences behind the dispatch routines.

@@ -170,9 +170,15 @@ void IdlePower::StreamStarts()
         RequestPowerUp();
         KeWaitForSingleObject(&m_PowerUpEvent, Executive, KernelMode, FALSE, nullptr);
     }
-    if (m_IdleTimerStarted != 0) {
+    // Armed under the idle lock and only while the scheme is active, as the
+    // restart work item does: a stop that ended the scheme has cancelled
+    // the timer for good.
+    KIRQL oldIrql;
+    KeAcquireSpinLock(&m_IdleSpinLock, &oldIrql);
+    if (m_IdleTimerStarted != 0 && m_IdleActive != 0) {
         SetIdleTimer(&m_IdleTimer, &m_IdleDpc);
     }
+    KeReleaseSpinLock(&m_IdleSpinLock, oldIrql);
 }
 
 void IdlePower::StartIdleManagement()

@@ -10,6 +10,13 @@
 //    is the minimum.
 //  - A start of streaming that fails frees what it allocated at once (the
 //    pin stays in pause and gets no run-to-pause to do it).
+//  - When the probe succeeds but no alternate setting carries its payload,
+//    the negotiation fails with STATUS_UNSUCCESSFUL rather than with the
+//    probe's success.
+//  - The pin's sleep stops the stream only when the pin runs: a pin in
+//    acquire or pause has no stream to stop and must keep its slot.
+//  - A create called above APC_LEVEL is refused after its message (the
+//    pool and registry work that follows needs PASSIVE_LEVEL).
 #include "streaming/capture.h"
 
 #include "device/descriptor_reader.h"
@@ -147,14 +154,8 @@ void WalkStreamingFrames(const UCHAR* pConfiguration, ULONG Length, ULONG Camera
 
 bool CapturePinContext::StillPinExists() const
 {
-    PKSFILTER pFilter = KsPinGetParentFilter(pKsPin);
-    if (pFilter == nullptr) {
-        return false;
-    }
-    KsFilterAcquireControl(pFilter);
-    const bool exists = KsFilterGetFirstChildPin(pFilter, KV_PIN_STILL) != nullptr;
-    KsFilterReleaseControl(pFilter);
-    return exists;
+    return InterlockedCompareExchangePointer(reinterpret_cast<PVOID volatile*>(&pDevice->m_pStillPin), nullptr,
+                                             nullptr) != nullptr;
 }
 
 ULONG CCapturePin::CameraCode(ULONG OutputCompression)
@@ -572,11 +573,11 @@ NTSTATUS CCapturePin::PauseToRun(CapturePinContext* pContext)
 
     const KS_VIDEOINFOHEADER* pInfo = VideoInfoOf(pKsPin->ConnectionFormat);
     if (pInfo == nullptr || pContext->pFormat == nullptr) {
-        DbgPrint("CCapturePin::SetState(Pause to Run) - Bandwidth negotiation fail.\n");
+        DbgPrint("CCapturePin::SetState(Pause to Run) - no video-info format to run with.\n");
         return STATUS_INSUFFICIENT_RESOURCES;
     }
     CopyVideoInfo(pContext->pFormat, pInfo, pKsPin->ConnectionFormat->FormatSize - sizeof(KSDATAFORMAT));
-    pDevice->m_StreamActive = 1;
+    pDevice->m_Requests.m_CapturePinRunning = 1;
 
     const LONG height = pInfo->bmiHeader.biHeight < 0 ? -pInfo->bmiHeader.biHeight : pInfo->bmiHeader.biHeight;
     const LONG width = pInfo->bmiHeader.biWidth;
@@ -596,6 +597,9 @@ NTSTATUS CCapturePin::PauseToRun(CapturePinContext* pContext)
     pContext->StopByte = 0;
     pContext->StopValue = 0;
     pContext->Reserved = 0;
+    // Cleared before the thread exists, so that a stop right after this
+    // start waits for this thread, not for the last one's signal.
+    KeClearEvent(&pDevice->m_Stream.m_ThreadExitEvent);
     NTSTATUS status = pDevice->m_Stream.IsoUsb_StartIsoStream(pContext->pFormat, pInfo->bmiHeader.biCompression);
     if (NT_SUCCESS(status)) {
         HANDLE hThread = nullptr;
@@ -629,6 +633,7 @@ void CCapturePin::RunToPause(CapturePinContext* pContext)
     }
     pDevice->m_Usb.SelectAlternateInterface(kStreamingInterface, 0, kSubclassStreaming);
     InterlockedExchange(&pDevice->m_StreamingSlot, 0);
+    pDevice->m_Requests.m_CapturePinRunning = 0;
     FaceTrackRelease();
 }
 
@@ -640,15 +645,18 @@ void CCapturePin::ToStop(CapturePinContext* pContext)
         pContext->pClock = nullptr;
     }
     pDevice->m_Idle.m_StreamBusy = 0;
+    // A pin that went from acquire straight back to stop lets the slot go
+    // too (the exchange is harmless when it is free already).
+    InterlockedExchange(&pDevice->m_StreamingSlot, 0);
     SelfTimer& timer = pDevice->m_SelfTimer;
     timer.CancelCountdown();
 }
 
 VOID CCapturePin::ThreadRoutine(PVOID pStartContext)
 {
-    auto* pContext = static_cast<CapturePinContext*>(pStartContext);
-    ASSERT(pContext != NULL);
-    FrameLoop::ProcessFrame(pContext->pDevice, pContext);
+    auto* pPin = static_cast<CapturePinContext*>(pStartContext);
+    ASSERT(pPin != NULL);
+    FrameLoop::ProcessFrame(pPin->pDevice, pPin);
     PsTerminateSystemThread(STATUS_SUCCESS);
 }
 

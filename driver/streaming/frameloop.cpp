@@ -221,12 +221,10 @@ void FrameWorker::ClearTrackingWhereItCannotRun()
 bool FrameWorker::TakeDelivery(Delivery* pDelivery)
 {
     PKSPIN pCapture = m_pContext->pKsPin;
-    PKSFILTER pFilter = KsPinGetParentFilter(pCapture);
     PKSPIN pStill = nullptr;
-    if (m_pDevice->m_SelfTimer.m_StillRequest != 0 && pFilter != nullptr) {
-        KsFilterAcquireControl(pFilter);
-        pStill = KsFilterGetFirstChildPin(pFilter, KV_PIN_STILL);
-        KsFilterReleaseControl(pFilter);
+    if (m_pDevice->m_SelfTimer.m_StillRequest != 0) {
+        pStill = static_cast<PKSPIN>(InterlockedCompareExchangePointer(
+            reinterpret_cast<PVOID volatile*>(&m_pDevice->m_pStillPin), nullptr, nullptr));
     }
     PKSSTREAM_POINTER pPointer = nullptr;
     if (pStill != nullptr) {
@@ -302,9 +300,14 @@ void FrameWorker::DeliverMjpeg(Delivery& delivery)
     dataUsed = m_Width * m_Height * 3;
     m_Loop.m_DecodeResult = DecodeJpg(pReady, dataUsed, m_Stream.m_pWorkBufferA);
     if (m_Loop.m_DecodeResult == 0) {
-        // The same buffer serves the next frame.
+        // The same capture buffer serves the next frame; a still buffer
+        // goes back to its pin.
         InterlockedIncrement(&m_Loop.m_DropCount);
-        m_pHeld = delivery.pPointer;
+        if (delivery.still) {
+            KsStreamPointerUnlock(delivery.pPointer, FALSE);
+        } else {
+            m_pHeld = delivery.pPointer;
+        }
         return;
     }
     if (dataUsed <= delivery.extent) {
@@ -320,6 +323,10 @@ void FrameWorker::DeliverUncompressed(Delivery& delivery, bool rgbOutput)
     PUCHAR pA = m_Stream.m_pWorkBufferA;
     PUCHAR pB = m_Stream.m_pWorkBufferB;
     const Stages s = ReadStages(m_pDevice);
+    if (delivery.extent < (rgbOutput ? rgbSize : yuy2Size)) {
+        Finish(delivery, 0);
+        return;
+    }
     ReadReadyFrame(pA, m_Stream.m_pReadyBuffer, yuy2Size);
     if (s.deadPixel) {
         DeadPixelCorrect(pA, m_pContext->pDeadPixelTable, m_Width, m_Height, m_Loop.m_FramesDelivered % 4,
@@ -386,7 +393,7 @@ void FrameWorker::RgbStages(const Stages& s, bool& isRgb)
             FaceTrackFrame(pB, pA, m_Width, m_Height, m_pDevice->m_Settings.m_TrackingWindowSize);
         }
     }
-    if (s.countdown > 0 && m_pContext->StillPinExists()) {
+    if (s.countdown > 0 && (m_pContext->StillPinExists() || m_pDevice->m_SelfTimer.m_CountdownDisplay != 0)) {
         OverlayCountdown(s.countdown, m_Width, m_Height, pA);
     }
     if (s.rotate != 0) {
@@ -453,6 +460,8 @@ void FrameWorker::FillHeader(Delivery& delivery, ULONG dataUsed)
             drop = 0;
         }
     }
+    // With a clock the frames lost are what the clock says.
+    InterlockedExchange(&m_Loop.m_DropCount, static_cast<LONG>(drop));
     pHeader->OptionsFlags = kOptionsWithClock;
     if (pInfo != nullptr) {
         pInfo->ExtendedHeaderSize = sizeof(KS_FRAME_INFO);

@@ -151,7 +151,7 @@ NTSTATUS IsoStream::IsoUsb_StartIsoStream(PKS_VIDEOINFOHEADER pFormat, ULONG Out
         }
     }
     if (pPipe == nullptr) {
-        DbgPrint("IsoUsb_StartIsoStream: no isochronous pipe\n");
+        DbgPrint("IsoUsb_StartTransfer: no isochronous pipe\n");
         FreeUntagged(m_streamObject);
         return STATUS_INVALID_PARAMETER;
     }
@@ -184,6 +184,9 @@ NTSTATUS IsoStream::IsoUsb_StartIsoStream(PKS_VIDEOINFOHEADER pFormat, ULONG Out
     ResetPipe(pPipe->PipeHandle, RESET_PIPE_AND_CLEAR_STALL);
     m_streamObject->pPipeInformation = pPipe;
     KeInitializeEvent(&m_streamObject->NoPendingIrpEvent, NotificationEvent, FALSE);
+    // The stream's own count, given up by stop: the count reaches 0, and the
+    // event is set, only once stop waits and the last request is back.
+    m_streamObject->PendingIrpCount = 1;
 
     status = AllocateLists();
     if (!NT_SUCCESS(status)) {
@@ -210,14 +213,14 @@ NTSTATUS IsoStream::AllocateStreamBuffers(PKS_VIDEOINFOHEADER pFormat)
     UNREFERENCED_PARAMETER(pFormat);
     m_pFrameBuffer = static_cast<FrameBuffer*>(AllocateZeroed(sizeof(FrameBuffer), kTagFrameDescriptor));
     if (m_pFrameBuffer == nullptr) {
-        DbgPrint("IsoUsb_StartIsoStream: failed to alloc frame descriptor\n");
+        DbgPrint("IsoUsb_StartTransfer: failed to alloc frame descriptor\n");
         return STATUS_INSUFFICIENT_RESOURCES;
     }
     const ULONG pixels = m_Width * m_Height;
     if (m_Width <= kPanZoomMaxWidth) {
         m_pPanZoomWork = static_cast<PUCHAR>(ExAllocatePoolWithTag(NonPagedPool, pixels * 9 + kPanZoomSlack, kTagWork));
         if (m_pPanZoomWork == nullptr || !NT_SUCCESS(PanZoomStart(m_pPanZoomWork, m_Width, m_Height))) {
-            DbgPrint("IsoUsb_StartIsoStream: failed to alloc pan and zoom area\n");
+            DbgPrint("IsoUsb_StartTransfer: failed to alloc pan and zoom area\n");
             return STATUS_INSUFFICIENT_RESOURCES;
         }
     }
@@ -227,14 +230,14 @@ NTSTATUS IsoStream::AllocateStreamBuffers(PKS_VIDEOINFOHEADER pFormat)
         m_pWorkBufferA = static_cast<PUCHAR>(ExAllocatePoolWithTag(NonPagedPool, pixels * 3, kTagWork));
         m_pWorkBufferB = static_cast<PUCHAR>(ExAllocatePoolWithTag(NonPagedPool, pixels * 3, kTagWork));
         if (m_pWorkBufferA == nullptr || m_pWorkBufferB == nullptr) {
-            DbgPrint("IsoUsb_StartIsoStream: failed to alloc work buffers\n");
+            DbgPrint("IsoUsb_StartTransfer: failed to alloc work buffers\n");
             return STATUS_INSUFFICIENT_RESOURCES;
         }
     }
     m_pReadyBuffer = static_cast<PUCHAR>(AllocateZeroed(m_pFrameBuffer->Capacity, kTagFrameData));
     m_pCollectBuffer = static_cast<PUCHAR>(AllocateZeroed(m_pFrameBuffer->Capacity, kTagFrameData));
     if (m_pReadyBuffer == nullptr || m_pCollectBuffer == nullptr) {
-        DbgPrint("IsoUsb_StartIsoStream: failed to alloc frame buffers\n");
+        DbgPrint("IsoUsb_StartTransfer: failed to alloc frame buffers\n");
         return STATUS_INSUFFICIENT_RESOURCES;
     }
     return STATUS_SUCCESS;
@@ -248,7 +251,7 @@ NTSTATUS IsoStream::AllocateLists()
     m_pFreeList = static_cast<PLIST_ENTRY>(ExAllocatePoolWithTag(NonPagedPool, sizeof(LIST_ENTRY), kTagLists));
     m_pFreeLock = static_cast<PKSPIN_LOCK>(ExAllocatePoolWithTag(NonPagedPool, sizeof(KSPIN_LOCK), kTagLists));
     if (m_pReadyList == nullptr || m_pReadyLock == nullptr || m_pFreeList == nullptr || m_pFreeLock == nullptr) {
-        DbgPrint("IsoUsb_StartIsoStream: failed to alloc frame lists\n");
+        DbgPrint("IsoUsb_StartTransfer: failed to alloc frame lists\n");
         return STATUS_INSUFFICIENT_RESOURCES;
     }
     InitializeListHead(m_pReadyList);
@@ -373,10 +376,10 @@ NTSTATUS IsoStream::TransferCompletion(PDEVICE_OBJECT pDeviceObject, PIRP pIrp, 
             pTransfer->Resubmissions++;
             // The resubmitted request keeps the completed one's place in the
             // pending count, so that the count never passes 0 while the
-            // request is still on its way (it may complete inside the call).
-            if (NT_SUCCESS(stream.SubmitTransfer(pTransfer))) {
-                return STATUS_MORE_PROCESSING_REQUIRED;
-            }
+            // request is still on its way. A request that fails has been
+            // completed, and its own completion settled the count.
+            stream.SubmitTransfer(pTransfer);
+            return STATUS_MORE_PROCESSING_REQUIRED;
         }
     }
     // Not resubmitted: the IRP stays with the transfer for the stop path to
@@ -425,8 +428,9 @@ NTSTATUS IsoStream::ProcessRequest(TransferObject* pTransfer)
             Append(pPayload, payload);
             continue;
         }
-        EndFrame(pTransfer, frameError);
-        frameError = FALSE;
+        if (EndFrame(pTransfer, frameError)) {
+            frameError = FALSE;
+        }
         Append(pPayload, payload);
     }
     if (atDpc) {
@@ -457,10 +461,11 @@ void IsoStream::Append(const UCHAR* pData, ULONG Length)
 // A header-only end of frame: the frame goes to the ready list (copied to
 // the ready buffer when good) and collection starts again on the free
 // list's head.
-void IsoStream::EndFrame(TransferObject* pTransfer, BOOLEAN FrameError)
+bool IsoStream::EndFrame(TransferObject* pTransfer, BOOLEAN FrameError)
 {
     FrameBuffer* pFrame = m_pCurrentFrame;
-    if (pFrame != nullptr) {
+    const bool ended = pFrame != nullptr;
+    if (ended) {
         if (FrameError) {
             pFrame->Bad = 1;
         }
@@ -476,7 +481,7 @@ void IsoStream::EndFrame(TransferObject* pTransfer, BOOLEAN FrameError)
     PLIST_ENTRY pEntry = ExInterlockedRemoveHeadList(m_pFreeList, m_pFreeLock);
     if (pEntry == nullptr) {
         m_pCurrentFrame = nullptr;
-        return;
+        return ended;
     }
     pFrame = CONTAINING_RECORD(pEntry, FrameBuffer, ListEntry);
     m_pCurrentFrame = pFrame;
@@ -486,6 +491,7 @@ void IsoStream::EndFrame(TransferObject* pTransfer, BOOLEAN FrameError)
     pFrame->Bad = 0;
     pFrame->Capacity = pTransfer->FrameSize;
     pFrame->Capacity2 = pTransfer->FrameSize;
+    return ended;
 }
 
 ULONG IsoStream::ParsePacket(const USBD_ISO_PACKET_DESCRIPTOR* pPacket, const UCHAR* pData, PULONG pAccumulated)
@@ -605,10 +611,10 @@ NTSTATUS IsoStream::IsoUsb_StopIsoStream(UCHAR StopValue)
     if (m_streamObject != nullptr) {
         InterlockedExchange(&m_streamObject->Stopping, StopValue);
     }
-    if (m_Streaming == 0) {
+    // Stop may come from the state change and from the pin's sleep at once.
+    if (InterlockedExchange(&m_Streaming, 0) == 0) {
         return STATUS_SUCCESS;
     }
-    m_Streaming = 0;
     m_pDevice->m_Settings.SavePropertySet(PropertySetLast);
 
     KeReleaseSemaphore(&m_FrameSemaphore, IO_NO_INCREMENT, 1, TRUE);
@@ -632,7 +638,7 @@ void IsoStream::ReleaseStream()
                 InterlockedExchange(&pTransfer->Cancelled, 1);
             }
         }
-        if (InterlockedCompareExchange(&pStream->PendingIrpCount, 0, 0) != 0) {
+        if (InterlockedDecrement(&pStream->PendingIrpCount) != 0) {
             LARGE_INTEGER timeout;
             timeout.QuadPart = kPendingIrpWait;
             NTSTATUS status =
@@ -641,6 +647,11 @@ void IsoStream::ReleaseStream()
                 DbgPrint("Kvdrv.sys : !!! There is Irp havn't be completed. NoPendingIrpEvent [Time out][Pending "
                          "Irps %d] \n",
                          InterlockedCompareExchange(&pStream->PendingIrpCount, 0, 0));
+                // The bus still holds requests that will complete into the
+                // stream object and the transfers: those stay allocated.
+                m_streamObject = nullptr;
+                FreeBuffers();
+                return;
             }
         }
         // A reset still queued runs before its stream object goes.

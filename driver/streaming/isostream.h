@@ -126,7 +126,7 @@ public:
     KSPIN_LOCK m_FrameSpinLock;
     KSEMAPHORE m_FrameSemaphore;
     KEVENT m_ThreadExitEvent;
-    ULONG m_Streaming;
+    volatile LONG m_Streaming;
     volatile UCHAR m_StopThread;
     ULONG m_StopFlags;
     ULONG m_Width;
@@ -153,7 +153,8 @@ private:
     void BuildUrb(TransferObject* pTransfer, BOOLEAN Asap);
     NTSTATUS SubmitTransfer(TransferObject* pTransfer);
     NTSTATUS ResetPipe(USBD_PIPE_HANDLE hPipe, UCHAR Kind);
-    void EndFrame(TransferObject* pTransfer, BOOLEAN FrameError);
+    // Whether a frame was being collected (and so ended).
+    bool EndFrame(TransferObject* pTransfer, BOOLEAN FrameError);
     void Append(const UCHAR* pData, ULONG Length);
     void ReleaseStream();
     void FreeTransfer(TransferObject*& pTransfer);
