@@ -44,20 +44,25 @@ void StoreBgr24(unsigned char* pDst, __m256i b, __m256i g, __m256i r)
     _mm_storel_epi64(reinterpret_cast<__m128i*>(pDst + 40), _mm256_extracti128_si256(tail, 1));
 }
 
+// Byte pairs as multipliers of vpmaddubsw (unsigned, so 128 fits).
+__m256i Weights(int first, int second)
+{
+    return _mm256_set1_epi16(static_cast<short>((second << 8) | first));
+}
+
+// Unlike the SSE2 kernel, each pixel's 16-bit lane gets its own copy of its
+// group's chroma by a byte shuffle, and one multiply-add per colour.
 void Yuy2ToBgr24(const unsigned char* pSrc, unsigned char* pDst)
 {
     const __m256i yuy2 = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(pSrc));
-    const __m256i y = _mm256_and_si256(yuy2, _mm256_set1_epi16(0x00FF));
-    const __m256i uv = _mm256_sub_epi16(_mm256_srli_epi16(yuy2, 8), _mm256_set1_epi16(kChromaZero));
-    const __m256i toB = _mm256_madd_epi16(uv, _mm256_set1_epi32(kUToB));
-    const __m256i toG = _mm256_madd_epi16(uv, _mm256_set1_epi32((kVToG << 16) | kUToG));
-    const __m256i toR = _mm256_madd_epi16(uv, _mm256_set1_epi32(kVToR << 16));
-    const __m256i groupBG = _mm256_packs_epi32(toB, toG);
-    const __m256i groupR = _mm256_packs_epi32(toR, toR);
-    const __m256i b = _mm256_unpacklo_epi16(groupBG, groupBG);
-    const __m256i g = _mm256_unpackhi_epi16(groupBG, groupBG);
-    const __m256i r = _mm256_unpacklo_epi16(groupR, groupR);
-    const __m256i spread = _mm256_or_si256(y, _mm256_slli_epi16(y, 8));
+    // y * 0x0101: the pixel's Y in both bytes of its lane.
+    const __m256i spread = _mm256_shuffle_epi8(yuy2, Lanes(0, 0, 2, 2, 4, 4, 6, 6, 8, 8, 10, 10, 12, 12, 14, 14));
+    // U - 128 and V - 128 of the pixel's group, as signed bytes.
+    const __m256i chroma = _mm256_xor_si256(yuy2, _mm256_set1_epi8(static_cast<char>(kChromaZero)));
+    const __m256i uv = _mm256_shuffle_epi8(chroma, Lanes(1, 3, 1, 3, 5, 7, 5, 7, 9, 11, 9, 11, 13, 15, 13, 15));
+    const __m256i b = _mm256_maddubs_epi16(Weights(kUToB, 0), uv);
+    const __m256i g = _mm256_maddubs_epi16(Weights(kUToG, kVToG), uv);
+    const __m256i r = _mm256_maddubs_epi16(Weights(0, kVToR), uv);
     const __m256i luma =
         _mm256_add_epi16(_mm256_mulhi_epu16(spread, _mm256_set1_epi16(kLumaGain)), _mm256_set1_epi16(kLumaBias));
     StoreBgr24(pDst, _mm256_srai_epi16(_mm256_adds_epi16(luma, b), kYuvFractionBits),
