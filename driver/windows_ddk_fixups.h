@@ -10,6 +10,8 @@
 //  - InterlockedExchange8, a WDK intrinsic that mingw-w64's headers lack;
 //  - the video subtype GUIDs that the WDK declares and mingw-w64 lacks (the simulation's headers declare the same
 //    names, so the driver source is the same for both worlds).
+//  - XSTATE_MASK_AVX: ntddk.h spells its XSTATE masks with MSVC's i64
+//    suffix, which g++ rejects in C++, and has no AVX name at all.
 #pragma once
 
 #include <windef.h>
@@ -71,6 +73,10 @@ KV_WINDOWS_GUID(KSDATAFORMAT_SUBTYPE_RGB24);
 #define STATIC_KSDATAFORMAT_SUBTYPE_RGB32 0xe436eb7e, 0x524f, 0x11ce, 0x9f, 0x53, 0x00, 0x20, 0xaf, 0x0b, 0xa7, 0x70
 KV_WINDOWS_GUID(KSDATAFORMAT_SUBTYPE_RGB32);
 #endif
+
+// The AVX state is XSAVE component 2 (Intel SDM vol. 1, 13.1), as in the WDK.
+#undef XSTATE_MASK_AVX
+#define XSTATE_MASK_AVX (1ULL << XSTATE_GSSE)
 
 // The USB internal I/O controls (IOCTL_INTERNAL_USB_SUBMIT_URB ...) and the
 // idle-request record: the simulation's usb.h brings them, mingw's does not.

@@ -16,6 +16,7 @@ KV_DEPS=(
   "libgmock-dev:"
   "libbenchmark-dev:"
   "libjpeg-dev:"
+  "libyuv-dev:"
   "nlohmann-json3-dev:"
 )
 

@@ -21,6 +21,12 @@ if(TARGET kvcam_cli_test)
   add_dependencies(kvcam_cli_test kvcam)
 endif()
 
+# The imaging primitives' YUY2 conversion is checked against libyuv's bytes
+# when libyuv is installed.
+if(TARGET primitives_test AND TARGET kv_libyuv)
+  target_link_libraries(primitives_test PRIVATE kv_libyuv)
+endif()
+
 if(NOT KV_WITH_WINDOWS_BUILD)
   return()
 endif()

@@ -11,16 +11,19 @@
 //    checked build is a diagnostic).
 #include "device/device.h"
 
+#include "imaging/primitives.h"
 #include "pageable.h"
 #include "pooltag.h"
 
 using namespace kv;
 
 // Driver entry registers the device dispatch table with ks.sys, which then
-// owns the device objects and calls us for each device.
+// owns the device objects and calls us for each device. The frame loop's
+// conversions pick their instruction set once, here, at PASSIVE_LEVEL.
 extern "C" NTSTATUS DriverEntry(PDRIVER_OBJECT DriverObject, PUNICODE_STRING RegistryPath)
 {
     DbgPrint("init Driver entry get called\n");
+    InitPrimitives();
     return KsInitializeDriver(DriverObject, RegistryPath, &g_KvDeviceDescriptor);
 }
 

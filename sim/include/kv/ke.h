@@ -240,12 +240,47 @@ typedef enum _WORK_QUEUE_TYPE {
 #define NtCurrentProcess() ((HANDLE)(LONG_PTR)-1)
 #define ZwCurrentProcess() NtCurrentProcess()
 
+// ---- extended processor state (XSAVE) -------------------------------------------------------------
+// Feature bits of the XSAVE state components (Intel SDM vol. 1, 13.1): the
+// masks KeSaveExtendedProcessorState and RtlGetEnabledExtendedFeatures take.
+#define XSTATE_LEGACY_FLOATING_POINT 0
+#define XSTATE_LEGACY_SSE 1
+#define XSTATE_GSSE 2
+#define XSTATE_AVX XSTATE_GSSE
+#define XSTATE_MASK_LEGACY_FLOATING_POINT (1ULL << XSTATE_LEGACY_FLOATING_POINT)
+#define XSTATE_MASK_LEGACY_SSE (1ULL << XSTATE_LEGACY_SSE)
+#define XSTATE_MASK_LEGACY (XSTATE_MASK_LEGACY_FLOATING_POINT | XSTATE_MASK_LEGACY_SSE)
+#define XSTATE_MASK_GSSE (1ULL << XSTATE_GSSE)
+#define XSTATE_MASK_AVX XSTATE_MASK_GSSE
+
+typedef struct _XSAVE_AREA XSAVE_AREA, *PXSAVE_AREA;  // opaque: the simulation saves no registers
+
+typedef struct _XSTATE_CONTEXT {
+    ULONG64 Mask;
+    ULONG Length;
+    ULONG Reserved1;
+    PXSAVE_AREA Area;
+    PVOID Buffer;
+} XSTATE_CONTEXT, *PXSTATE_CONTEXT;
+
+// The x64 layout. The simulation keeps each thread's saves as Windows does:
+// a stack linked through Prev, with the saving thread and its IRQL.
+typedef struct _XSTATE_SAVE {
+    struct _XSTATE_SAVE* Prev;
+    struct _KTHREAD* Thread;
+    UCHAR Level;
+    XSTATE_CONTEXT XStateContext;
+} XSTATE_SAVE, *PXSTATE_SAVE;
+
 // ---- functions ---------------------------------------------------------------------------
 KV_EXTERN_C_BEGIN
 KIRQL KeGetCurrentIrql(VOID);
 VOID KeRaiseIrql(KIRQL NewIrql, PKIRQL OldIrql);
 VOID KeLowerIrql(KIRQL NewIrql);
 KIRQL KeRaiseIrqlToDpcLevel(VOID);
+
+NTSTATUS KeSaveExtendedProcessorState(ULONG64 Mask, PXSTATE_SAVE XStateSave);
+VOID KeRestoreExtendedProcessorState(PXSTATE_SAVE XStateSave);
 
 VOID KeInitializeSpinLock(PKSPIN_LOCK SpinLock);
 KIRQL KeAcquireSpinLockRaiseToDpc(PKSPIN_LOCK SpinLock);

@@ -65,4 +65,7 @@ NTSTATUS RtlUnicodeStringToAnsiString(PANSI_STRING DestinationString, PCUNICODE_
 VOID RtlFreeUnicodeString(PUNICODE_STRING UnicodeString);
 VOID RtlFreeAnsiString(PANSI_STRING AnsiString);
 SIZE_T RtlCompareMemory(const VOID* Source1, const VOID* Source2, SIZE_T Length);
+// The XSTATE_MASK_* features the system has enabled (ntddk.h), of those in
+// FeatureMask; 0 when the system does not use XSAVE.
+ULONG64 RtlGetEnabledExtendedFeatures(ULONG64 FeatureMask);
 KV_EXTERN_C_END

@@ -41,6 +41,7 @@ struct SimThread {
     KIRQL irql = PASSIVE_LEVEL;  // touched only by the thread itself
     KPRIORITY priority = 8;
     int criticalRegion = 0;  // KeEnterCriticalRegion depth (touched only by the thread)
+    XSTATE_SAVE* xstateTop = nullptr;  // innermost extended state saved and not restored (the thread only)
     ETHREAD* ethread = nullptr;
 
     WaitKind waitKind = WaitKind::None;
@@ -172,5 +173,11 @@ inline PKTHREAD KThreadOf(SimThread* t) { return t->ethread ? &t->ethread->Tcb :
 // a callback that left the IRQL changed, and restores it.
 void CheckIrqlAfterCallback(SimThread* self, KIRQL expected, const char* what, const void* routine);
 std::string RoutineName(const void* routine);
+
+// Extended processor state a thread saved and never restored (xstate.cpp):
+// Take... forgets it and says what it was ("" when there is none); Check...
+// reports it as a violation when a callback or system thread ends with it.
+std::string TakeUnrestoredXState(SimThread* t);
+void CheckXStateAfterCallback(SimThread* self, const char* what, const void* routine);
 
 }  // namespace kvsim::ke

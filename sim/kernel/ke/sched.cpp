@@ -315,10 +315,12 @@ void DpcThreadMain(Kernel& k, SimThread* self) {
             routine(dpc, context, arg1, arg2);
             CheckLocksAfterCallback("DPC routine", reinterpret_cast<const void*>(routine));
             CheckIrqlAfterCallback(self, DISPATCH_LEVEL, "DPC routine", reinterpret_cast<const void*>(routine));
+            CheckXStateAfterCallback(self, "DPC routine", reinterpret_cast<const void*>(routine));
         } else {
             entry.fn();
             CheckLocksAfterCallback("scheduled callback", nullptr);
             CheckIrqlAfterCallback(self, DISPATCH_LEVEL, "scheduled callback", nullptr);
+            CheckXStateAfterCallback(self, "scheduled callback", nullptr);
         }
         entry.fn = nullptr;  // destroy captured state outside the lock
         self->irql = PASSIVE_LEVEL;
@@ -345,6 +347,7 @@ void WorkerThreadMain(Kernel& k, SimThread* self) {
         entry.fn();
         CheckLocksAfterCallback(entry.isWorkItem ? "work item" : "posted function", nullptr);
         CheckIrqlAfterCallback(self, PASSIVE_LEVEL, entry.isWorkItem ? "work item" : "posted function", nullptr);
+        CheckXStateAfterCallback(self, entry.isWorkItem ? "work item" : "posted function", nullptr);
         entry.fn = nullptr;
         lk.lock();
         if (entry.isWorkItem) {
@@ -902,6 +905,11 @@ std::vector<std::string> SchedEndOfTestCheck() {
         k.counters.dpcsRun = 0;
         k.counters.workItemsQueued = 0;
         k.counters.workItemsRun = 0;
+    }
+    // The test's own thread: extended state it saved and never restored.
+    if (SimThread* self = SelfIfAdopted()) {
+        const std::string left = TakeUnrestoredXState(self);
+        if (!left.empty()) problems.push_back("the test's thread ended with " + left);
     }
     return problems;
 }

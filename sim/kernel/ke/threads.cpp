@@ -33,6 +33,7 @@ void DestroyThreadObject(void* body) { delete static_cast<ETHREAD*>(body); }
 
 void EndSystemThread(Kernel& k, SimThread* t, NTSTATUS exitStatus) {
     CheckLocksAtThreadEnd(t->name.c_str());
+    CheckXStateAfterCallback(t, "system thread", nullptr);
     if (t->irql != PASSIVE_LEVEL)
         kvsim::ReportViolation("system thread '%s' ended at IRQL %u", t->name.c_str(), t->irql);
     ETHREAD* ethread = t->ethread;
