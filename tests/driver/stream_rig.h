@@ -27,7 +27,7 @@ inline std::optional<uint32_t> StampOf(const Offer& offer, const std::vector<uin
     if (offer.Compression() != 0) return kvsim::camera::ReadFrameNumber(data, w, h);
     if (data.size() < size_t{w} * h * 3) return std::nullopt;
     std::vector<uint8_t> yuy2(size_t{w} * h * 2);
-    Rgb24ToYuy2BottomUp(data.data(), w * 3, yuy2.data(), w * 2, w, h);
+    kv::Rgb24ToYuy2BottomUp(data.data(), w * 3, yuy2.data(), w * 2, w, h);
     return kvsim::camera::ReadFrameNumber(yuy2, w, h);
 }
 
