@@ -148,7 +148,7 @@ private:
     void ProcessOne(Delivery& delivery);
     void DeliverMjpeg(Delivery& delivery);
     void DeliverUncompressed(Delivery& delivery, bool rgbOutput);
-    void RgbStages(const Stages& s, bool& isRgb);
+    void RgbStages(const Stages& s);
     void ToOutput(Delivery& delivery, bool isRgb, ULONG dataUsed);
     void Finish(Delivery& delivery, ULONG dataUsed);
     void FillHeader(Delivery& delivery, ULONG dataUsed);
@@ -361,7 +361,7 @@ void FrameWorker::DeliverUncompressed(Delivery& delivery, bool rgbOutput)
         }
     }
     if (isRgb) {
-        RgbStages(s, isRgb);
+        RgbStages(s);
     }
     if (delivery.still) {
         WriteSnapshotFile(pA, m_Width, m_Height);
@@ -371,9 +371,8 @@ void FrameWorker::DeliverUncompressed(Delivery& delivery, bool rgbOutput)
 
 // Effects, photo frame, tracking, countdown and rotation on the RGB frame
 // in work buffer A.
-void FrameWorker::RgbStages(const Stages& s, bool& isRgb)
+void FrameWorker::RgbStages(const Stages& s)
 {
-    UNREFERENCED_PARAMETER(isRgb);
     PUCHAR pA = m_Stream.m_pWorkBufferA;
     PUCHAR pB = m_Stream.m_pWorkBufferB;
     const ULONG rgbSize = m_Width * m_Height * 3;

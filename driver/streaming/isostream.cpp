@@ -110,7 +110,6 @@ IsoStream::IsoStream()
       m_ScrPresent(0),
       m_TransfersInFlight(TRANSFERS_UNCOMPRESSED),
       m_PacketsPerTransfer(0),
-      m_AvgTimePerFrame(0),
       m_pDevice(nullptr)
 {
 }
@@ -131,7 +130,6 @@ NTSTATUS IsoStream::IsoUsb_StartIsoStream(PKS_VIDEOINFOHEADER pFormat, ULONG Out
     m_Streaming = 1;
     m_StopFlags = 0;
     m_OutputCompression = OutputCompression;
-    m_AvgTimePerFrame = pFormat->AvgTimePerFrame;
     m_PacketsPerTransfer = m_pDevice->m_Usb.m_SpeedPacketCount;
 
     SIZE_T cbStream = FIELD_OFFSET(StreamObject, TransferObjectList) + sizeof(TransferObject*) * MAX_TRANSFERS_IN_FLIGHT;
@@ -176,7 +174,7 @@ NTSTATUS IsoStream::IsoUsb_StartIsoStream(PKS_VIDEOINFOHEADER pFormat, ULONG Out
     m_StartupPackets = 0;
     m_ImageSize = pFormat->bmiHeader.biSizeImage;
 
-    NTSTATUS status = AllocateStreamBuffers(pFormat);
+    NTSTATUS status = AllocateStreamBuffers();
     if (!NT_SUCCESS(status)) {
         return status;
     }
@@ -208,9 +206,8 @@ NTSTATUS IsoStream::IsoUsb_StartIsoStream(PKS_VIDEOINFOHEADER pFormat, ULONG Out
 
 // The frame descriptor, the pan-and-zoom area, the work buffers, and the
 // ready and collection buffers.
-NTSTATUS IsoStream::AllocateStreamBuffers(PKS_VIDEOINFOHEADER pFormat)
+NTSTATUS IsoStream::AllocateStreamBuffers()
 {
-    UNREFERENCED_PARAMETER(pFormat);
     m_pFrameBuffer = static_cast<FrameBuffer*>(AllocateZeroed(sizeof(FrameBuffer), kTagFrameDescriptor));
     if (m_pFrameBuffer == nullptr) {
         DbgPrint("IsoUsb_StartTransfer: failed to alloc frame descriptor\n");

@@ -144,10 +144,9 @@ public:
     USHORT m_ScrPresent;
     ULONG m_TransfersInFlight;         // 3 uncompressed, 2 motion JPEG
     ULONG m_PacketsPerTransfer;        // 128 high speed, 32 full speed
-    LONGLONG m_AvgTimePerFrame;
 
 private:
-    NTSTATUS AllocateStreamBuffers(PKS_VIDEOINFOHEADER pFormat);
+    NTSTATUS AllocateStreamBuffers();
     NTSTATUS AllocateLists();
     NTSTATUS CreateTransfer(ULONG Index);
     void BuildUrb(TransferObject* pTransfer, BOOLEAN Asap);

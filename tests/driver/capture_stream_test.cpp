@@ -280,6 +280,26 @@ TEST_F(CaptureStream, TimesAndPictureNumbersComeFromTheClock)
     EXPECT_EQ(plain.front().header.Duration, 0);
 }
 
+// A system sleep while frames flow: the pin's sleep stops the stream and
+// gives the bandwidth back before the camera loses power; after the wake
+// the client runs the pin again and frames flow again.
+TEST_F(CaptureStream, ASystemSleepWhileStreamingStopsTheStreamAndItRunsAgainAfter)
+{
+    Stream stream(*filter, Find(kv::kFourccYuy2, 320));
+    ASSERT_EQ(stream.Run(), STATUS_SUCCESS);
+    ASSERT_FALSE(stream.Collect(1).empty());
+    ASSERT_EQ(pnp::SleepSystem(rig.Pdo()), STATUS_SUCCESS);
+    EXPECT_TRUE(DebugSaid("Pin power Down extra work!\n"));
+    EXPECT_EQ(rig.Dev().m_Stream.m_Streaming, 0);
+    EXPECT_EQ(camera().CurrentAlternate(1), 0);
+    ASSERT_EQ(pnp::WakeSystem(rig.Pdo()), STATUS_SUCCESS);
+    EXPECT_TRUE(DebugSaid("Pin power Up\n"));
+    ASSERT_EQ(stream.pin().SetState(KSSTATE_STOP), STATUS_SUCCESS);
+    stream.pin().CollectFrames();
+    ASSERT_EQ(stream.Run(), STATUS_SUCCESS);
+    EXPECT_GE(stream.Collect(2).size(), 2u);
+}
+
 // Stopping while the thread waits for a frame ends it at once: the stop
 // path does not sit out its 3-second wait.
 TEST_F(CaptureStream, AStopWhileTheFrameThreadWaitsEndsAtOnce)

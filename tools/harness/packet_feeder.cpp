@@ -23,7 +23,7 @@ public:
         if (s.m_streamObject == nullptr) return STATUS_INSUFFICIENT_RESOURCES;
         std::memset(s.m_streamObject, 0, cb);
         s.m_streamObject->pPipeInformation = pipe;
-        NTSTATUS status = s.AllocateStreamBuffers(nullptr);
+        NTSTATUS status = s.AllocateStreamBuffers();
         if (NT_SUCCESS(status)) status = s.AllocateLists();
         if (!NT_SUCCESS(status)) return status;
         // As the transfers at start do: the one descriptor on the free list.
