@@ -1,13 +1,14 @@
 #!/usr/bin/env bash
-# The main job: builds the `release` preset's kvcam, then runs `kvcam info`
-# on the built-in virtual camera: the simulation loads kvdrv, plugs the
-# camera into the simulated USB bus and starts it, and kvcam shows the
-# device (speed, interfaces and pipes), the start's result, the capture and
-# still pins' formats as a client reads them, and the filter's pins and
-# topology. Extra arguments go to kvcam info, e.g.
-#   bash scripts/demo.sh --verbose                  # with the driver's debug log
-#   bash scripts/demo.sh --camera trust_webcam      # a real camera's descriptors
-#   bash scripts/demo.sh --registry settings.reg    # settings kept between runs
+# The main job: builds the `release` preset's kvcam, then streams three
+# seconds (of the simulation's time) from the built-in virtual camera through
+# kvdrv's capture pin: the simulation loads kvdrv, plugs the camera into the
+# simulated USB bus, starts it, and a client runs the capture pin as a video
+# application does. The frames go to out/stream.y4m (play it with
+# `ffplay out/stream.y4m`) and the last one to out/last.png. Extra arguments
+# go to kvcam stream, e.g.
+#   bash scripts/demo.sh --format rgb24                # the camera's motion JPEG, decoded by the driver
+#   bash scripts/demo.sh --camera trust_webcam         # a real camera's descriptors
+#   bash scripts/demo.sh --source picture.png          # what the camera sends
 set -euo pipefail
 cd "$(dirname "$0")/.."
 source scripts/deps.sh
@@ -16,4 +17,6 @@ kv_ensure_deps
 JOBS=${JOBS:-2}
 cmake --preset release
 cmake --build --preset release -j "$JOBS" --target kvcam
-exec build/release/tools/kvcam info "$@"
+mkdir -p out
+build/release/tools/kvcam stream --seconds 3 --output out/stream.y4m --snapshot out/last.png "$@"
+echo "wrote out/stream.y4m (play it: ffplay out/stream.y4m) and out/last.png"

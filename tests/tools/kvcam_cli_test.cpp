@@ -235,6 +235,13 @@ TEST_F(KvcamCli, ExitCodes)
         {{"formats", "--camera", missing}, 1, "missing.cfg_desc.bin: cannot be read"},
         {{"driver", "--sys", "/nonexistent/kvdrv.sys"}, 1, "cannot open"},
         {{"driver", "--sys", KV_SOURCE_DIR "/tests/windows/user_mode_import.c"}, 1, "MZ"},
+        {{"stream", "--format", "h264"}, 2, "unknown format 'h264'"},
+        {{"stream", "--size", "640"}, 2, "size '640' is not WxH"},
+        {{"stream", "--fps", "0"}, 2, "frame rate '0' is not 1..1000"},
+        {{"stream", "--output", "x.avi"}, 1, "write .y4m or .mjpeg"},
+        {{"stream", "--format", "mjpg"}, 1, "offers no mjpg; it offers: yuy2 640x480"},
+        {{"stream", "--size", "100x100"}, 1, "offers no yuy2 100x100"},
+        {{"stream", "--source", missing}, 1, "missing.cfg_desc.bin"},
     };
     for (const auto& c : cases) {
         std::string line;
@@ -251,6 +258,51 @@ TEST_F(KvcamCli, ExitCodes)
     }
     EXPECT_THAT(RunKvcam({"--help"}).out, testing::ContainsRegex("usage: kvcam.*  driver .*  formats .*  info "))
         << "the help names every command";
+}
+
+// The main job: frames from the capture pin into a .y4m, a PNG of the last
+// one, and a JSON summary whose counts add up.
+TEST_F(KvcamCli, StreamWritesTheFramesItCounts)
+{
+    for (const char* format : {"yuy2", "rgb24"}) {
+        SCOPED_TRACE(format);
+        const std::string video = (dir_ / "out.y4m").string();
+        const std::string last = (dir_ / "last.png").string();
+        KvcamRun run = RunKvcam({"stream", "--format", format, "--size", "320x240", "--frames", "6", "--output", video,
+                                 "--snapshot", last, "--json"});
+        ASSERT_EQ(run.exitCode, 0) << run.err;
+        auto summary = nlohmann::json::parse(run.out);
+        EXPECT_EQ(summary["frames_delivered"], 6);
+        EXPECT_EQ(summary["width"], 320);
+        std::ifstream in(video, std::ios::binary);
+        const std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+        size_t frames = 0;
+        for (size_t at = bytes.find("FRAME\n"); at != std::string::npos; at = bytes.find("FRAME\n", at + 1)) ++frames;
+        EXPECT_EQ(frames, 6u);
+        EXPECT_TRUE(fs::file_size(last) > 0);
+    }
+}
+
+// Every shared camera that starts streams each of its formats.
+TEST_F(KvcamCli, StreamRunsOnEverySharedCameraThatStarts)
+{
+    for (const auto& entry : fs::directory_iterator(std::string(KV_SHARED_DIR) + "/cameras")) {
+        const std::string file = entry.path().filename().string();
+        if (file.size() < 14 || file.substr(file.size() - 13) != ".cfg_desc.bin") continue;
+        const std::string name = file.substr(0, file.size() - 13);
+        SCOPED_TRACE(name);
+        KvcamRun formats = RunKvcam({"formats", "--json", "--camera", name});
+        if (formats.exitCode != 0) continue;  // the start fails: nothing to stream
+        auto capture = nlohmann::json::parse(formats.out)["capture"];
+        ASSERT_FALSE(capture.empty());
+        for (const auto& range : capture) {
+            const std::string size = std::to_string(range["biWidth"].get<int>()) + "x" +
+                                     std::to_string(range["biHeight"].get<int>());
+            KvcamRun run = RunKvcam({"stream", "--camera", name, "--format",
+                                     range["biCompression"] == 0 ? "rgb24" : "yuy2", "--size", size, "--frames", "2"});
+            EXPECT_EQ(run.exitCode, 0) << size << ": " << run.err;
+        }
+    }
 }
 
 TEST_F(KvcamCli, FormatsJsonOnTheDefaultCameraListsCaptureAndStillRangesAndKeepsTheRegistry)

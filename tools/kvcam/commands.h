@@ -27,6 +27,11 @@ void PrintFormatsHelp();
 int RunInfoCommand(std::span<const std::string_view> args);
 void PrintInfoHelp();
 
+// `kvcam stream [options]`: the capture pin streaming into files
+// (stream_command.cpp).
+int RunStreamCommand(std::span<const std::string_view> args);
+void PrintStreamHelp();
+
 // `kvcam fuzz packets [--count N] [--seed S]`: random packets through the
 // driver's payload path (fuzz_command.cpp).
 int RunFuzzCommand(std::span<const std::string_view> args);

@@ -25,6 +25,8 @@ struct Command {
 };
 
 constexpr Command kCommands[] = {
+    {"stream", "stream from the camera through the capture pin into .y4m / .mjpeg / PNG files",
+     kvcam::RunStreamCommand, kvcam::PrintStreamHelp},
     {"driver", "describe the built kvdrv.sys (PE headers, sections, imports)", kvcam::RunDriverCommand,
      kvcam::PrintDriverHelp},
     {"formats", "start the driver on a camera; print the capture and still pins' formats", kvcam::RunFormatsCommand,
