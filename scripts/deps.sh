@@ -16,8 +16,11 @@ KV_DEPS=(
   "libgmock-dev:"
   "libbenchmark-dev:"
   "libjpeg-dev:"
+  "libpng-dev:"
+  "zlib1g-dev:"
   "libyuv-dev:"
   "nlohmann-json3-dev:"
+  "ffmpeg:ffprobe"
 )
 
 kv_missing_packages() {

@@ -2,7 +2,8 @@
 # tests/CMakeLists.txt):
 #  - the PE check of the real kvdrv.sys built by the Windows sub-build, and
 #    tests of the check itself (it must reject bad images);
-#  - the link of tests/tools/*_test.cpp with kvcam's library.
+#  - the link of tests/tools/*_test.cpp with kvcam's library;
+#  - zlib for the media suite's own PNG reader.
 
 # kvcam's PE reader (tools/CMakeLists.txt is processed after tests/; target
 # names are resolved at generate time).
@@ -25,6 +26,14 @@ endif()
 # when libyuv is installed.
 if(TARGET primitives_test AND TARGET kv_libyuv)
   target_link_libraries(primitives_test PRIVATE kv_libyuv)
+endif()
+
+# The media suite reads back the PNGs it writes with its own small decoder
+# over zlib, so that a fault in how libpng is driven cannot hide behind
+# libpng reading its own output.
+if(TARGET media_files_test)
+  find_package(ZLIB REQUIRED)
+  target_link_libraries(media_files_test PRIVATE ZLIB::ZLIB)
 endif()
 
 if(NOT KV_WITH_WINDOWS_BUILD)
