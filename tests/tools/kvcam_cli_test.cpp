@@ -15,6 +15,7 @@
 
 #include "camera/camera_model.h"
 #include "json.h"
+#include "media_files.h"
 #include "kvsim/registry.h"
 #include "report.h"
 #include "system.h"
@@ -281,6 +282,24 @@ TEST_F(KvcamCli, StreamWritesTheFramesItCounts)
         EXPECT_EQ(frames, 6u);
         EXPECT_TRUE(fs::file_size(last) > 0);
     }
+}
+
+// The camera sends a video's frames: a YUY2 stream gives them back byte for
+// byte (from the second on: the frame the stream starts in is never
+// delivered).
+TEST_F(KvcamCli, StreamFromASourceVideoGivesItsFramesBack)
+{
+    const std::string source = (dir_ / "source.y4m").string();
+    const std::string copy = (dir_ / "copy.y4m").string();
+    ASSERT_EQ(RunKvcam({"stream", "--size", "320x240", "--frames", "8", "--output", source}).exitCode, 0);
+    KvcamRun run = RunKvcam({"stream", "--source", source, "--size", "320x240", "--frames", "5", "--output", copy});
+    ASSERT_EQ(run.exitCode, 0) << run.err;
+    std::string error;
+    auto sent = kvharness::LoadSourcePictures(source, &error);
+    auto got = kvharness::LoadSourcePictures(copy, &error);
+    ASSERT_TRUE(sent && got) << error;
+    ASSERT_EQ(got->size(), 5u);
+    for (size_t i = 0; i < got->size(); ++i) EXPECT_EQ((*got)[i].pixels, (*sent)[i + 1].pixels) << "frame " << i;
 }
 
 // Every shared camera that starts streams each of its formats.
