@@ -132,6 +132,27 @@ void OnJpegMessage(j_common_ptr, int) {}  // warnings (corrupt data) are not fat
 
 }  // namespace
 
+namespace {
+
+// The sensor's YUY2 is studio range (BT.601: luma 16-235, chroma 16-240);
+// JFIF's YCbCr is full range (ITU-T T.871). The camera's JPEG engine scales
+// between the two, so that a decoder's colours are the sensor's.
+uint8_t Saturate(int v) { return static_cast<uint8_t>(v < 0 ? 0 : v > 255 ? 255 : v); }
+uint8_t LumaToFull(uint8_t y) { return Saturate(((int(y) - 16) * 255 + 109) / 219); }
+uint8_t ChromaToFull(uint8_t c)
+{
+    const int d = (int(c) - 128) * 255;
+    return Saturate(128 + (d >= 0 ? (d + 112) / 224 : (d - 112) / 224));
+}
+uint8_t LumaToStudio(uint8_t y) { return static_cast<uint8_t>(16 + (int(y) * 219 + 127) / 255); }
+uint8_t ChromaToStudio(uint8_t c)
+{
+    const int d = (int(c) - 128) * 224;
+    return static_cast<uint8_t>(128 + (d >= 0 ? (d + 127) / 255 : (d - 127) / 255));
+}
+
+}  // namespace
+
 std::vector<uint8_t> EncodeJpeg(const Yuy2Picture& p, int quality) {
     std::vector<uint8_t> result;
     if (p.width == 0 || p.height == 0 || p.pixels.size() < size_t(p.width) * p.height * 2) return result;
@@ -165,9 +186,9 @@ std::vector<uint8_t> EncodeJpeg(const Yuy2Picture& p, int quality) {
         const uint8_t* s = &p.pixels[size_t(c.next_scanline) * p.width * 2];
         for (int x = 0; x < p.width; ++x) {
             int pair = (x & ~1) * 2;
-            row[x * 3] = s[x * 2];
-            row[x * 3 + 1] = s[pair + 1];
-            row[x * 3 + 2] = (pair + 3 < p.width * 2) ? s[pair + 3] : 128;
+            row[x * 3] = LumaToFull(s[x * 2]);
+            row[x * 3 + 1] = ChromaToFull(s[pair + 1]);
+            row[x * 3 + 2] = (pair + 3 < p.width * 2) ? ChromaToFull(s[pair + 3]) : 128;
         }
         JSAMPROW rp = row.data();
         jpeg_write_scanlines(&c, &rp, 1);
@@ -285,8 +306,8 @@ std::optional<Yuy2Picture> DecodeJpeg(std::span<const uint8_t> jpeg) {
         jpeg_read_scanlines(&d, &rp, 1);
         uint8_t* o = &p.pixels[y * p.width * 2];
         for (int x = 0; x < p.width; ++x) {
-            o[x * 2] = row[x * 3];
-            o[x * 2 + 1] = (x & 1) ? row[x * 3 + 2] : row[x * 3 + 1];
+            o[x * 2] = LumaToStudio(row[x * 3]);
+            o[x * 2 + 1] = ChromaToStudio((x & 1) ? row[x * 3 + 2] : row[x * 3 + 1]);
         }
     }
     jpeg_finish_decompress(&d);

@@ -75,21 +75,23 @@ Yuy2Picture MarkedPicture(uint16_t w, uint16_t h, uint32_t frame = 7) {
     for (int y = 24; y < 40; ++y)
         for (int x = 0; x < 16; ++x) {
             uint8_t* px = &p.pixels[(size_t(y) * w + x) * 2];
-            px[0] = 76;                  // Y of pure red (JFIF YCbCr)
-            px[1] = (x & 1) ? 255 : 85;  // Cr on odd pixels, Cb on even
+            px[0] = 81;                  // Y of pure red (BT.601 studio range)
+            px[1] = (x & 1) ? 240 : 90;  // Cr on odd pixels, Cb on even
         }
     return p;
 }
 
-// The picture as DecodeJpg should deliver it: JFIF YCbCr to RGB (ITU-T
-// T.871), each pixel with its pair's chroma, BGR, bottom-up.
+// The picture as DecodeJpg should deliver it: the sensor's studio-range
+// YCbCr to RGB (BT.601; the camera's JPEG engine carried it through JFIF's
+// full range), each pixel with its pair's chroma, BGR, bottom-up.
 Bytes ExpectedBgr(const Yuy2Picture& p) {
     Bytes out(OutputBytes(p.width, p.height));
     for (int y = 0; y < p.height; ++y)
         for (int x = 0; x < p.width; ++x) {
             const uint8_t* pair = &p.pixels[(size_t(y) * p.width + (x & ~1)) * 2];
-            double luma = p.pixels[(size_t(y) * p.width + x) * 2], cb = pair[1] - 128.0, cr = pair[3] - 128.0;
-            double bgr[3] = {luma + 1.772 * cb, luma - 0.344136 * cb - 0.714136 * cr, luma + 1.402 * cr};
+            double luma = 1.164 * (p.pixels[(size_t(y) * p.width + x) * 2] - 16.0), cb = pair[1] - 128.0,
+                   cr = pair[3] - 128.0;
+            double bgr[3] = {luma + 2.017 * cb, luma - 0.392 * cb - 0.813 * cr, luma + 1.596 * cr};
             for (int c = 0; c < 3; ++c)
                 out[(size_t(p.height - 1 - y) * p.width + x) * 3 + c] =
                     uint8_t(std::clamp(std::lround(bgr[c]), 0L, 255L));

@@ -8,6 +8,7 @@
 #include <gmock/gmock.h>
 #include <sys/wait.h>
 
+#include <cmath>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -242,6 +243,7 @@ TEST_F(KvcamCli, ExitCodes)
         {{"stream", "--output", "x.avi"}, 1, "write .y4m or .mjpeg"},
         {{"stream", "--format", "mjpg"}, 1, "offers no mjpg; it offers: yuy2 640x480"},
         {{"stream", "--size", "100x100"}, 1, "offers no yuy2 100x100"},
+        {{"stream", "--fps", "60"}, 1, "60 frames a second is not offered at 640x480: 5.0 to 30.0"},
         {{"stream", "--source", missing}, 1, "missing.cfg_desc.bin"},
     };
     for (const auto& c : cases) {
@@ -286,7 +288,8 @@ TEST_F(KvcamCli, StreamWritesTheFramesItCounts)
 
 // The camera sends a video's frames: a YUY2 stream gives them back byte for
 // byte (from the second on: the frame the stream starts in is never
-// delivered).
+// delivered), an RGB24 stream (motion JPEG decoded by the driver) within
+// JPEG's loss.
 TEST_F(KvcamCli, StreamFromASourceVideoGivesItsFramesBack)
 {
     const std::string source = (dir_ / "source.y4m").string();
@@ -300,6 +303,20 @@ TEST_F(KvcamCli, StreamFromASourceVideoGivesItsFramesBack)
     ASSERT_TRUE(sent && got) << error;
     ASSERT_EQ(got->size(), 5u);
     for (size_t i = 0; i < got->size(); ++i) EXPECT_EQ((*got)[i].pixels, (*sent)[i + 1].pixels) << "frame " << i;
+
+    run = RunKvcam({"stream", "--source", source, "--format", "rgb24", "--size", "320x240", "--frames", "3", "--output",
+                    copy});
+    ASSERT_EQ(run.exitCode, 0) << run.err;
+    got = kvharness::LoadSourcePictures(copy, &error);
+    ASSERT_TRUE(got) << error;
+    for (size_t i = 0; i < got->size(); ++i) {
+        const auto& a = (*got)[i].pixels;
+        const auto& b = (*sent)[i + 1].pixels;
+        ASSERT_EQ(a.size(), b.size());
+        double squares = 0;
+        for (size_t k = 0; k < a.size(); ++k) squares += (double(a[k]) - b[k]) * (double(a[k]) - b[k]);
+        EXPECT_GT(10 * std::log10(255.0 * 255.0 / (squares / double(a.size()) + 1e-9)), 30.0) << "frame " << i;
+    }
 }
 
 // Every shared camera that starts streams each of its formats.

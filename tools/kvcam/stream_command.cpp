@@ -286,7 +286,22 @@ bool Stream(kvharness::System& system, const StreamOptions& o, Summary& summary)
     const kvharness::CaptureOffer* chosen = ChooseOffer(offers, o, &error);
     if (chosen == nullptr) return fail(error);
     kvharness::CaptureOffer offer = *chosen;
-    if (o.fps != 0) offer.format.VideoInfoHeader.AvgTimePerFrame = kHundredNsPerSecond / o.fps;
+    if (o.fps != 0) {
+        // The range gives the camera's slowest and fastest intervals for
+        // this size; a rate between them that the camera does not list gets
+        // the frame's first interval from the driver.
+        const LONGLONG interval = kHundredNsPerSecond / o.fps;
+        const auto& caps = offer.range.ConfigCaps;
+        if (interval < caps.MinFrameInterval || interval > caps.MaxFrameInterval) {
+            char text[160];
+            std::snprintf(text, sizeof text, "%u frames a second is not offered at %ux%u: %.1f to %.1f", o.fps,
+                          static_cast<unsigned>(offer.Width()), static_cast<unsigned>(offer.Height()),
+                          double(kHundredNsPerSecond) / double(caps.MaxFrameInterval),
+                          double(kHundredNsPerSecond) / double(caps.MinFrameInterval));
+            return fail(text);
+        }
+        offer.format.VideoInfoHeader.AvgTimePerFrame = interval;
+    }
 
     kvharness::VideoFormat format;
     format.width = static_cast<uint32_t>(offer.Width());
