@@ -115,7 +115,10 @@ FrameLoop::FrameLoop()
       m_LastTime(0),
       m_SkipCounter(0),
       m_DecodeResult(0),
-      m_FrameSeen(0)
+      m_FrameSeen(0),
+      m_BadFrames(0),
+      m_JpegFailures(0),
+      m_NoBufferFrames(0)
 {
 }
 
@@ -124,6 +127,9 @@ void FrameLoop::ResetCounters()
     m_FramesDelivered = 0;
     InterlockedExchange(&m_DropCount, 0);
     m_PictureNumber = 0;
+    m_BadFrames = 0;
+    m_JpegFailures = 0;
+    m_NoBufferFrames = 0;
 }
 
 namespace {
@@ -188,6 +194,7 @@ void FrameWorker::Run()
         }
         if (InterlockedExchange(&pFrame->ReadyBad, 0) != 0) {
             InterlockedIncrement(&m_Loop.m_DropCount);
+            m_Loop.m_BadFrames++;
             continue;
         }
         if (m_Loop.m_SkipCounter < m_pDevice->m_Settings.m_DropFrameCntVGA) {
@@ -254,6 +261,7 @@ bool FrameWorker::TakeDelivery(Delivery* pDelivery)
     m_Height = AbsHeight(m_pContext->pFormat);
     m_Loop.m_FrameSeen = 1;
     if (pPointer == nullptr) {
+        m_Loop.m_NoBufferFrames++;
         return false;
     }
     if (pPointer->StreamHeader == nullptr) {
@@ -287,6 +295,7 @@ void FrameWorker::DeliverMjpeg(Delivery& delivery)
     // Either byte of the start marker is enough to pass.
     if (start[0] != 0xFF && start[1] != 0xD8) {
         DbgPrint("No FFD8\n");
+        m_Loop.m_JpegFailures++;
         KsStreamPointerUnlock(delivery.pPointer, FALSE);
         return;
     }
@@ -303,6 +312,7 @@ void FrameWorker::DeliverMjpeg(Delivery& delivery)
         // The same capture buffer serves the next frame; a still buffer
         // goes back to its pin.
         InterlockedIncrement(&m_Loop.m_DropCount);
+        m_Loop.m_JpegFailures++;
         if (delivery.still) {
             KsStreamPointerUnlock(delivery.pPointer, FALSE);
         } else {

@@ -30,4 +30,11 @@ public:
     ULONG m_SkipCounter;
     UCHAR m_DecodeResult;
     UCHAR m_FrameSeen;
+    // Why frames went undelivered since the stream started (for a
+    // debugger and the developer's tools): a bad frame from the engine, a
+    // JPEG frame the decoder refused (or without its start marker), a frame
+    // that found no client buffer queued.
+    ULONG m_BadFrames;
+    ULONG m_JpegFailures;
+    ULONG m_NoBufferFrames;
 };

@@ -286,6 +286,22 @@ TEST_F(KvcamCli, StreamWritesTheFramesItCounts)
     }
 }
 
+// The summary says why frames went undelivered: here the start-up skips
+// the registry asks for.
+TEST_F(KvcamCli, StreamSummaryCountsTheStartUpSkips)
+{
+    const std::string reg = (dir_ / "settings.reg").string();
+    std::ofstream(reg) << "Windows Registry Editor Version 5.00\n\n"
+                          "[HKEY_LOCAL_MACHINE\\SYSTEM\\CurrentControlSet\\Services\\USBKV\\Data]\n"
+                          "\"DropFrameCntVGA\"=dword:00000003\n";
+    KvcamRun run = RunKvcam({"stream", "--registry", reg, "--size", "160x120", "--frames", "4", "--json"});
+    ASSERT_EQ(run.exitCode, 0) << run.err;
+    auto summary = nlohmann::json::parse(run.out);
+    EXPECT_EQ(summary["frames_delivered"], 4);
+    EXPECT_EQ(summary["not_delivered"]["startup_skipped"], 3);
+    EXPECT_EQ(summary["not_delivered"]["bad_frame"], 0);
+}
+
 // The camera sends a video's frames: a YUY2 stream gives them back byte for
 // byte (from the second on: the frame the stream starts in is never
 // delivered), an RGB24 stream (motion JPEG decoded by the driver) within

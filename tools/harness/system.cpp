@@ -316,4 +316,11 @@ std::string SharedCamerasDir(const std::string& fallbackSharedDir)
     return shared + "/cameras";
 }
 
+CCaptureDevice* System::device() const
+{
+    if (pdo_ == nullptr || pdo_->AttachedDevice == nullptr) return nullptr;
+    PKSDEVICE ksDevice = KsGetDeviceForDeviceObject(pdo_->AttachedDevice);
+    return ksDevice != nullptr ? static_cast<CCaptureDevice*>(ksDevice->Context) : nullptr;
+}
+
 }  // namespace kvharness

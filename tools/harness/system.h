@@ -37,6 +37,8 @@
 #include "kvsim/sched.h"
 #include "wdm.h"
 
+class CCaptureDevice;
+
 namespace kvharness {
 
 // The driver's service name: the driver's registry root (its settings under
@@ -78,6 +80,9 @@ public:
     const std::optional<std::string>& startMessage() const { return startMessage_; }
 
     PDEVICE_OBJECT pdo() const { return pdo_; }
+    // The driver's per-device object while the device is added (null
+    // otherwise), for tools that show what the driver counts.
+    CCaptureDevice* device() const;
     std::shared_ptr<kvsim::camera::UvcCamera> camera() const { return camera_; }
 
     // Opens the capture filter as a video application finds it: an enabled

@@ -14,6 +14,7 @@
 #include "camera/frame_source.h"
 #include "capture_offers.h"
 #include "commands.h"
+#include "device/device.h"
 #include "json.h"
 #include "media_files.h"
 #include "system_options.h"
@@ -235,6 +236,8 @@ struct Summary {
     uint64_t delivered = 0;
     uint64_t failedBuffers = 0;
     LONGLONG droppedByDriver = 0;  // the last frame's KS_FRAME_INFO.DropCount
+    // Why the driver delivered no frame, as it counts them.
+    ULONG badFrames = 0, jpegFailures = 0, noBuffer = 0, startupSkipped = 0;
     LONGLONG firstTime = -1, lastTime = -1;
     double simulatedSeconds = 0, hostSeconds = 0;
 };
@@ -252,6 +255,10 @@ void PrintSummary(const Summary& s, bool json)
         j["frames_delivered"] = s.delivered;
         j["frames_dropped"] = s.droppedByDriver;
         j["buffers_failed"] = s.failedBuffers;
+        j["not_delivered"] = {{"bad_frame", s.badFrames},
+                              {"jpeg_failed", s.jpegFailures},
+                              {"no_buffer_queued", s.noBuffer},
+                              {"startup_skipped", s.startupSkipped}};
         j["first_presentation_time_100ns"] = s.firstTime;
         j["last_presentation_time_100ns"] = s.lastTime;
         j["simulated_seconds"] = s.simulatedSeconds;
@@ -260,10 +267,11 @@ void PrintSummary(const Summary& s, bool json)
         return;
     }
     std::fprintf(stderr,
-                 "kvcam stream: %s %ux%u, %" PRIu64 " frames delivered, %lld dropped, %.2f s simulated (%.1f "
-                 "frames/s), %.2f s host (%.1f frames/s)\n",
+                 "kvcam stream: %s %ux%u, %" PRIu64 " frames delivered, %lld dropped (bad %u, JPEG %u, no buffer %u, "
+                 "start-up %u), %.2f s simulated (%.1f frames/s), %.2f s host (%.1f frames/s)\n",
                  s.format.c_str(), s.width, s.height, s.delivered, static_cast<long long>(s.droppedByDriver),
-                 s.simulatedSeconds, simFps, s.hostSeconds, hostFps);
+                 s.badFrames, s.jpegFailures, s.noBuffer, s.startupSkipped, s.simulatedSeconds, simFps,
+                 s.hostSeconds, hostFps);
 }
 
 void Progress(const Summary& s, bool terminal)
@@ -365,6 +373,12 @@ bool Stream(kvharness::System& system, const StreamOptions& o, Summary& summary)
     pin->CollectFrames();
     pin->Close();
     summary.hostSeconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - hostStart).count();
+    if (const CCaptureDevice* device = system.device()) {
+        summary.badFrames = device->m_FrameLoop.m_BadFrames;
+        summary.jpegFailures = device->m_FrameLoop.m_JpegFailures;
+        summary.noBuffer = device->m_FrameLoop.m_NoBufferFrames;
+        summary.startupSkipped = device->m_FrameLoop.m_SkipCounter;
+    }
     if (!sinks.Close(&error)) ok = fail(error);
     return ok;
 }
