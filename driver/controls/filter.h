@@ -22,9 +22,24 @@ public:
     // The object bag's free routine: runs the destructor.
     static void Cleanup(PVOID pContext);
 
+    // The filter's property handlers (KSPROPERTY_ITEM handlers).
+    static NTSTATUS GetDroppedFrames(PIRP pIrp, PKSPROPERTY pProperty, PVOID pData);
+    static NTSTATUS GetVideoControl(PIRP pIrp, PKSPROPERTY pProperty, PVOID pData);
+    static NTSTATUS SetVideoControlProperty(PIRP pIrp, PKSPROPERTY pProperty, PVOID pData);
+    static NTSTATUS DriverControl(PIRP pIrp, PKSPROPERTY pProperty, PVOID pData);
+
     CCaptureDevice* m_pDevice;
     PKSFILTER m_pKsFilter;
     ULONG m_DefaultValue;        // 15
     ULONG m_TunnelPending;       // the driver-control tunnel's pending flag
     ULONG m_CurrentFormatIndex;  // the format the handlers describe
+
+private:
+    NTSTATUS ActualFrameRate(PIRP pIrp, PKSPROPERTY_VIDEOCONTROL_ACTUAL_FRAME_RATE_S pRequest, PVOID pData,
+                             ULONG cbOut);
+    NTSTATUS FrameRates(PIRP pIrp, PKSPROPERTY_VIDEOCONTROL_FRAME_RATES_S pRequest, PVOID pData, ULONG cbOut);
 };
+
+// The filter's automation table: the driver-control, dropped-frames and
+// video-control property sets and the still-button event set.
+extern const KSAUTOMATION_TABLE g_FilterAutomationTable;

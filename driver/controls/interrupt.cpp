@@ -1,11 +1,20 @@
 // The self-timer's countdown timer and DPC.
 #include "controls/interrupt.h"
 
+namespace {
+
+// The countdown's DPC: a second after the start, then once a second.
+constexpr LONGLONG kCountdownFirstDue = -10000000LL;
+constexpr LONG kCountdownPeriodMs = 1000;
+
+}  // namespace
+
 SelfTimer::SelfTimer()
     : m_CountdownCounter(-1),
       m_StillRequest(0),
       m_SoftwareTrigger(0),
       m_CountdownDisplay(0),
+      m_TriggerSource(0),
       m_CountdownTimer(),
       m_CountdownDpc(),
       m_CountdownTimerReady(0)
@@ -17,6 +26,16 @@ void SelfTimer::Initialize()
     KeInitializeTimerEx(&m_CountdownTimer, NotificationTimer);
     KeInitializeDpc(&m_CountdownDpc, CountdownDpcRoutine, this);
     m_CountdownTimerReady = 1;
+}
+
+void SelfTimer::StartCountdown(LONG Seconds)
+{
+    m_CountdownCounter = Seconds;
+    if (m_CountdownTimerReady != 0) {
+        LARGE_INTEGER due;
+        due.QuadPart = kCountdownFirstDue;
+        KeSetTimerEx(&m_CountdownTimer, due, kCountdownPeriodMs, &m_CountdownDpc);
+    }
 }
 
 void SelfTimer::CancelCountdown()

@@ -14,6 +14,9 @@ public:
     // Device start: the timer and its DPC.
     void Initialize();
     // Device stop and remove: a running countdown is cancelled.
+    // Starts a countdown of `Seconds`: the DPC runs a second from now, then
+    // every second.
+    void StartCountdown(LONG Seconds);
     void CancelCountdown();
     // Remove: the timer is cancelled whatever the counter says, and a DPC of
     // an expiry just before is waited for, as the device's memory goes next.
@@ -23,6 +26,7 @@ public:
     ULONG m_StillRequest;     // set when a countdown ends: the frame loop takes a still
     ULONG m_SoftwareTrigger;  // 1 while the still was asked for by software, not the button
     ULONG m_CountdownDisplay; // 1: the frame loop draws the countdown even without a still pin
+    ULONG m_TriggerSource;    // who asked for the still: 1 software, 0 the button
 
 private:
     friend struct DriverTestAccess;

@@ -320,7 +320,7 @@ const KSPIN_DESCRIPTOR_EX g_PinDescriptorTemplate[KV_PIN_COUNT] = {
 
 const KSFILTER_DESCRIPTOR g_CaptureFilterDescriptor = {
     &g_FilterDispatch,            // Dispatch
-    nullptr,                      // AutomationTable: the filter's property handlers
+    &g_FilterAutomationTable,     // AutomationTable
     KSFILTER_DESCRIPTOR_VERSION,  // Version
     0,                            // Flags
     &g_KsNameFilter,              // ReferenceGuid

@@ -569,6 +569,8 @@ NTSTATUS CCapturePin::PauseToRun(CapturePinContext* pContext)
     CCaptureDevice* pDevice = pContext->pDevice;
     PKSPIN pKsPin = pContext->pKsPin;
     pDevice->m_FrameLoop.m_FrameSeen = 0;
+    // Driver-control requests wait for the first frame of the new stream.
+    pDevice->m_Requests.m_ControlReady = 0;
     pDevice->m_Idle.StreamStarts();
 
     const KS_VIDEOINFOHEADER* pInfo = VideoInfoOf(pKsPin->ConnectionFormat);

@@ -201,6 +201,8 @@ void FrameWorker::Run()
             m_Loop.m_SkipCounter++;
             continue;
         }
+        // Settings may change again from the first frame of a stream on.
+        m_pDevice->m_Requests.m_ControlReady = 1;
         ClearTrackingWhereItCannotRun();
         Delivery delivery = {};
         if (!TakeDelivery(&delivery)) {

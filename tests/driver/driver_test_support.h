@@ -15,13 +15,7 @@ struct DriverTestAccess {
     static PIO_WORKITEM IdleWorkItem(const IdlePower& idle) { return idle.m_pIdleWorkItem; }
 
     // Starts a countdown as the camera's button does: the DPC runs every second.
-    static void StartCountdown(SelfTimer& timer, LONG seconds)
-    {
-        timer.m_CountdownCounter = seconds;
-        LARGE_INTEGER due;
-        due.QuadPart = -10'000'000;
-        KeSetTimerEx(&timer.m_CountdownTimer, due, 1000, &timer.m_CountdownDpc);
-    }
+    static void StartCountdown(SelfTimer& timer, LONG seconds) { timer.StartCountdown(seconds); }
 };
 
 namespace drvtest {
