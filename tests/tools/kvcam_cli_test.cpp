@@ -300,6 +300,7 @@ TEST_F(KvcamCli, StreamSummaryCountsTheStartUpSkips)
     EXPECT_EQ(summary["frames_delivered"], 4);
     EXPECT_EQ(summary["not_delivered"]["startup_skipped"], 3);
     EXPECT_EQ(summary["not_delivered"]["bad_frame"], 0);
+    EXPECT_GE(summary["dropped_frames_property"]["picture_number"].get<int>(), 4);
 }
 
 // The camera sends a video's frames: a YUY2 stream gives them back byte for

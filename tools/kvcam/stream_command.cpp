@@ -238,6 +238,9 @@ struct Summary {
     LONGLONG droppedByDriver = 0;  // the last frame's KS_FRAME_INFO.DropCount
     // Why the driver delivered no frame, as it counts them.
     ULONG badFrames = 0, jpegFailures = 0, noBuffer = 0, startupSkipped = 0;
+    // The filter's dropped-frames property after the stream, as an
+    // application reads it (nullopt when the request failed).
+    std::optional<KSPROPERTY_DROPPEDFRAMES_CURRENT_S> droppedProperty;
     LONGLONG firstTime = -1, lastTime = -1;
     double simulatedSeconds = 0, hostSeconds = 0;
 };
@@ -259,6 +262,11 @@ void PrintSummary(const Summary& s, bool json)
                               {"jpeg_failed", s.jpegFailures},
                               {"no_buffer_queued", s.noBuffer},
                               {"startup_skipped", s.startupSkipped}};
+        if (s.droppedProperty) {
+            j["dropped_frames_property"] = {{"picture_number", s.droppedProperty->PictureNumber},
+                                            {"drop_count", s.droppedProperty->DropCount},
+                                            {"average_frame_size", s.droppedProperty->AverageFrameSize}};
+        }
         j["first_presentation_time_100ns"] = s.firstTime;
         j["last_presentation_time_100ns"] = s.lastTime;
         j["simulated_seconds"] = s.simulatedSeconds;
@@ -373,6 +381,12 @@ bool Stream(kvharness::System& system, const StreamOptions& o, Summary& summary)
     pin->CollectFrames();
     pin->Close();
     summary.hostSeconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - hostStart).count();
+    KSPROPERTY_DROPPEDFRAMES_CURRENT_S dropped{};
+    const auto reply = system.filter()->Property(PROPSETID_VIDCAP_DROPPEDFRAMES, KSPROPERTY_DROPPEDFRAMES_CURRENT,
+                                                 KSPROPERTY_TYPE_GET, &dropped, sizeof(dropped),
+                                                 reinterpret_cast<uint8_t*>(&dropped) + sizeof(KSPROPERTY),
+                                                 sizeof(dropped) - sizeof(KSPROPERTY));
+    if (reply.status == STATUS_SUCCESS) summary.droppedProperty = dropped;
     if (const CCaptureDevice* device = system.device()) {
         summary.badFrames = device->m_FrameLoop.m_BadFrames;
         summary.jpegFailures = device->m_FrameLoop.m_JpegFailures;
