@@ -482,6 +482,19 @@ bool IsPictureName(const fs::path& p)
     return ext == ".y4m" || ext == ".png" || ext == ".jpg" || ext == ".jpeg";
 }
 
+// Closes a writer's file once; a failing close is its last write error.
+bool CloseWriterFile(std::FILE*& file, bool& failed, std::string& error, const std::string& path)
+{
+    if (file) {
+        if (std::fclose(file) != 0 && !failed) {
+            failed = true;
+            error = path + ": write error: " + SystemError();
+        }
+        file = nullptr;
+    }
+    return !failed;
+}
+
 }  // namespace
 
 size_t FrameBytes(const VideoFormat& f)
@@ -593,17 +606,7 @@ bool Y4mWriter::Write(std::span<const uint8_t> frame)
     return true;
 }
 
-bool Y4mWriter::Close()
-{
-    if (file_) {
-        if (std::fclose(file_) != 0 && !failed_) {
-            failed_ = true;
-            error_ = path_ + ": write error: " + SystemError();
-        }
-        file_ = nullptr;
-    }
-    return !failed_;
-}
+bool Y4mWriter::Close() { return CloseWriterFile(file_, failed_, error_, path_); }
 
 // ---- MjpegWriter ----
 
@@ -642,17 +645,7 @@ bool MjpegWriter::Write(std::span<const uint8_t> frame)
     return true;
 }
 
-bool MjpegWriter::Close()
-{
-    if (file_) {
-        if (std::fclose(file_) != 0 && !failed_) {
-            failed_ = true;
-            error_ = path_ + ": write error: " + SystemError();
-        }
-        file_ = nullptr;
-    }
-    return !failed_;
-}
+bool MjpegWriter::Close() { return CloseWriterFile(file_, failed_, error_, path_); }
 
 // The marker segments are walked by their lengths (ITU-T T.81 annex B), so
 // that bytes FF D9 inside a segment (an APP1 thumbnail, say) do not end the

@@ -191,8 +191,8 @@ public:
     bool Write(uint64_t index, const std::vector<uint8_t>& frame, std::string* error)
     {
         last_ = frame;
-        if (y4m_ && !y4m_->Write(frame)) return Fail(error, options_->output);
-        if (mjpeg_ && !mjpeg_->Write(frame)) return Fail(error, options_->output);
+        if (y4m_ && !y4m_->Write(frame)) return Fail(error, y4m_->error());
+        if (mjpeg_ && !mjpeg_->Write(frame)) return Fail(error, mjpeg_->error());
         if (!options_->pngDirectory.empty() && index % options_->pngEvery == 0) {
             char name[32];
             std::snprintf(name, sizeof name, "frame%06" PRIu64 ".png", index);
@@ -204,8 +204,8 @@ public:
 
     bool Close(std::string* error)
     {
-        if (y4m_ && !y4m_->Close()) return Fail(error, options_->output);
-        if (mjpeg_ && !mjpeg_->Close()) return Fail(error, options_->output);
+        if (y4m_ && !y4m_->Close()) return Fail(error, y4m_->error());
+        if (mjpeg_ && !mjpeg_->Close()) return Fail(error, mjpeg_->error());
         if (!options_->snapshot.empty()) {
             if (last_.empty()) {
                 *error = "no frame arrived to write '" + options_->snapshot + "'";
@@ -217,9 +217,10 @@ public:
     }
 
 private:
-    static bool Fail(std::string* error, const std::string& path)
+    // The writer's own message names the file and what went wrong.
+    static bool Fail(std::string* error, const std::string& message)
     {
-        *error = "cannot write '" + path + "'";
+        *error = message;
         return false;
     }
     const StreamOptions* options_ = nullptr;
