@@ -510,8 +510,11 @@ void CompleteIso(const std::shared_ptr<Device>& dev, Pending* p) {
     std::vector<Done> done;
     {
         std::lock_guard<std::mutex> guard(dev->lock);
-        p->scheduled = 0;
+        // A cancel on another processor may have completed and freed the
+        // request while this callback was on its way: look it up before
+        // touching it.
         if (std::find(dev->pending.begin(), dev->pending.end(), p) == dev->pending.end()) return;
+        p->scheduled = 0;
         auto& u = p->urb->UrbIsochronousTransfer;
         auto* buffer = static_cast<uint8_t*>(u.TransferBuffer);
         ULONG total = 0, errors = 0;
