@@ -33,7 +33,7 @@ constexpr Command kCommands[] = {
      kvcam::PrintFormatsHelp},
     {"info", "start the driver on a camera; describe the device, formats, pins and topology", kvcam::RunInfoCommand,
      kvcam::PrintInfoHelp},
-    {"fuzz", "random isochronous packets through the driver's payload path", kvcam::RunFuzzCommand,
+    {"fuzz", "random isochronous packets or property requests against the driver", kvcam::RunFuzzCommand,
      kvcam::PrintFuzzHelp},
 };
 
