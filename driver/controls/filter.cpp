@@ -101,7 +101,7 @@ NTSTATUS CCaptureFilter::DispatchCreate(PKSFILTER pKsFilter, PIRP pIrp)
 
 namespace {
 
-const GUID kSetDriverControl = {0x53787043, 0xf62e, 0x4a66, {0xbb, 0xa3, 0xac, 0x02, 0xd0, 0xc3, 0xfd, 0xe6}};
+const GUID kSetDriverControl = PROPSETID_DriverControl;
 const GUID kSetDroppedFrames = {STATICGUIDOF(PROPSETID_VIDCAP_DROPPEDFRAMES)};
 const GUID kSetVideoControl = {STATICGUIDOF(PROPSETID_VIDCAP_VIDEOCONTROL)};
 

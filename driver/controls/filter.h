@@ -7,6 +7,10 @@
 
 class CCaptureDevice;
 
+// The driver's own property set: every setting, through a two-step tunnel.
+inline constexpr GUID PROPSETID_DriverControl = {0x53787043, 0xf62e, 0x4a66,
+                                                 {0xbb, 0xa3, 0xac, 0x02, 0xd0, 0xc3, 0xfd, 0xe6}};
+
 class CCaptureFilter {
 public:
     // The object carries its own pool tag; a null return is checked by the

@@ -468,6 +468,53 @@ BOOLEAN DeviceSettings::InitLastValue()
 
 // Applies "\Property\Last" or "\Property\Customer" to the camera and the
 // record.
+namespace {
+
+bool SameName(PCWSTR a, PCWSTR b)
+{
+    for (; *a != 0 && *a == *b; ++a, ++b) {
+    }
+    return *a == *b;
+}
+
+// Calls visit(name, id) for every persisted setting, camera controls first.
+template <typename Visit>
+bool AnySetting(Visit visit)
+{
+    for (const ControlWalkEntry& e : kPuWalk) {
+        if (visit(e.pName, e.Id)) return true;
+    }
+    for (const ControlWalkEntry& e : kCtWalk) {
+        if (visit(e.pName, e.Id)) return true;
+    }
+    for (const OptionEntry& e : kLoadOptions) {
+        if (visit(e.pName, e.Id)) return true;
+    }
+    return false;
+}
+
+}  // namespace
+
+PCWSTR SettingName(USHORT Id)
+{
+    PCWSTR pFound = nullptr;
+    AnySetting([&](PCWSTR pName, USHORT id) {
+        if (id != Id) return false;
+        pFound = pName;
+        return true;
+    });
+    return pFound;
+}
+
+bool SettingIdForName(PCWSTR pName, PUSHORT pId)
+{
+    return AnySetting([&](PCWSTR pEntry, USHORT id) {
+        if (!SameName(pEntry, pName)) return false;
+        *pId = id;
+        return true;
+    });
+}
+
 NTSTATUS DeviceSettings::LoadPropertySet(ULONG Which)
 {
     RegistryKeyPath path;

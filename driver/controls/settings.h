@@ -199,6 +199,12 @@ private:
 #define KV_REGISTRY_LAST L"\\Property\\Last"
 #define KV_REGISTRY_CUSTOMER L"\\Property\\Customer"
 
+// The registry name a setting is persisted under, by PropertyId (null for
+// the ids that are not persisted), and the id of a name: one home for both
+// directions, the tables the load and save walks use.
+PCWSTR SettingName(USHORT Id);
+bool SettingIdForName(PCWSTR pName, PUSHORT pId);
+
 // What loaded values go through: GetDeviceProperty reads camera defaults,
 // SetDeviceProperty sends a value to the camera and keeps the record in step.
 // Two routines and their context, not a class with virtual functions: the

@@ -7,54 +7,17 @@
 
 #include "controls/settings.h"
 #include "stream_rig.h"
+#include "tunnel.h"
 
 namespace {
 
 using namespace stream_rig;
 
-const GUID kDriverControl = {0x53787043, 0xf62e, 0x4a66, {0xbb, 0xa3, 0xac, 0x02, 0xd0, 0xc3, 0xfd, 0xe6}};
+const GUID kDriverControl = kvharness::kPropsetDriverControl;
 constexpr NTSTATUS kCountdownRunning = static_cast<NTSTATUS>(0xC00000C1);
 
-// The driver-control tunnel: the data buffer starts with a copy of the
-// property header, the value sits at 36 (64-bit callers) or 32 (32-bit).
-struct Tunnel {
-    kvsim::client::Filter& filter;
-    bool as32;
-
-    size_t ValueOffset() const { return as32 ? 32 : 36; }
-    kvsim::client::IoResult Call(ULONG flags, LONG value, std::vector<uint8_t>* data = nullptr)
-    {
-        std::vector<uint8_t> buffer(as32 ? 36 : 40);
-        KSPROPERTY header{};
-        header.Set = kDriverControl;
-        header.Id = 1;
-        header.Flags = flags;
-        std::memcpy(buffer.data(), &header, sizeof(header));
-        std::memcpy(buffer.data() + ValueOffset(), &value, sizeof(value));
-        auto result = filter.Property(kDriverControl, 1, flags, buffer.data(), ULONG(buffer.size()), nullptr, 0, as32);
-        if (data) *data = buffer;
-        return result;
-    }
-    LONG Get(size_t* returned = nullptr)
-    {
-        std::vector<uint8_t> data;
-        auto result = Call(KSPROPERTY_TYPE_GET, 0, &data);
-        if (returned) *returned = result.information;
-        LONG value = 0;
-        std::memcpy(&value, data.data() + ValueOffset(), sizeof(value));
-        return value;
-    }
-    LONG Read(USHORT id, ULONG nibble = 0)
-    {
-        Call(KSPROPERTY_TYPE_SET, id + LONG(nibble));
-        return Get();
-    }
-    void Write(USHORT id, LONG value)
-    {
-        Call(KSPROPERTY_TYPE_SET, id);
-        Call(KSPROPERTY_TYPE_SET, value);
-    }
-};
+using kvharness::Tunnel;
+using kvharness::TunnelRequest;
 
 class FilterProperties : public ::testing::Test {
 protected:
@@ -80,14 +43,14 @@ TEST_F(FilterProperties, TheTunnelReadsAndWritesCameraControls)
     const uint8_t pu = 3, brightness = UVC_PU_BRIGHTNESS_CONTROL >> 8;
     for (bool as32 : {false, true}) {
         SCOPED_TRACE(as32 ? "32-bit" : "64-bit");
-        Tunnel tunnel{*filter, as32};
+        Tunnel tunnel(*filter, as32);
         tunnel.Write(PROPID_BRIGHTNESS, 17 + as32);
         EXPECT_EQ(camera->ControlValue(pu, brightness), 17 + as32);
         EXPECT_EQ(tunnel.Read(PROPID_BRIGHTNESS), 17 + as32);
         size_t returned = 0;
         EXPECT_EQ(tunnel.Get(&returned), 17 + as32) << "a get alone reads the id remembered last";
         EXPECT_EQ(returned, as32 ? 36u : 40u);
-        EXPECT_LT(tunnel.Read(PROPID_BRIGHTNESS, 2), tunnel.Read(PROPID_BRIGHTNESS, 1)) << "minimum below maximum";
+        EXPECT_LT(tunnel.Read(PROPID_BRIGHTNESS, TunnelRequest::Minimum), tunnel.Read(PROPID_BRIGHTNESS, TunnelRequest::Maximum)) << "minimum below maximum";
         // A first step never followed: the next set is taken as the value.
         tunnel.Call(KSPROPERTY_TYPE_SET, PROPID_BRIGHTNESS);
         tunnel.Call(KSPROPERTY_TYPE_SET, -5);
@@ -110,7 +73,7 @@ TEST_F(FilterProperties, TheTunnelReadsAndWritesCameraControls)
 // answers without acting.
 TEST_F(FilterProperties, TheTunnelWaitsForTheFirstFrameOfAStream)
 {
-    Tunnel tunnel{*filter, false};
+    Tunnel tunnel(*filter);
     const auto& offers = CaptureOffers(*filter);
     Stream stream(*filter, offers.front());
     ASSERT_EQ(stream.pin().SetState(KSSTATE_RUN), STATUS_SUCCESS);

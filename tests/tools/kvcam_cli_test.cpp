@@ -245,6 +245,9 @@ TEST_F(KvcamCli, ExitCodes)
         {{"stream", "--size", "100x100"}, 1, "offers no yuy2 100x100"},
         {{"stream", "--fps", "60"}, 1, "60 frames a second is not offered at 640x480: 5.0 to 30.0"},
         {{"stream", "--source", missing}, 1, "missing.cfg_desc.bin"},
+        {{"get", "Nope"}, 2, "unknown setting 'Nope'"},
+        {{"get"}, 2, "expected one setting"},
+        {{"set", "Brightness", "40000"}, 2, "value '40000' is not a number in -32768..32767"},
     };
     for (const auto& c : cases) {
         std::string line;
@@ -333,6 +336,32 @@ TEST_F(KvcamCli, StreamFromASourceVideoGivesItsFramesBack)
         double squares = 0;
         for (size_t k = 0; k < a.size(); ++k) squares += (double(a[k]) - b[k]) * (double(a[k]) - b[k]);
         EXPECT_GT(10 * std::log10(255.0 * 255.0 / (squares / double(a.size()) + 1e-9)), 30.0) << "frame " << i;
+    }
+}
+
+// A setting read and written through the driver-control tunnel, by name
+// and by id, on the built-in camera and on a real camera's descriptors.
+TEST_F(KvcamCli, GetAndSetGoThroughTheTunnel)
+{
+    for (const char* camera : {"", "trust_webcam"}) {
+        SCOPED_TRACE(camera);
+        auto with = [&](std::vector<std::string> args) {
+            if (*camera) {
+                args.push_back("--camera");
+                args.push_back(camera);
+            }
+            return RunKvcam(args);
+        };
+        KvcamRun set = with({"set", "SpecialEffectNo", "3", "--json"});
+        ASSERT_EQ(set.exitCode, 0) << set.err;
+        auto json = nlohmann::json::parse(set.out);
+        EXPECT_EQ(json["id"], "0x060F");
+        EXPECT_EQ(json["value"], 3);
+        KvcamRun brightness = with({"set", "0x0200", "7"});
+        ASSERT_EQ(brightness.exitCode, 0) << brightness.err;
+        EXPECT_EQ(brightness.out, "Brightness (0x0200) = 7\n");
+        KvcamRun timer = with({"get", "SelfTimer"});
+        EXPECT_EQ(timer.out, "SelfTimer (0x090B) = -1\n");
     }
 }
 

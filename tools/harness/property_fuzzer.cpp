@@ -3,10 +3,12 @@
 #include <cstring>
 #include <vector>
 
+#include "controls/filter.h"
+
 namespace kvharness {
 namespace {
 
-const GUID kDriverControl = {0x53787043, 0xf62e, 0x4a66, {0xbb, 0xa3, 0xac, 0x02, 0xd0, 0xc3, 0xfd, 0xe6}};
+const GUID kDriverControl = PROPSETID_DriverControl;
 const GUID kUnknownSet = {0x12345678, 0x1234, 0x5678, {1, 2, 3, 4, 5, 6, 7, 8}};
 
 // splitmix64: the same seed gives the same requests.

@@ -32,6 +32,13 @@ void PrintInfoHelp();
 int RunStreamCommand(std::span<const std::string_view> args);
 void PrintStreamHelp();
 
+// `kvcam get NAME|0xID` and `kvcam set NAME|0xID VALUE`: one setting through
+// the driver-control tunnel (setting_commands.cpp).
+int RunGetCommand(std::span<const std::string_view> args);
+void PrintGetHelp();
+int RunSetCommand(std::span<const std::string_view> args);
+void PrintSetHelp();
+
 // `kvcam fuzz packets [--count N] [--seed S]`: random packets through the
 // driver's payload path (fuzz_command.cpp).
 int RunFuzzCommand(std::span<const std::string_view> args);

@@ -33,6 +33,10 @@ constexpr Command kCommands[] = {
      kvcam::PrintFormatsHelp},
     {"info", "start the driver on a camera; describe the device, formats, pins and topology", kvcam::RunInfoCommand,
      kvcam::PrintInfoHelp},
+    {"get", "read one setting through the filter's driver-control property", kvcam::RunGetCommand,
+     kvcam::PrintGetHelp},
+    {"set", "write one setting through the filter's driver-control property", kvcam::RunSetCommand,
+     kvcam::PrintSetHelp},
     {"fuzz", "random isochronous packets or property requests against the driver", kvcam::RunFuzzCommand,
      kvcam::PrintFuzzHelp},
 };
