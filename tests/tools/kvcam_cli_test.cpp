@@ -15,6 +15,7 @@
 #include <regex>
 
 #include "camera/camera_model.h"
+#include "camera/frame_source.h"
 #include "json.h"
 #include "media_files.h"
 #include "kvsim/registry.h"
@@ -246,6 +247,8 @@ TEST_F(KvcamCli, ExitCodes)
         {{"stream", "--fps", "60"}, 1, "60 frames a second is not offered at 640x480: 5.0 to 30.0"},
         {{"stream", "--source", missing}, 1, "missing.cfg_desc.bin"},
         {{"get", "Nope"}, 2, "unknown setting 'Nope'"},
+        {{"stream", "--set", "Brightness"}, 2, "--set 'Brightness' is not NAME=VALUE"},
+        {{"stream", "--set", "Nope=1"}, 1, "--set: unknown setting 'Nope'"},
         {{"get"}, 2, "expected one setting"},
         {{"set", "Brightness", "40000"}, 2, "value '40000' is not a number in -32768..32767"},
     };
@@ -336,6 +339,27 @@ TEST_F(KvcamCli, StreamFromASourceVideoGivesItsFramesBack)
         double squares = 0;
         for (size_t k = 0; k < a.size(); ++k) squares += (double(a[k]) - b[k]) * (double(a[k]) - b[k]);
         EXPECT_GT(10 * std::log10(255.0 * 255.0 / (squares / double(a.size()) + 1e-9)), 30.0) << "frame " << i;
+    }
+}
+
+// --set reaches the frame loop before the stream runs: with the vertical
+// flip on, each frame's stamp (its top rows) arrives at the bottom.
+TEST_F(KvcamCli, StreamSetsControlsBeforeItRuns)
+{
+    const std::string video = (dir_ / "flipped.y4m").string();
+    KvcamRun run = RunKvcam({"stream", "--set", "fVflip=1", "--size", "320x240", "--frames", "2", "--output", video});
+    ASSERT_EQ(run.exitCode, 0) << run.err;
+    std::string error;
+    auto frames = kvharness::LoadSourcePictures(video, &error);
+    ASSERT_TRUE(frames) << error;
+    for (auto& picture : *frames) {
+        EXPECT_FALSE(kvsim::camera::ReadFrameNumber(picture.pixels, picture.width, picture.height));
+        const size_t row = size_t(picture.width) * 2;
+        for (size_t y = 0; y < picture.height / 2; ++y) {
+            std::swap_ranges(picture.pixels.begin() + y * row, picture.pixels.begin() + (y + 1) * row,
+                             picture.pixels.begin() + (picture.height - 1 - y) * row);
+        }
+        EXPECT_TRUE(kvsim::camera::ReadFrameNumber(picture.pixels, picture.width, picture.height));
     }
 }
 

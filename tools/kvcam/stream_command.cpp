@@ -14,10 +14,12 @@
 #include "camera/frame_source.h"
 #include "capture_offers.h"
 #include "commands.h"
+#include "controls/settings.h"
 #include "device/device.h"
 #include "json.h"
 #include "media_files.h"
 #include "system_options.h"
+#include "tunnel.h"
 
 namespace kvcam {
 namespace {
@@ -51,6 +53,7 @@ struct StreamOptions {
     uint64_t pngEvery = 1;
     std::string snapshot;
     std::string source;
+    std::vector<std::pair<std::string, std::string>> settings;  // --set NAME=VALUE, in order
     bool json = false;
 };
 
@@ -127,6 +130,10 @@ std::string ParseStreamOptions(std::span<const std::string_view> args, StreamOpt
             o.snapshot = std::string(v);
         } else if (a == "--source") {
             o.source = std::string(v);
+        } else if (a == "--set") {
+            const size_t eq = v.find('=');
+            if (eq == std::string_view::npos || eq == 0) return "--set '" + std::string(v) + "' is not NAME=VALUE";
+            o.settings.emplace_back(std::string(v.substr(0, eq)), std::string(v.substr(eq + 1)));
         } else {
             --i;
             return "unexpected argument '" + std::string(a) + "'";
@@ -290,6 +297,32 @@ void Progress(const Summary& s, bool terminal)
                  static_cast<long long>(s.droppedByDriver));
 }
 
+// --set NAME=VALUE, each through the driver-control tunnel before the
+// stream runs, as an application sets controls before it starts capturing.
+bool ApplySettings(kvsim::client::Filter& filter, const StreamOptions& o, std::string* error)
+{
+    kvharness::Tunnel tunnel(filter);
+    for (const auto& [name, text] : o.settings) {
+        const std::u16string wide(name.begin(), name.end());
+        USHORT id = 0;
+        long value = 0;
+        auto [end, parseError] = std::from_chars(text.data(), text.data() + text.size(), value);
+        if (!SettingIdForName(reinterpret_cast<PCWSTR>(wide.c_str()), &id)) {
+            *error = "--set: unknown setting '" + name + "'";
+            return false;
+        }
+        if (parseError != std::errc() || end != text.data() + text.size() || value < -32768 || value > 32767) {
+            *error = "--set: value '" + text + "' is not a number in -32768..32767";
+            return false;
+        }
+        if (tunnel.Write(id, static_cast<LONG>(value)) != STATUS_SUCCESS) {
+            *error = "--set: the driver refused " + name;
+            return false;
+        }
+    }
+    return true;
+}
+
 bool Stream(kvharness::System& system, const StreamOptions& o, Summary& summary)
 {
     auto fail = [](const std::string& message) {
@@ -302,6 +335,7 @@ bool Stream(kvharness::System& system, const StreamOptions& o, Summary& summary)
     std::string error;
     const kvharness::CaptureOffer* chosen = ChooseOffer(offers, o, &error);
     if (chosen == nullptr) return fail(error);
+    if (!ApplySettings(*system.filter(), o, &error)) return fail(error);
     kvharness::CaptureOffer offer = *chosen;
     if (o.fps != 0) {
         // The range gives the camera's slowest and fastest intervals for
@@ -405,6 +439,7 @@ void PrintStreamHelp()
     std::printf("usage: kvcam stream [--format yuy2|rgb24|mjpg|i420] [--size WxH] [--fps N]\n"
                 "                    [--frames N | --seconds S] [--output FILE.y4m|FILE.mjpeg]\n"
                 "                    [--png DIR [--png-every N]] [--snapshot FILE.png] [--source FILE|DIR]\n"
+                "                    [--set NAME=VALUE ...]\n"
                 "                    [system options] [--json]\n\n"
                 "Streams from the camera through kvdrv's capture pin as a video application does (the\n"
                 "format chosen among those the pin offers, a master clock, buffers queued, run, frames\n"
@@ -422,6 +457,8 @@ void PrintStreamHelp()
                 "  --source FILE|DIR    what the virtual camera sends: a .y4m video, a PNG or JPEG\n"
                 "                       picture, or a folder of pictures shown in turn (default: a\n"
                 "                       moving test pattern)\n"
+                "  --set NAME=VALUE     a setting through the driver-control property before the stream\n"
+                "                       runs (repeatable; names as kvcam get takes them)\n"
                 "%s"
                 "  --json               print the summary as JSON\n\n"
                 "Play the result with, e.g., ffplay out.y4m.\n"
