@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "capture_offers.h"
+#include "device/formats.h"
 #include "packet_feeder.h"
 #include "system.h"
 
@@ -88,7 +89,7 @@ void Stream(benchmark::State& state, Size size, bool rgb)
         state.SkipWithError("the system did not start");
         return;
     }
-    const ULONG compression = rgb ? 0 : 0x32595559;
+    const ULONG compression = rgb ? 0 : kv::kFourccYuy2;
     std::unique_ptr<kvsim::client::Pin> pin;
     kvsim::client::MasterClock clock;
     ULONG bufferSize = 0;

@@ -20,6 +20,18 @@ enum : UCHAR {
     UVC_SC_VIDEOSTREAMING = 0x02,
 };
 
+// Field offsets the driver reads: the standard interface descriptor's
+// bInterfaceSubClass (USB 2.0, 9.6.5), the format descriptors' bFormatIndex
+// and GUID (3.9.2.3), the frame descriptors' size and intervals (3.9.2.4,
+// 3.9.2.6).
+constexpr ULONG UVC_INTERFACE_SUBCLASS_OFFSET = 6;
+constexpr ULONG UVC_FORMAT_INDEX_OFFSET = 3;
+constexpr ULONG UVC_FORMAT_GUID_OFFSET = 5;
+constexpr ULONG UVC_FRAME_WIDTH_OFFSET = 5;
+constexpr ULONG UVC_FRAME_HEIGHT_OFFSET = 7;
+constexpr ULONG UVC_FRAME_INTERVAL_TYPE_OFFSET = 25;
+constexpr ULONG UVC_FRAME_INTERVALS_OFFSET = 26;
+
 // Class-specific video-control interface descriptor subtypes (A.5).
 enum : UCHAR {
     UVC_VC_HEADER = 0x01,

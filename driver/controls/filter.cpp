@@ -201,32 +201,36 @@ ULONG FindFrameRates(const UCHAR* pConfiguration, ULONG Length, ULONG FourCC, LO
     *ppIntervals = nullptr;
     *pAvailable = 0;
     while (walker.Next(&d)) {
-        if (d.Type() == 0x04) {
-            streaming = d.Has(7) && d.U8(6) == 0x02;
+        if (d.Type() == USB_INTERFACE_DESCRIPTOR_TYPE) {
+            streaming = d.Has(UVC_INTERFACE_SUBCLASS_OFFSET + 1) && d.U8(UVC_INTERFACE_SUBCLASS_OFFSET) == UVC_SC_VIDEOSTREAMING;
             continue;
         }
-        if (!streaming || d.Type() != 0x24 || !d.Has(26)) {
-            if (streaming && d.Type() == 0x24 && d.Subtype() == UVC_VS_FORMAT_UNCOMPRESSED) uncompressedFormat = d;
-            if (streaming && d.Type() == 0x24 && d.Subtype() == UVC_VS_FORMAT_MJPEG) mjpegFormat = d;
+        if (!streaming || d.Type() != UVC_CS_INTERFACE || !d.Has(UVC_FRAME_INTERVALS_OFFSET)) {
+            if (streaming && d.Type() == UVC_CS_INTERFACE && d.Subtype() == UVC_VS_FORMAT_UNCOMPRESSED) uncompressedFormat = d;
+            if (streaming && d.Type() == UVC_CS_INTERFACE && d.Subtype() == UVC_VS_FORMAT_MJPEG) mjpegFormat = d;
             continue;
         }
         const UCHAR subtype = d.Subtype();
-        const bool sizeMatches = d.U16(5) == static_cast<ULONG>(Width) && d.U16(7) == static_cast<ULONG>(Height);
+        const bool sizeMatches = d.U16(UVC_FRAME_WIDTH_OFFSET) == static_cast<ULONG>(Width) &&
+                                 d.U16(UVC_FRAME_HEIGHT_OFFSET) == static_cast<ULONG>(Height);
         if (subtype == UVC_VS_FORMAT_UNCOMPRESSED || subtype == UVC_VS_FRAME_UNCOMPRESSED) {
             if (subtype == UVC_VS_FORMAT_UNCOMPRESSED) uncompressedFormat = d;
             currentUncompressed = d;
-            if (uncompressedFormat.p != nullptr && sizeMatches && uncompressedFormat.Has(9) &&
-                uncompressedFormat.U32(5) == FourCC) {
-                count = d.U8(25);
-                *ppIntervals = d.p + 26;
-                *pAvailable = (d.length - 26) / 4;
+            if (uncompressedFormat.p != nullptr && sizeMatches && uncompressedFormat.Has(UVC_FORMAT_GUID_OFFSET + 4) &&
+                uncompressedFormat.U32(UVC_FORMAT_GUID_OFFSET) == FourCC) {
+                count = d.U8(UVC_FRAME_INTERVAL_TYPE_OFFSET);
+                *ppIntervals = d.p + UVC_FRAME_INTERVALS_OFFSET;
+                *pAvailable = (d.length - UVC_FRAME_INTERVALS_OFFSET) / 4;
             }
         } else if (subtype == UVC_VS_FORMAT_MJPEG || subtype == UVC_VS_FRAME_MJPEG) {
             if (subtype == UVC_VS_FORMAT_MJPEG) mjpegFormat = d;
             if (mjpegFormat.p != nullptr && sizeMatches) {
-                count = d.U8(25);
-                *ppIntervals = currentUncompressed.p != nullptr ? currentUncompressed.p + 26 : nullptr;
-                *pAvailable = currentUncompressed.p != nullptr ? (currentUncompressed.length - 26) / 4 : 0;
+                count = d.U8(UVC_FRAME_INTERVAL_TYPE_OFFSET);
+                *ppIntervals =
+                    currentUncompressed.p != nullptr ? currentUncompressed.p + UVC_FRAME_INTERVALS_OFFSET : nullptr;
+                *pAvailable = currentUncompressed.p != nullptr
+                                  ? (currentUncompressed.length - UVC_FRAME_INTERVALS_OFFSET) / 4
+                                  : 0;
             }
         }
     }

@@ -34,18 +34,13 @@ namespace kv {
 
 namespace {
 
-// Offsets in the video-class descriptors (UVC 1.1, 3.7.2.1, 3.7.2.5,
-// 3.9.2.3, 3.9.2.4, 3.9.2.5, 3.9.2.6).
-constexpr ULONG kInterfaceSubClassOffset = 6;
+// Further offsets in the video-class descriptors (UVC 1.1, 3.7.2.1, 3.7.2.5,
+// 3.9.2.3, 3.9.2.5, 3.9.2.6); the shared ones are in uvc.h.
 constexpr ULONG kCameraTerminalControlsOffset = 15;
 constexpr ULONG kProcessingUnitControlsOffset = 8;
 constexpr ULONG kNumFrameDescriptorsOffset = 4;
-constexpr ULONG kFrameWidthOffset = 5;
-constexpr ULONG kFrameHeightOffset = 7;
 constexpr ULONG kFrameMinBitRateOffset = 9;
 constexpr ULONG kFrameMaxBitRateOffset = 13;
-constexpr ULONG kFrameIntervalTypeOffset = 25;
-constexpr ULONG kFrameIntervalsOffset = 26;
 constexpr ULONG kContinuousMaxIntervalOffset = 30;
 constexpr ULONG kStillNumSizesOffset = 4;
 constexpr ULONG kStillSizesOffset = 5;
@@ -120,15 +115,15 @@ struct FrameFields {
 // Reads a frame descriptor; false when it is too short for the fields read.
 bool ReadFrame(const DescriptorView& d, FrameFields* pFields)
 {
-    if (!d.Has(kFrameIntervalsOffset + 4)) {
+    if (!d.Has(UVC_FRAME_INTERVALS_OFFSET + 4)) {
         return false;
     }
-    pFields->width = d.U16(kFrameWidthOffset);
-    pFields->height = d.U16(kFrameHeightOffset);
+    pFields->width = d.U16(UVC_FRAME_WIDTH_OFFSET);
+    pFields->height = d.U16(UVC_FRAME_HEIGHT_OFFSET);
     pFields->minBitRate = d.U32(kFrameMinBitRateOffset);
     pFields->maxBitRate = d.U32(kFrameMaxBitRateOffset);
-    pFields->firstInterval = d.U32(kFrameIntervalsOffset);
-    const UCHAR intervalType = d.U8(kFrameIntervalTypeOffset);
+    pFields->firstInterval = d.U32(UVC_FRAME_INTERVALS_OFFSET);
+    const UCHAR intervalType = d.U8(UVC_FRAME_INTERVAL_TYPE_OFFSET);
     if (intervalType == 0) {
         // Continuous: dwMinFrameInterval, dwMaxFrameInterval, dwFrameIntervalStep.
         if (!d.Has(kContinuousMaxIntervalOffset + 4)) {
@@ -138,9 +133,9 @@ bool ReadFrame(const DescriptorView& d, FrameFields* pFields)
         return true;
     }
     // Discrete: the last listed interval that the descriptor really holds.
-    ULONG nPresent = (d.length - kFrameIntervalsOffset) / 4;
+    ULONG nPresent = (d.length - UVC_FRAME_INTERVALS_OFFSET) / 4;
     ULONG nListed = intervalType < nPresent ? intervalType : nPresent;
-    pFields->maxInterval = d.U32(kFrameIntervalsOffset + (nListed - 1) * 4);
+    pFields->maxInterval = d.U32(UVC_FRAME_INTERVALS_OFFSET + (nListed - 1) * 4);
     return true;
 }
 
@@ -287,7 +282,7 @@ NTSTATUS FormatTables::ExtractVSInfo(PUSB_CONFIGURATION_DESCRIPTOR pConfiguratio
     DescriptorView d;
     while (NT_SUCCESS(status) && walker.Next(&d)) {
         if (d.Type() == USB_INTERFACE_DESCRIPTOR_TYPE) {
-            subClass = d.Has(kInterfaceSubClassOffset + 1) ? d.U8(kInterfaceSubClassOffset) : 0;
+            subClass = d.Has(UVC_INTERFACE_SUBCLASS_OFFSET + 1) ? d.U8(UVC_INTERFACE_SUBCLASS_OFFSET) : 0;
             continue;
         }
         if (d.Type() != UVC_CS_INTERFACE) {
@@ -378,7 +373,7 @@ NTSTATUS FormatTables::ExtractStillInfo(PUSB_CONFIGURATION_DESCRIPTOR pConfigura
     DescriptorView d;
     while (NT_SUCCESS(status) && walker.Next(&d)) {
         if (d.Type() == USB_INTERFACE_DESCRIPTOR_TYPE) {
-            subClass = d.Has(kInterfaceSubClassOffset + 1) ? d.U8(kInterfaceSubClassOffset) : 0;
+            subClass = d.Has(UVC_INTERFACE_SUBCLASS_OFFSET + 1) ? d.U8(UVC_INTERFACE_SUBCLASS_OFFSET) : 0;
             continue;
         }
         if (d.Type() != UVC_CS_INTERFACE || subClass != UVC_SC_VIDEOSTREAMING) {

@@ -32,17 +32,6 @@ using namespace kv;
 namespace {
 
 constexpr UCHAR kStreamingInterface = 1;
-constexpr UCHAR kDescriptorInterface = 0x04;
-constexpr UCHAR kDescriptorEndpoint = 0x05;
-constexpr UCHAR kClassInterface = 0x24;
-constexpr UCHAR kSubclassStreaming = 0x02;
-// Offsets inside the class-specific format and frame descriptors.
-constexpr ULONG kFormatIndexOffset = 3;
-constexpr ULONG kFormatGuidOffset = 5;
-constexpr ULONG kFrameWidthOffset = 5;
-constexpr ULONG kFrameHeightOffset = 7;
-constexpr ULONG kFrameIntervalTypeOffset = 25;
-constexpr ULONG kFrameIntervalsOffset = 26;
 // The probe/commit block.
 constexpr ULONG kProbeFormatIndex = 2;
 constexpr ULONG kProbeFrameIndex = 3;
@@ -85,7 +74,7 @@ ULONG WalkLength(const UsbConfiguration& usb)
 bool FormatMatches(const DescriptorView& d, ULONG CameraCode)
 {
     if (d.Subtype() == UVC_VS_FORMAT_UNCOMPRESSED) {
-        return d.Has(kFormatGuidOffset + 4) && d.U32(kFormatGuidOffset) == CameraCode;
+        return d.Has(UVC_FORMAT_GUID_OFFSET + 4) && d.U32(UVC_FORMAT_GUID_OFFSET) == CameraCode;
     }
     return d.Subtype() == UVC_VS_FORMAT_MJPEG && CameraCode == kFourccMjpg;
 }
@@ -97,25 +86,25 @@ bool IsFrame(const DescriptorView& d)
 
 bool FrameIsSize(const DescriptorView& d, LONG Width, LONG Height)
 {
-    return d.Has(kFrameHeightOffset + 2) && d.U16(kFrameWidthOffset) == static_cast<ULONG>(Width) &&
-           d.U16(kFrameHeightOffset) == static_cast<ULONG>(Height);
+    return d.Has(UVC_FRAME_HEIGHT_OFFSET + 2) && d.U16(UVC_FRAME_WIDTH_OFFSET) == static_cast<ULONG>(Width) &&
+           d.U16(UVC_FRAME_HEIGHT_OFFSET) == static_cast<ULONG>(Height);
 }
 
 // The frame's interval for a request: the request when the frame has it,
 // else its first interval.
 LONGLONG IntervalFor(const DescriptorView& d, LONGLONG Interval)
 {
-    if (!d.Has(kFrameIntervalsOffset + 4)) {
+    if (!d.Has(UVC_FRAME_INTERVALS_OFFSET + 4)) {
         return Interval;
     }
-    const UCHAR type = d.U8(kFrameIntervalTypeOffset);
-    const LONGLONG first = d.U32(kFrameIntervalsOffset);
+    const UCHAR type = d.U8(UVC_FRAME_INTERVAL_TYPE_OFFSET);
+    const LONGLONG first = d.U32(UVC_FRAME_INTERVALS_OFFSET);
     if (type == 0) {
-        const LONGLONG maximum = d.Has(kFrameIntervalsOffset + 8) ? d.U32(kFrameIntervalsOffset + 4) : first;
+        const LONGLONG maximum = d.Has(UVC_FRAME_INTERVALS_OFFSET + 8) ? d.U32(UVC_FRAME_INTERVALS_OFFSET + 4) : first;
         return Interval >= first && Interval <= maximum ? Interval : first;
     }
-    for (ULONG i = 0; i < type && d.Has(kFrameIntervalsOffset + 4 * (i + 1)); ++i) {
-        if (d.U32(kFrameIntervalsOffset + 4 * i) == Interval) {
+    for (ULONG i = 0; i < type && d.Has(UVC_FRAME_INTERVALS_OFFSET + 4 * (i + 1)); ++i) {
+        if (d.U32(UVC_FRAME_INTERVALS_OFFSET + 4 * i) == Interval) {
             return Interval;
         }
     }
@@ -132,11 +121,11 @@ void WalkStreamingFrames(const UCHAR* pConfiguration, ULONG Length, ULONG Camera
     bool streaming = false;
     bool formatMatches = false;
     while (walker.Next(&d)) {
-        if (d.Type() == kDescriptorInterface) {
-            streaming = d.Has(7) && d.U8(6) == kSubclassStreaming;
+        if (d.Type() == USB_INTERFACE_DESCRIPTOR_TYPE) {
+            streaming = d.Has(UVC_INTERFACE_SUBCLASS_OFFSET + 1) && d.U8(UVC_INTERFACE_SUBCLASS_OFFSET) == UVC_SC_VIDEOSTREAMING;
             continue;
         }
-        if (!streaming || d.Type() != kClassInterface) {
+        if (!streaming || d.Type() != UVC_CS_INTERFACE) {
             continue;
         }
         if (d.Subtype() == UVC_VS_FORMAT_UNCOMPRESSED || d.Subtype() == UVC_VS_FORMAT_MJPEG) {
@@ -184,14 +173,14 @@ void CCapturePin::FindFormatAndFrame(const UCHAR* pConfiguration, ULONG Length, 
     *pFrameIndex = 0;
     UCHAR format = 0;
     WalkStreamingFrames(pConfiguration, Length, CameraCode, [&](const DescriptorView& d, bool isFormat) {
-        if (!d.Has(kFormatIndexOffset + 1)) {
+        if (!d.Has(UVC_FORMAT_INDEX_OFFSET + 1)) {
             return;
         }
         if (isFormat) {
-            format = d.U8(kFormatIndexOffset);
+            format = d.U8(UVC_FORMAT_INDEX_OFFSET);
         } else if (FrameIsSize(d, Width, Height)) {
             *pFormatIndex = format;
-            *pFrameIndex = d.U8(kFormatIndexOffset);
+            *pFrameIndex = d.U8(UVC_FORMAT_INDEX_OFFSET);
         }
     });
 }
@@ -203,10 +192,10 @@ UCHAR CCapturePin::FindAlternateSetting(const UCHAR* pConfiguration, ULONG Lengt
     bool streaming = false;
     UCHAR alternate = 0;
     while (walker.Next(&d)) {
-        if (d.Type() == kDescriptorInterface && d.Has(7)) {
-            streaming = d.U8(6) == kSubclassStreaming;
+        if (d.Type() == USB_INTERFACE_DESCRIPTOR_TYPE && d.Has(7)) {
+            streaming = d.U8(UVC_INTERFACE_SUBCLASS_OFFSET) == UVC_SC_VIDEOSTREAMING;
             alternate = d.U8(3);
-        } else if (streaming && alternate != 0 && d.Type() == kDescriptorEndpoint && d.Has(6)) {
+        } else if (streaming && alternate != 0 && d.Type() == USB_ENDPOINT_DESCRIPTOR_TYPE && d.Has(6)) {
             const USHORT wMaxPacketSize = d.U16(4);
             ULONG capacity = wMaxPacketSize & kPacketSizeMask;
             if ((wMaxPacketSize & kThreeTransactions) != 0) {
@@ -280,7 +269,7 @@ NTSTATUS CCapturePin::BandwidthNegotiation(CapturePinContext* pContext, LONG lHe
         DbgPrint("CCapturePin::BandwidthNegotiation -  COMMIT SET_CUR fail.Status = 0x%X\n", status);
         return status;
     }
-    status = pDevice->m_Usb.SelectAlternateInterface(kStreamingInterface, alternate, kSubclassStreaming);
+    status = pDevice->m_Usb.SelectAlternateInterface(kStreamingInterface, alternate, UVC_SC_VIDEOSTREAMING);
     if (!NT_SUCCESS(status)) {
         DbgPrint("CCapturePin::BandwidthNegotiation -  SelectAlternateInterface fail fail.Status = 0x%X AltInterface "
                  "= %d\n",
@@ -633,7 +622,7 @@ void CCapturePin::RunToPause(CapturePinContext* pContext)
         ObDereferenceObject(pContext->pThread);
         pContext->pThread = nullptr;
     }
-    pDevice->m_Usb.SelectAlternateInterface(kStreamingInterface, 0, kSubclassStreaming);
+    pDevice->m_Usb.SelectAlternateInterface(kStreamingInterface, 0, UVC_SC_VIDEOSTREAMING);
     InterlockedExchange(&pDevice->m_StreamingSlot, 0);
     pDevice->m_Requests.m_CapturePinRunning = 0;
     FaceTrackRelease();

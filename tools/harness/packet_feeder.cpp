@@ -1,5 +1,7 @@
 #include "packet_feeder.h"
 
+#include "random.h"
+
 #include <algorithm>
 #include <cstring>
 
@@ -141,25 +143,7 @@ std::vector<IsoPacketIn> FramePackets(std::span<const uint8_t> payload, ULONG ma
 namespace kvharness {
 namespace {
 
-// A deterministic generator (splitmix64), so that a seed replays its run.
-class Random {
-public:
-    explicit Random(uint64_t seed) : state_(seed) {}
-    uint64_t Next()
-    {
-        uint64_t z = (state_ += 0x9E3779B97F4A7C15ull);
-        z = (z ^ (z >> 30)) * 0xBF58476D1CE4E5B9ull;
-        z = (z ^ (z >> 27)) * 0x94D049BB133111EBull;
-        return z ^ (z >> 31);
-    }
-    uint32_t Below(uint32_t n) { return static_cast<uint32_t>(Next() % n); }
-    bool OneIn(uint32_t n) { return Below(n) == 0; }
-
-private:
-    uint64_t state_;
-};
-
-IsoPacketIn RandomPacket(Random& r, ULONG maxPacket)
+IsoPacketIn RandomPacket(SplitMix64& r, ULONG maxPacket)
 {
     IsoPacketIn p;
     const uint32_t kind = r.Below(10);
@@ -177,7 +161,7 @@ IsoPacketIn RandomPacket(Random& r, ULONG maxPacket)
 FuzzReport FuzzPackets(uint64_t seed, uint64_t packetCount)
 {
     FuzzReport report;
-    Random r(seed);
+    SplitMix64 r(seed);
     constexpr ULONG kSizes[][2] = {{16, 8}, {32, 4}, {8, 2}};
     for (int round = 0; report.packets < packetCount && report.problem.empty(); ++round) {
         const auto* size = kSizes[round % 3];

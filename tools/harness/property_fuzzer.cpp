@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "controls/filter.h"
+#include "random.h"
 
 namespace kvharness {
 namespace {
@@ -11,26 +12,9 @@ namespace {
 const GUID kDriverControl = PROPSETID_DriverControl;
 const GUID kUnknownSet = {0x12345678, 0x1234, 0x5678, {1, 2, 3, 4, 5, 6, 7, 8}};
 
-// splitmix64: the same seed gives the same requests.
-class Random {
-public:
-    explicit Random(uint64_t seed) : state_(seed) {}
-    uint64_t Next()
-    {
-        uint64_t z = (state_ += 0x9E3779B97F4A7C15ull);
-        z = (z ^ (z >> 30)) * 0xBF58476D1CE4E5B9ull;
-        z = (z ^ (z >> 27)) * 0x94D049BB133111EBull;
-        return z ^ (z >> 31);
-    }
-    uint32_t Below(uint32_t n) { return static_cast<uint32_t>(Next() % n); }
-
-private:
-    uint64_t state_;
-};
-
 const GUID kSets[] = {kDriverControl, PROPSETID_VIDCAP_VIDEOCONTROL, PROPSETID_VIDCAP_DROPPEDFRAMES, kUnknownSet};
 
-ULONG PickFlags(Random& r)
+ULONG PickFlags(SplitMix64& r)
 {
     static const ULONG flags[] = {KSPROPERTY_TYPE_GET, KSPROPERTY_TYPE_SET, KSPROPERTY_TYPE_BASICSUPPORT,
                                   KSPROPERTY_TYPE_GET | KSPROPERTY_TYPE_SET};
@@ -41,7 +25,7 @@ ULONG PickFlags(Random& r)
 // tunnel value; the text pointer, when the buffer reaches it, is a real
 // string or null (the handler takes the caller's pointer as given, as a
 // kernel driver takes a user address it is handed).
-void FillTunnel(Random& r, std::vector<uint8_t>& data, ULONG id, ULONG flags, bool as32, const char16_t* text)
+void FillTunnel(SplitMix64& r, std::vector<uint8_t>& data, ULONG id, ULONG flags, bool as32, const char16_t* text)
 {
     for (auto& b : data) b = static_cast<uint8_t>(r.Next());
     if (data.size() >= sizeof(KSPROPERTY) && r.Below(4) != 0) {
@@ -63,7 +47,7 @@ void FillTunnel(Random& r, std::vector<uint8_t>& data, ULONG id, ULONG flags, bo
 PropertyFuzzReport FuzzProperties(kvsim::client::Filter& filter, uint64_t seed, uint64_t count)
 {
     static const char16_t kText[] = u"C:\\frames\\user.bmp";
-    Random r(seed);
+    SplitMix64 r(seed);
     PropertyFuzzReport report;
     for (; report.requests < count; ++report.requests) {
         const uint32_t which = r.Below(4);

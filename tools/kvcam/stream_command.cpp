@@ -24,9 +24,6 @@
 namespace kvcam {
 namespace {
 
-constexpr ULONG kFourccYuy2 = 0x32595559;
-constexpr ULONG kFourccMjpg = 0x47504A4D;
-constexpr ULONG kFourccI420 = 0x30323449;
 constexpr ULONG kBuffersQueued = 4;
 constexpr LONGLONG kHundredNsPerSecond = 10'000'000;
 
@@ -36,10 +33,10 @@ struct FormatName {
     kvharness::PixelLayout layout;
 };
 constexpr FormatName kFormats[] = {
-    {"yuy2", kFourccYuy2, kvharness::PixelLayout::Yuy2},
+    {"yuy2", kv::kFourccYuy2, kvharness::PixelLayout::Yuy2},
     {"rgb24", 0, kvharness::PixelLayout::Bgr24BottomUp},
-    {"mjpg", kFourccMjpg, kvharness::PixelLayout::Mjpeg},
-    {"i420", kFourccI420, kvharness::PixelLayout::Yuy2},
+    {"mjpg", kv::kFourccMjpg, kvharness::PixelLayout::Mjpeg},
+    {"i420", kv::kFourccI420, kvharness::PixelLayout::Yuy2},
 };
 
 struct StreamOptions {
