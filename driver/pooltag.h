@@ -53,6 +53,9 @@ constexpr ULONG kTagLists = PoolTag("KVls");
 constexpr ULONG kTagTransfer = PoolTag("KVto");
 constexpr ULONG kTagUrb = PoolTag("KVur");
 constexpr ULONG kTagTransferData = PoolTag("KVdb");
+// Image work areas: the picture operations' scratch and state buffers (the
+// effects' grid and tiles, resize and rotation work buffers).
+constexpr ULONG kTagImage = PoolTag("KVMI");
 
 // Frees a pool block with its tag and clears the pointer, so that a second
 // release is harmless.
