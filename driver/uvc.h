@@ -91,6 +91,24 @@ enum : USHORT {
     UVC_XU_REGISTER_WINDOW = 0x0300,
 };
 
+// bmControls bits of the processing unit (3.7.2.5) and of the camera
+// terminal (3.7.2.3): which controls the camera has.
+enum : ULONG {
+    UVC_PU_BM_BRIGHTNESS = 1u << 0,
+    UVC_PU_BM_CONTRAST = 1u << 1,
+    UVC_PU_BM_HUE = 1u << 2,
+    UVC_PU_BM_SATURATION = 1u << 3,
+    UVC_PU_BM_SHARPNESS = 1u << 4,
+    UVC_PU_BM_GAMMA = 1u << 5,
+    UVC_PU_BM_WHITE_BALANCE_TEMPERATURE = 1u << 6,
+    UVC_PU_BM_BACKLIGHT_COMPENSATION = 1u << 8,
+    UVC_PU_BM_GAIN = 1u << 9,
+    UVC_PU_BM_POWER_LINE_FREQUENCY = 1u << 10,
+    UVC_PU_BM_WHITE_BALANCE_TEMPERATURE_AUTO = 1u << 12,
+    UVC_CT_BM_AE_MODE = 1u << 1,
+    UVC_CT_BM_EXPOSURE_TIME_ABSOLUTE = 1u << 3,
+};
+
 // Auto-exposure mode bits of CT_AE_MODE_CONTROL (4.2.2.1.2).
 enum : UCHAR {
     UVC_AE_MODE_MANUAL = 0x01,

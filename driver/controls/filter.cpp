@@ -466,7 +466,7 @@ NTSTATUS CCaptureFilter::DriverControl(PIRP pIrp, PKSPROPERTY pProperty, PVOID p
         return STATUS_BUFFER_TOO_SMALL;
     }
     const ULONG nibble = g_TunnelIdWithNibble & 0xF;
-    const UCHAR request = nibble <= 4 ? kNibbleRequests[nibble] : UVC_GET_CUR;
+    const UCHAR request = nibble <= 4 ? kNibbleRequests[nibble] : static_cast<UCHAR>(UVC_GET_CUR);
     const ULONG id = g_TunnelIdWithNibble - ((nibble >= 1 && nibble <= 4) ? nibble : 0);
     LONG result = 0;
     pDevice->m_Requests.GetDeviceProperty(static_cast<USHORT>(id), request, &result);

@@ -17,6 +17,20 @@ struct ControlRequestContext {
     PDEVICE_OBJECT pNextDeviceObject;
 };
 
+// Every id that addresses a slot of the settings record, camera controls
+// first, for the tools and tests that list the settings as an application
+// sees them. A camera control carries its unit (UVC_ENTITY_*) and the
+// unit's bmControls bit, by which a client tells whether the camera has it;
+// the driver's own options carry 0 for both.
+struct SettingSlotId {
+    USHORT Id;
+    ULONG Slot;
+    USHORT Entity;
+    ULONG ControlMask;
+};
+// Fills up to nMax entries and returns how many there are.
+ULONG ListSettingIds(SettingSlotId* pOut, ULONG nMax);
+
 class ControlRequests {
 public:
     ControlRequests(DeviceSettings* pSettings, const FormatTables* pFormats, const UsbConfiguration* pUsb);

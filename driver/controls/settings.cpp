@@ -62,26 +62,26 @@ struct ControlWalkEntry {
 // Processing-unit walk, in bmControls bit order; an entry counts only when
 // the camera's bitmap has its bit.
 const ControlWalkEntry kPuWalk[] = {
-    {0x0001, g_ControlNames[0], PROPID_BRIGHTNESS, SLOT_BRIGHTNESS, false, true},
-    {0x0002, g_ControlNames[1], PROPID_CONTRAST, SLOT_CONTRAST, false, true},
-    {0x0004, g_ControlNames[2], PROPID_HUE, SLOT_HUE, false, true},
-    {0x0008, g_ControlNames[3], PROPID_SATURATION, SLOT_SATURATION, false, true},
-    {0x0010, g_ControlNames[4], PROPID_SHARPNESS, SLOT_SHARPNESS, false, true},
-    {0x0020, g_ControlNames[5], PROPID_GAMMA, SLOT_GAMMA, false, true},
-    {0x0040, g_ControlNames[6], PROPID_WB_TEMPERATURE, SLOT_WB_TEMPERATURE, false, true},
-    {0x0100, L"fBacklight", PROPID_BACKLIGHT, SLOT_BACKLIGHT, false, true},
+    {UVC_PU_BM_BRIGHTNESS, g_ControlNames[0], PROPID_BRIGHTNESS, SLOT_BRIGHTNESS, false, true},
+    {UVC_PU_BM_CONTRAST, g_ControlNames[1], PROPID_CONTRAST, SLOT_CONTRAST, false, true},
+    {UVC_PU_BM_HUE, g_ControlNames[2], PROPID_HUE, SLOT_HUE, false, true},
+    {UVC_PU_BM_SATURATION, g_ControlNames[3], PROPID_SATURATION, SLOT_SATURATION, false, true},
+    {UVC_PU_BM_SHARPNESS, g_ControlNames[4], PROPID_SHARPNESS, SLOT_SHARPNESS, false, true},
+    {UVC_PU_BM_GAMMA, g_ControlNames[5], PROPID_GAMMA, SLOT_GAMMA, false, true},
+    {UVC_PU_BM_WHITE_BALANCE_TEMPERATURE, g_ControlNames[6], PROPID_WB_TEMPERATURE, SLOT_WB_TEMPERATURE, false, true},
+    {UVC_PU_BM_BACKLIGHT_COMPENSATION, L"fBacklight", PROPID_BACKLIGHT, SLOT_BACKLIGHT, false, true},
     // Gain: persisted from and applied to slot 10 as exposure time, and no
     // camera default is read for it: registries written by earlier installs
     // keep the exposure time under this name.
-    {0x0200, L"Gain", PROPID_EXPOSURE_TIME, SLOT_EXPOSURE_TIME, false, false},
-    {0x0400, L"f60Hz", PROPID_POWER_LINE, SLOT_POWER_LINE, true, true},
-    {0x1000, L"fAutoAWB", PROPID_WB_AUTO, SLOT_WB_AUTO, true, true},
+    {UVC_PU_BM_GAIN, L"Gain", PROPID_EXPOSURE_TIME, SLOT_EXPOSURE_TIME, false, false},
+    {UVC_PU_BM_POWER_LINE_FREQUENCY, L"f60Hz", PROPID_POWER_LINE, SLOT_POWER_LINE, true, true},
+    {UVC_PU_BM_WHITE_BALANCE_TEMPERATURE_AUTO, L"fAutoAWB", PROPID_WB_AUTO, SLOT_WB_AUTO, true, true},
 };
 
 // Camera-terminal walk.
 const ControlWalkEntry kCtWalk[] = {
-    {0x2, L"fAE", PROPID_AUTO_EXPOSURE, SLOT_AUTO_EXPOSURE, false, true},
-    {0x8, L"AETarget", PROPID_EXPOSURE_TIME, SLOT_EXPOSURE_TIME, false, true},
+    {UVC_CT_BM_AE_MODE, L"fAE", PROPID_AUTO_EXPOSURE, SLOT_AUTO_EXPOSURE, false, true},
+    {UVC_CT_BM_EXPOSURE_TIME_ABSOLUTE, L"AETarget", PROPID_EXPOSURE_TIME, SLOT_EXPOSURE_TIME, false, true},
 };
 
 // A driver option persisted by name.

@@ -3,6 +3,7 @@
 // (capabilities, frame rates, trigger mode) and the dropped-frames set.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 
 #include "controls/settings.h"
@@ -84,6 +85,28 @@ TEST_F(FilterProperties, TheTunnelWaitsForTheFirstFrameOfAStream)
     ASSERT_FALSE(stream.Collect(1).empty());
     tunnel.Write(PROPID_BRIGHTNESS, 9);
     EXPECT_EQ(camera->ControlValue(3, UVC_PU_BRIGHTNESS_CONTROL >> 8), 9);
+}
+
+// A client that enumerates the filter's automation finds the three property
+// sets (set support on GUID_NULL lists them) and the still-button event set.
+// https://learn.microsoft.com/windows-hardware/drivers/stream/ksproperty-type-setsupport
+TEST_F(FilterProperties, AClientEnumeratingTheAutomationFindsEverySet)
+{
+    auto listed = filter->Property(GUID_NULL, 0, KSPROPERTY_TYPE_SETSUPPORT, nullptr, 0);
+    ASSERT_EQ(listed.status, STATUS_BUFFER_OVERFLOW);
+    std::vector<GUID> sets(listed.information / sizeof(GUID));
+    ASSERT_EQ(filter->Property(GUID_NULL, 0, KSPROPERTY_TYPE_SETSUPPORT, sets.data(), ULONG(sets.size() * sizeof(GUID)))
+                  .status,
+              STATUS_SUCCESS);
+    for (const GUID& set : {kDriverControl, GUID(PROPSETID_VIDCAP_VIDEOCONTROL), GUID(PROPSETID_VIDCAP_DROPPEDFRAMES)}) {
+        EXPECT_NE(std::find(sets.begin(), sets.end(), set), sets.end());
+        EXPECT_EQ(filter->Property(set, 0, KSPROPERTY_TYPE_SETSUPPORT, nullptr, 0).status, STATUS_SUCCESS);
+    }
+    KSEVENT still{};
+    still.Set = KSEVENTSETID_VIDCAPTOSTI;
+    still.Id = KSEVENT_VIDCAPTOSTI_EXT_TRIGGER;
+    still.Flags = KSEVENT_TYPE_SETSUPPORT;
+    EXPECT_EQ(filter->Ioctl(IOCTL_KS_ENABLE_EVENT, &still, sizeof(still), nullptr, 0).status, STATUS_SUCCESS);
 }
 
 // FRAME_RATES: the size query, a buffer too small for one rate, and the

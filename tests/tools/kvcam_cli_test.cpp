@@ -12,6 +12,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <regex>
 
 #include "camera/camera_model.h"
@@ -147,10 +148,12 @@ TEST(KvcamFormatsTable, ShowsOneRowPerRange)
     started.started = true;
     started.capture = {DistinctRange()};
     started.still = {DistinctRange(), DistinctRange()};
+    started.captureRates = {{333333, 0}};
     std::string text = kvcam::FormatsTable(started);
     EXPECT_NE(text.find("capture pin 0 data ranges: 1"), std::string::npos) << text;
     EXPECT_NE(text.find("still pin 2 data ranges: 2"), std::string::npos) << text;
-    EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 1 + 2 + 2 + 3) << text;
+    EXPECT_NE(text.find(" 30.00 -\n"), std::string::npos) << "a rate of 0 shows as '-': " << text;
+    EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 1 + 2 + 2 + 2 + 3) << text;
     EXPECT_NE(text.find("640 x -480"), std::string::npos) << text;
     EXPECT_NE(text.find("YUY2"), std::string::npos) << text;
 }
@@ -179,11 +182,21 @@ void ExpectStarted(const KvcamRun& run)
     EXPECT_EQ(run.exitCode, 0) << run.err;
     EXPECT_EQ(run.err, "");
     Json v = ParseOrFail(run.out);
-    ASSERT_EQ(Keys(v), (std::vector<std::string>{"start_status", "start_message", "capture", "still"})) << run.out;
+    ASSERT_EQ(Keys(v), (std::vector<std::string>{"start_status", "start_message", "capture", "still",
+                                                 "capture_frame_rates"}))
+        << run.out;
     EXPECT_EQ(v["start_status"], "0x00000000");
     EXPECT_TRUE(v["start_message"].is_null());
     ExpectRangeObjects(v["capture"]);
     ExpectRangeObjects(v["still"]);
+    // Every capture range answers the frame-rate query with at least one
+    // interval that the range itself allows.
+    ASSERT_EQ(v["capture_frame_rates"].size(), v["capture"].size());
+    for (size_t i = 0; i < v["capture"].size(); ++i) {
+        const Json& rates = v["capture_frame_rates"][i];
+        ASSERT_FALSE(rates.empty()) << i;
+        EXPECT_GE(rates[0].get<int64_t>(), v["capture"][i]["MinFrameInterval"].get<int64_t>()) << i;
+    }
 }
 
 class KvcamCli : public ::testing::Test {
@@ -386,7 +399,52 @@ TEST_F(KvcamCli, GetAndSetGoThroughTheTunnel)
         EXPECT_EQ(brightness.out, "Brightness (0x0200) = 7\n");
         KvcamRun timer = with({"get", "SelfTimer"});
         EXPECT_EQ(timer.out, "SelfTimer (0x090B) = -1\n");
+        // Values the camera or the driver would not take: exit code 1 and
+        // the reason.
+        KvcamRun outOfRange = with({"set", "Brightness", "9999"});
+        EXPECT_EQ(outOfRange.exitCode, 1);
+        EXPECT_EQ(outOfRange.err, "kvcam set: 9999 is out of range for Brightness: the camera takes -64..64\n");
+        KvcamRun badTimer = with({"set", "SelfTimer", "44"});
+        EXPECT_EQ(badTimer.exitCode, 1);
+        EXPECT_EQ(badTimer.err, "kvcam set: SelfTimer kept -1; the driver did not take 44\n");
     }
+}
+
+// `kvcam controls` lists the whole record with the camera's ranges, and a
+// camera control the camera lacks as absent (trust_webcam has no
+// white-balance temperature), not as a value of 0.
+TEST_F(KvcamCli, ControlsListsTheRecordWithRangesAndAbsentControls)
+{
+    for (const char* camera : {"", "trust_webcam"}) {
+        SCOPED_TRACE(camera);
+        std::vector<std::string> args{"controls", "--json"};
+        if (*camera) args.insert(args.end(), {"--camera", camera});
+        KvcamRun run = RunKvcam(args);
+        ASSERT_EQ(run.exitCode, 0) << run.err;
+        std::map<std::string, nlohmann::json> byId;
+        for (const auto& row : nlohmann::json::parse(run.out)) byId[row["id"]] = row;
+        EXPECT_EQ(byId["0x0200"]["name"], "Brightness");
+        EXPECT_EQ(byId["0x0200"]["minimum"], -64);
+        EXPECT_EQ(byId["0x0200"]["maximum"], 64);
+        EXPECT_EQ(byId["0x090B"]["current"], -1);
+        EXPECT_FALSE(byId["0x090B"]["camera_control"]);
+        EXPECT_TRUE(byId["0x0636"]["name"].is_null());
+        const auto& temperature = byId["0x0A00"];
+        EXPECT_EQ(temperature["present"], *camera == 0);
+        EXPECT_EQ(temperature.contains("current"), *camera == 0);
+    }
+}
+
+// With --registry a set value is there at the next run: the driver saves its
+// record when a stream stops, and kvcam set runs one.
+TEST_F(KvcamCli, ASetValuePersistsThroughTheRegistryFile)
+{
+    const std::string reg = (dir_ / "settings.reg").string();
+    ASSERT_EQ(RunKvcam({"set", "Brightness", "23", "--registry", reg}).exitCode, 0);
+    ASSERT_EQ(RunKvcam({"set", "SpecialEffectNo", "6", "--registry", reg}).exitCode, 0);
+    EXPECT_EQ(RunKvcam({"get", "Brightness", "--registry", reg}).out, "Brightness (0x0200) = 23\n");
+    EXPECT_EQ(RunKvcam({"get", "SpecialEffectNo", "--registry", reg}).out, "SpecialEffectNo (0x060F) = 6\n");
+    EXPECT_EQ(RunKvcam({"get", "Brightness"}).out, "Brightness (0x0200) = 0\n") << "no file, no memory";
 }
 
 // Every shared camera that starts streams each of its formats.

@@ -2,6 +2,7 @@
 #include "filter_view.h"
 
 #include <cstdio>
+#include <algorithm>
 #include <cstring>
 
 namespace kvharness {
@@ -73,6 +74,34 @@ NTSTATUS ReadFixedList(kvsim::client::KsObject& object, const GUID& set, ULONG i
 }
 
 }  // namespace
+
+NTSTATUS ReadFrameRates(kvsim::client::Filter& filter, ULONG rangeIndex, std::vector<LONGLONG>* intervals)
+{
+    intervals->clear();
+    KSPROPERTY_VIDEOCONTROL_FRAME_RATES_S request{};
+    request.StreamIndex = 0;
+    request.RangeIndex = rangeIndex;
+    const auto* pExtra = reinterpret_cast<const uint8_t*>(&request) + sizeof(KSPROPERTY);
+    const ULONG extra = sizeof(request) - sizeof(KSPROPERTY);
+    auto ask = [&](std::vector<uint8_t>& out) {
+        return filter.Property(PROPSETID_VIDCAP_VIDEOCONTROL, KSPROPERTY_VIDEOCONTROL_FRAME_RATES,
+                               KSPROPERTY_TYPE_GET, out.empty() ? nullptr : out.data(), ULONG(out.size()), pExtra,
+                               extra);
+    };
+    std::vector<uint8_t> none;
+    const auto size = ask(none);
+    if (size.status != STATUS_BUFFER_OVERFLOW) return size.status;
+    if (size.information < sizeof(KSMULTIPLE_ITEM)) return STATUS_INVALID_BUFFER_SIZE;
+    std::vector<uint8_t> list(size.information);
+    const auto result = ask(list);
+    if (result.status != STATUS_SUCCESS) return result.status;
+    KSMULTIPLE_ITEM item;
+    std::memcpy(&item, list.data(), sizeof(item));
+    const size_t count = std::min<size_t>(item.Count, (list.size() - sizeof(item)) / sizeof(LONGLONG));
+    intervals->resize(count);
+    std::memcpy(intervals->data(), list.data() + sizeof(item), count * sizeof(LONGLONG));
+    return STATUS_SUCCESS;
+}
 
 NTSTATUS ReadVideoRanges(kvsim::client::Filter& filter, ULONG pinId, std::vector<KS_DATARANGE_VIDEO>* ranges,
                          size_t* otherRanges)

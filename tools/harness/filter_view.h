@@ -21,6 +21,12 @@ namespace kvharness {
 NTSTATUS ReadVideoRanges(kvsim::client::Filter& filter, ULONG pinId, std::vector<KS_DATARANGE_VIDEO>* ranges,
                          size_t* otherRanges = nullptr);
 
+// The frame intervals (100 ns units) the filter's video-control property
+// KSPROPERTY_VIDEOCONTROL_FRAME_RATES reports for capture range
+// `rangeIndex`: the size query first, then the list.
+// https://learn.microsoft.com/windows-hardware/drivers/stream/ksproperty-videocontrol-frame-rates
+NTSTATUS ReadFrameRates(kvsim::client::Filter& filter, ULONG rangeIndex, std::vector<LONGLONG>* intervals);
+
 struct PinView {
     ULONG id = 0;
     KSPIN_DATAFLOW dataFlow = KSPIN_DATAFLOW_IN;

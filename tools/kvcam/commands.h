@@ -38,6 +38,9 @@ int RunGetCommand(std::span<const std::string_view> args);
 void PrintGetHelp();
 int RunSetCommand(std::span<const std::string_view> args);
 void PrintSetHelp();
+// `kvcam controls [--json]`: every setting with its range (setting_commands.cpp).
+int RunControlsCommand(std::span<const std::string_view> args);
+void PrintControlsHelp();
 
 // `kvcam fuzz packets [--count N] [--seed S]`: random packets through the
 // driver's payload path (fuzz_command.cpp).

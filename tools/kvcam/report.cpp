@@ -82,6 +82,27 @@ std::string RangesTable(const char* title, const std::vector<KS_DATARANGE_VIDEO>
     return out;
 }
 
+// The frame rates an application reads per capture range; an interval of
+// 0 (the driver reports as many intervals as the frame lists, taking them
+// from the descriptor that holds them) shows as "-".
+std::string FrameRatesTable(const FormatsReport& report)
+{
+    std::string out = "capture frame rates (KSPROPERTY_VIDEOCONTROL_FRAME_RATES, fps):\n";
+    for (size_t i = 0; i < report.captureRates.size(); ++i) {
+        const KS_BITMAPINFOHEADER& bmi = report.capture[i].VideoInfoHeader.bmiHeader;
+        out += Printf("  %3zu  %-9s  %-14s ", i, SubFormatLabel(report.capture[i].DataRange.SubFormat).c_str(),
+                      Printf("%" PRId32 " x %" PRId32, static_cast<int32_t>(bmi.biWidth),
+                             static_cast<int32_t>(bmi.biHeight))
+                          .c_str());
+        if (report.captureRates[i].empty()) out += " (none)";
+        for (LONGLONG interval : report.captureRates[i]) {
+            out += interval > 0 ? Printf(" %.2f", FramesPerSecond(interval)) : std::string(" -");
+        }
+        out += "\n";
+    }
+    return out;
+}
+
 std::string StartText(const FormatsReport& report)
 {
     std::string out = Printf("start: %s %s\n", kvharness::FormatStatus(report.startStatus).c_str(),
@@ -217,6 +238,10 @@ FormatsReport CollectFormats(kvharness::System& system)
                                   kvharness::FormatStatus(status).c_str());
         }
     }
+    report.captureRates.resize(report.capture.size());
+    for (size_t i = 0; i < report.capture.size(); ++i) {
+        kvharness::ReadFrameRates(*system.filter(), ULONG(i), &report.captureRates[i]);
+    }
     return report;
 }
 
@@ -278,6 +303,13 @@ Json FormatsJson(const FormatsReport& report)
             }
             o[key] = std::move(items);
         }
+        Json rates = Json::array();
+        for (const auto& intervals : report.captureRates) {
+            Json list = Json::array();
+            for (LONGLONG interval : intervals) list.push_back(int64_t(interval));
+            rates.push_back(std::move(list));
+        }
+        o["capture_frame_rates"] = std::move(rates);
     }
     return o;
 }
@@ -287,6 +319,7 @@ std::string FormatsTable(const FormatsReport& report)
     std::string out = StartText(report);
     if (report.started) {
         out += RangesTable("capture pin 0 data ranges", report.capture);
+        out += FrameRatesTable(report);
         out += RangesTable("still pin 2 data ranges", report.still);
     }
     return out;

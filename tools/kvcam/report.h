@@ -23,6 +23,9 @@ struct FormatsReport {
     bool started = false;
     std::vector<KS_DATARANGE_VIDEO> capture;
     std::vector<KS_DATARANGE_VIDEO> still;
+    // Per capture range, the intervals KSPROPERTY_VIDEOCONTROL_FRAME_RATES
+    // reports (empty when the query failed).
+    std::vector<std::vector<LONGLONG>> captureRates;
     std::string error;  // set when the started filter could not be read
 };
 
@@ -36,7 +39,8 @@ FormatsReport CollectFormats(kvharness::System& system);
 // dwBitRate, biWidth, biHeight, biBitCount, biCompression, biSizeImage.
 Json DataRangeJson(const KS_DATARANGE_VIDEO& range);
 // The `kvcam formats --json` object: start_status, start_message, and when
-// started capture and still.
+// started capture, capture_frame_rates (per capture range, the intervals in
+// 100 ns units) and still.
 Json FormatsJson(const FormatsReport& report);
 // The same as a readable table.
 std::string FormatsTable(const FormatsReport& report);

@@ -51,6 +51,7 @@ struct StreamOptions {
     std::string snapshot;
     std::string source;
     std::vector<std::pair<std::string, std::string>> settings;  // --set NAME=VALUE, in order
+    bool savedSettings = false;  // --registry: the driver loads its saved settings at set-up
     bool json = false;
 };
 
@@ -296,6 +297,9 @@ void Progress(const Summary& s, bool terminal)
 
 // --set NAME=VALUE, each through the driver-control tunnel before the
 // stream runs, as an application sets controls before it starts capturing.
+// The driver applies its saved settings when the stream is set up, so with
+// a registry file they are set once more after the first frame (the driver
+// refuses controls from the run transition until then).
 bool ApplySettings(kvsim::client::Filter& filter, const StreamOptions& o, std::string* error)
 {
     kvharness::Tunnel tunnel(filter);
@@ -382,12 +386,20 @@ bool Stream(kvharness::System& system, const StreamOptions& o, Summary& summary)
     const auto hostStart = std::chrono::steady_clock::now();
     pin->QueueBuffers(kBuffersQueued, offer.ImageSize());
     bool ok = true;
+    bool resettled = false;
     while (ok && (o.frames != 0 ? summary.delivered < o.frames : kvsim::Now() < deadline)) {
         // Without a frame for 10 s of the simulation's time the stream has
         // stopped for good.
         if (!pin->WaitForFrames(1, 10 * kHundredNsPerSecond)) {
             ok = fail("no frame for 10 seconds");
             break;
+        }
+        if (!resettled && !o.settings.empty() && o.savedSettings) {
+            resettled = true;
+            if (!ApplySettings(*system.filter(), o, &error)) {
+                ok = fail(error);
+                break;
+            }
         }
         for (auto& frame : pin->CollectFrames()) {
             pin->QueueBuffers(1, offer.ImageSize());
@@ -468,6 +480,7 @@ int RunStreamCommand(std::span<const std::string_view> args)
     ParsedSystemOptions parsed = ParseSystemOptions(args);
     StreamOptions options;
     if (parsed.error.empty()) parsed.error = ParseStreamOptions(parsed.rest, options);
+    options.savedSettings = !parsed.system.registryFile.empty();
     std::optional<std::vector<kvsim::camera::Yuy2Picture>> pictures;
     if (parsed.error.empty() && parsed.inputError.empty() && !options.source.empty()) {
         std::string error;
