@@ -53,6 +53,10 @@ constexpr ULONG kTagLists = PoolTag("KVls");
 constexpr ULONG kTagTransfer = PoolTag("KVto");
 constexpr ULONG kTagUrb = PoolTag("KVur");
 constexpr ULONG kTagTransferData = PoolTag("KVdb");
+// The interrupt endpoint: its URB and receive buffer, and each received
+// packet on its way to a work item.
+constexpr ULONG kTagInterrupt = PoolTag("KVit");
+constexpr ULONG kTagButtonWork = PoolTag("KVwk");
 // Image work areas: the picture operations' scratch and state buffers (the
 // effects' grid and tiles, resize and rotation work buffers).
 constexpr ULONG kTagImage = PoolTag("KVMI");

@@ -106,7 +106,6 @@ const GUID kSetDroppedFrames = {STATICGUIDOF(PROPSETID_VIDCAP_DROPPEDFRAMES)};
 const GUID kSetVideoControl = {STATICGUIDOF(PROPSETID_VIDCAP_VIDEOCONTROL)};
 
 constexpr ULONG kStillStreamIndex = 2;
-constexpr NTSTATUS kStatusCountdownRunning = static_cast<NTSTATUS>(0xC00000C1);
 constexpr ULONG kDriverControlSaveString = 3;
 constexpr ULONG kMaxFrameStringChars = 259;
 // Frame heights and the rates the camera gives them.
@@ -365,17 +364,12 @@ NTSTATUS CCaptureFilter::SetVideoControlProperty(PIRP pIrp, PKSPROPERTY pPropert
     if (pMode->StreamIndex == kStillStreamIndex && trigger) {
         SelfTimer& timer = pFilter->m_pDevice->m_SelfTimer;
         timer.m_SoftwareTrigger = 1;
-        if (timer.m_CountdownCounter >= 0) {
-            return kStatusCountdownRunning;
-        }
         const LONG seconds = pFilter->m_pDevice->m_Settings.m_Property != nullptr
                                  ? pFilter->m_pDevice->m_Settings.m_Property->Slot[SLOT_SELF_TIMER]
                                  : -1;
-        if (seconds < 0) {
-            timer.m_StillRequest = 1;
-            timer.m_TriggerSource = 1;
-        } else {
-            timer.StartCountdown(seconds);
+        status = timer.Trigger(seconds, 1);
+        if (!NT_SUCCESS(status)) {
+            return status;
         }
     }
     pIrp->IoStatus.Information = sizeof(KSPROPERTY_VIDEOCONTROL_MODE_S);

@@ -11,6 +11,7 @@
 
 #include "controls/filter.h"
 #include "streaming/capture.h"
+#include "streaming/still.h"
 #include "pageable.h"
 #include "pooltag.h"
 
@@ -295,7 +296,7 @@ const KSPIN_DESCRIPTOR_EX g_PinDescriptorTemplate[KV_PIN_COUNT] = {
     },
     // Pin 2: still.
     {
-        nullptr,  // Dispatch: the still pin's
+        &g_StillPinDispatch,  // Dispatch
         nullptr,  // AutomationTable
         {
             0,                            // InterfacesCount
@@ -314,7 +315,7 @@ const KSPIN_DESCRIPTOR_EX g_PinDescriptorTemplate[KV_PIN_COUNT] = {
         1,                   // InstancesPossible
         0,                   // InstancesNecessary
         &g_StillPinFraming,  // AllocatorFraming
-        nullptr,             // IntersectHandler: the still pin's
+        CCapturePin::IntersectHandler,  // IntersectHandler: the capture pin's, on the still ranges
     },
 };
 

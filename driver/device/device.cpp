@@ -59,6 +59,7 @@ CCaptureDevice::CCaptureDevice(PKSDEVICE pKsDevice)
       m_Settings(),
       m_Requests(&m_Settings, &m_Formats, &m_Usb),
       m_SelfTimer(),
+      m_Int(),
       m_Stream(),
       m_FrameLoop(),
       m_pCaptureFilter(nullptr),
@@ -258,7 +259,20 @@ NTSTATUS CCaptureDevice::PnpStart()
         return status;
     }
 
-    // The interrupt endpoint joins here with the camera's button.
+    // The camera's button: its interrupt transfer stays outstanding from
+    // here to the stop. A camera without the endpoint has no button.
+    if (m_Usb.m_InterruptPipe != nullptr) {
+        const ButtonTargets targets = {&m_Settings, &m_SelfTimer, &m_Stream.m_Streaming};
+        status = m_Int.Initialize(targets, m_pFunctionalDeviceObject, m_pNextDeviceObject,
+                                  m_Usb.m_InterruptPipe->PipeHandle);
+        if (NT_SUCCESS(status)) {
+            status = m_Int.Start();
+        }
+        if (!NT_SUCCESS(status)) {
+            DbgPrint("Kvdrv PnP start m_Int.Initialize return error (Status 0x%X )", static_cast<ULONG>(status));
+            return status;
+        }
+    }
 
     // The self-timer's countdown timer.
     m_SelfTimer.Initialize();
@@ -304,7 +318,7 @@ void CCaptureDevice::PnpStop()
     // A countdown DPC already queued must not run into the next start's
     // initialisation of the same DPC.
     m_SelfTimer.FlushCountdown();
-    // The interrupt endpoint's transfer stops here, once the button joins.
+    m_Int.Cancel();
     ReleaseAllocations();
     m_Settings.WriteDeviceExist(DEVICE_EXIST_STOPPED);
 }
@@ -333,6 +347,10 @@ void CCaptureDevice::SurpriseRemoval()
 // is given back only after everything that came through the configuration.
 void CCaptureDevice::ReleaseAllocations()
 {
+    // A remove without a stop (after a surprise removal) may find the
+    // button's transfer still outstanding.
+    m_Int.Cancel();
+    m_Int.Free();
     m_Usb.ReleaseConfiguration();
     m_Filter.UnhookDataRanges();
     m_Formats.Release();

@@ -83,6 +83,7 @@ public:
     DeviceSettings m_Settings;
     ControlRequests m_Requests;
     SelfTimer m_SelfTimer;
+    InterruptEndpoint m_Int;
     IsoStream m_Stream;
     FrameLoop m_FrameLoop;
     CCaptureFilter* m_pCaptureFilter;  // the most recently created filter object

@@ -341,12 +341,7 @@ NTSTATUS CCapturePin::DispatchCreate(PKSPIN pKsPin, PIRP pIrp)
     pKsPin->Context = pContext;
     pKsPin->StreamHeaderSize = kCaptureHeaderSize;
     KsPinRegisterPowerCallbacks(pKsPin, Sleep, Wake);
-    const KS_VIDEOINFOHEADER* pInfo = VideoInfoOf(pKsPin->ConnectionFormat);
-    if (pInfo != nullptr) {
-        CopyVideoInfo(pContext->pFormat, pInfo, pKsPin->ConnectionFormat->FormatSize - sizeof(KSDATAFORMAT));
-        status = EditFraming(pKsPin, pInfo->bmiHeader.biSizeImage);
-    }
-    return status;
+    return CopyConnectionFormat(pKsPin, pContext->pFormat);
 }
 
 // The pin's own copy of its descriptor and framing: three frames of the
@@ -400,6 +395,12 @@ NTSTATUS CCapturePin::SetDataFormat(PKSPIN pKsPin, PKSDATAFORMAT pOldFormat, PKS
 {
     UNREFERENCED_PARAMETER(pOldAttributeList);
     UNREFERENCED_PARAMETER(pAttributeRange);
+    return AcceptVideoFormat(pKsPin, pOldFormat, pDataRange, &ContextOf(pKsPin)->pFormat);
+}
+
+NTSTATUS AcceptVideoFormat(PKSPIN pKsPin, PKSDATAFORMAT pOldFormat, const KSDATARANGE* pDataRange,
+                           PKS_VIDEOINFOHEADER* ppCopy)
+{
     const PKSDATAFORMAT pFormat = pKsPin->ConnectionFormat;
     const KS_VIDEOINFOHEADER* pInfo = VideoInfoOf(pFormat);
     if (pInfo == nullptr) {
@@ -427,15 +428,24 @@ NTSTATUS CCapturePin::SetDataFormat(PKSPIN pKsPin, PKSDATAFORMAT pOldFormat, PKS
     if (pKsPin->DeviceState != KSSTATE_STOP) {
         return STATUS_INVALID_DEVICE_STATE;
     }
-    CapturePinContext* pContext = ContextOf(pKsPin);
-    if (pContext->pFormat == nullptr) {
-        pContext->pFormat = static_cast<PKS_VIDEOINFOHEADER>(
+    if (*ppCopy == nullptr) {
+        *ppCopy = static_cast<PKS_VIDEOINFOHEADER>(
             ExAllocatePoolWithTag(NonPagedPool, sizeof(KS_VIDEOINFOHEADER), kTagPinFormat));
-        if (pContext->pFormat == nullptr) {
+        if (*ppCopy == nullptr) {
             return STATUS_INSUFFICIENT_RESOURCES;
         }
     }
-    CopyVideoInfo(pContext->pFormat, pInfo, available);
+    CopyVideoInfo(*ppCopy, pInfo, available);
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS CopyConnectionFormat(PKSPIN pKsPin, PKS_VIDEOINFOHEADER pCopy)
+{
+    const KS_VIDEOINFOHEADER* pInfo = VideoInfoOf(pKsPin->ConnectionFormat);
+    if (pInfo != nullptr && pCopy != nullptr) {
+        CopyVideoInfo(pCopy, pInfo, pKsPin->ConnectionFormat->FormatSize - sizeof(KSDATAFORMAT));
+        return CCapturePin::EditFraming(pKsPin, pInfo->bmiHeader.biSizeImage);
+    }
     return STATUS_SUCCESS;
 }
 
@@ -625,6 +635,8 @@ void CCapturePin::RunToPause(CapturePinContext* pContext)
     pDevice->m_Usb.SelectAlternateInterface(kStreamingInterface, 0, UVC_SC_VIDEOSTREAMING);
     InterlockedExchange(&pDevice->m_StreamingSlot, 0);
     pDevice->m_Requests.m_CapturePinRunning = 0;
+    // A countdown ends with the stream it would have taken its still from.
+    pDevice->m_SelfTimer.CancelCountdown();
     FaceTrackRelease();
 }
 

@@ -63,8 +63,23 @@ private:
     static NTSTATUS PauseToRun(CapturePinContext* pContext);
     static void RunToPause(CapturePinContext* pContext);
     static void ToStop(CapturePinContext* pContext);
-    static NTSTATUS EditFraming(PKSPIN pKsPin, ULONG ImageSize);
     static VOID ThreadRoutine(PVOID pStartContext);
+
+public:
+    // The pin's own copy of its descriptor and framing: three frames of the
+    // image size (the still pin's too).
+    static NTSTATUS EditFraming(PKSPIN pKsPin, ULONG ImageSize);
 };
+
+// The set-format checks both video pins make: a video-info format of the
+// range's width, height and compression whose header lies inside it and
+// whose size fits its image size; with an old format (not a query) and the
+// pin stopped, the format is copied into *ppCopy (allocated, "KVIV", when
+// null).
+NTSTATUS AcceptVideoFormat(PKSPIN pKsPin, PKSDATAFORMAT pOldFormat, const KSDATARANGE* pDataRange,
+                           PKS_VIDEOINFOHEADER* ppCopy);
+// The connection format into pCopy and the pin's framing edited for its
+// image size (nothing for a format that is not video info).
+NTSTATUS CopyConnectionFormat(PKSPIN pKsPin, PKS_VIDEOINFOHEADER pCopy);
 
 extern const KSPIN_DISPATCH g_CapturePinDispatch;

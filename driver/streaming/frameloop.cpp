@@ -22,6 +22,8 @@
 #include "imaging/primitives.h"
 #include "streaming/capture.h"
 #include "streaming/kvjp.h"
+#include "streaming/still.h"
+#include "pooltag.h"
 
 using namespace kv;
 
@@ -105,6 +107,32 @@ ULONG AbsHeight(const KS_VIDEOINFOHEADER* pFormat)
     return static_cast<ULONG>(h < 0 ? -h : h);
 }
 
+// The bytes an uncompressed picture of this format fills: RGB24 (0) or YUY2.
+ULONG OutputBytes(const KS_VIDEOINFOHEADER* pFormat)
+{
+    const ULONG bytesPerPixel = pFormat->bmiHeader.biCompression == 0 ? 3 : 2;
+    return static_cast<ULONG>(pFormat->bmiHeader.biWidth) * AbsHeight(pFormat) * bytesPerPixel;
+}
+
+bool SameSize(const KS_VIDEOINFOHEADER* pA, const KS_VIDEOINFOHEADER* pB)
+{
+    return pA->bmiHeader.biWidth == pB->bmiHeader.biWidth && AbsHeight(pA) == AbsHeight(pB);
+}
+
+// The overlays are sized to the largest frame the camera offers, so that
+// every format of the camera fits them.
+SIZE_T LargestFrameBytes(const FormatTables& formats)
+{
+    SIZE_T largest = 0;
+    for (ULONG i = 0; formats.m_pCaptureTable != nullptr && i < formats.m_nCaptureTable; ++i) {
+        const KS_BITMAPINFOHEADER& bmi = formats.m_pCaptureTable[i].VideoInfoHeader.bmiHeader;
+        const LONG height = bmi.biHeight < 0 ? -bmi.biHeight : bmi.biHeight;
+        const SIZE_T bytes = static_cast<SIZE_T>(static_cast<ULONG>(bmi.biWidth)) * static_cast<ULONG>(height) * 3;
+        if (bytes > largest) largest = bytes;
+    }
+    return largest;
+}
+
 }  // namespace
 
 FrameLoop::FrameLoop()
@@ -118,8 +146,10 @@ FrameLoop::FrameLoop()
       m_FrameSeen(0),
       m_BadFrames(0),
       m_JpegFailures(0),
-      m_NoBufferFrames(0)
+      m_NoBufferFrames(0),
+      m_PhotoFrames()
 {
+    InitPhotoFrameState(&m_PhotoFrames, 0);
 }
 
 void FrameLoop::ResetCounters()
@@ -144,6 +174,7 @@ public:
           m_Loop(pDevice->m_FrameLoop),
           m_pHeld(nullptr)
     {
+        InitPhotoFrameState(&m_Loop.m_PhotoFrames, LargestFrameBytes(pDevice->m_Formats));
     }
 
     void Run();
@@ -156,6 +187,13 @@ private:
     void DeliverUncompressed(Delivery& delivery, bool rgbOutput);
     void RgbStages(const Stages& s);
     void ToOutput(Delivery& delivery, bool isRgb, ULONG dataUsed);
+    void WriteStillPicture(bool isRgb);
+    // The buffer the YUY2 reflection effect writes its result into before it
+    // copies it back into work buffer A: work buffer B, which is free at
+    // that stage. (The client's buffer would serve as well for a capture
+    // frame, but a still's buffer may be smaller than the frame.)
+    PUCHAR YuyvEffectScratch() const { return m_Stream.m_pWorkBufferB; }
+    void ScaleStill(Delivery& delivery, bool isRgb);
     void Finish(Delivery& delivery, ULONG dataUsed);
     void FillHeader(Delivery& delivery, ULONG dataUsed);
     void ClearTrackingWhereItCannotRun();
@@ -184,7 +222,7 @@ void FrameWorker::Run()
                 KsStreamPointerUnlock(m_pHeld, FALSE);
                 m_pHeld = nullptr;
             }
-            ReleasePhotoFrames();
+            ReleasePhotoFrames(&m_Loop.m_PhotoFrames);
             KeSetEvent(&m_Stream.m_ThreadExitEvent, IO_NO_INCREMENT, FALSE);
             return;
         }
@@ -238,8 +276,8 @@ bool FrameWorker::TakeDelivery(Delivery* pDelivery)
     PKSSTREAM_POINTER pPointer = nullptr;
     if (pStill != nullptr) {
         m_pDevice->m_SelfTimer.m_StillRequest = 0;
-        auto* pStillFormat = reinterpret_cast<PKS_DATAFORMAT_VIDEOINFOHEADER>(pStill->ConnectionFormat);
-        const ULONG stillSize = pStillFormat->VideoInfoHeader.bmiHeader.biSizeImage;
+        const PKS_VIDEOINFOHEADER pStillFormat = static_cast<StillPinContext*>(pStill->Context)->pFormat;
+        const ULONG stillSize = pStillFormat->bmiHeader.biSizeImage;
         pPointer = KsPinGetLeadingEdgeStreamPointer(pStill, KSSTREAM_POINTER_STATE_LOCKED);
         while (pPointer != nullptr && pPointer->StreamHeader != nullptr &&
                pPointer->StreamHeader->FrameExtent < stillSize) {
@@ -250,7 +288,7 @@ bool FrameWorker::TakeDelivery(Delivery* pDelivery)
                 pPointer = nullptr;
             }
         }
-        pDelivery->pFormat = &pStillFormat->VideoInfoHeader;
+        pDelivery->pFormat = pStillFormat;
         pDelivery->still = true;
     } else {
         pPointer = m_pHeld != nullptr ? m_pHeld
@@ -335,7 +373,7 @@ void FrameWorker::DeliverUncompressed(Delivery& delivery, bool rgbOutput)
     PUCHAR pA = m_Stream.m_pWorkBufferA;
     PUCHAR pB = m_Stream.m_pWorkBufferB;
     const Stages s = ReadStages(m_pDevice);
-    if (delivery.extent < (rgbOutput ? rgbSize : yuy2Size)) {
+    if (delivery.extent < OutputBytes(delivery.pFormat)) {
         Finish(delivery, 0);
         return;
     }
@@ -346,12 +384,15 @@ void FrameWorker::DeliverUncompressed(Delivery& delivery, bool rgbOutput)
     }
     bool isRgb = false;
     if (!rgbOutput) {
+        if (delivery.still) {
+            GenerateStillEvent(m_pDevice->m_pKsDevice);
+        }
         if (s.flip || s.mirror) {
             RtlCopyMemory(pB, pA, yuy2Size);
             FlipMirrorYuy2(pB, pA, m_Width, m_Height, s.flip, s.mirror);
         }
         if (m_Width <= kMaxProcessingWidth && IsYuy2Effect(s.effect)) {
-            ApplySpecialEffect(s.effect, m_Width, m_Height, delivery.pOutput, pA);
+            ApplySpecialEffect(s.effect, m_Width, m_Height, YuyvEffectScratch(), pA);
         }
         if (NeedsRgbStages(s)) {
             RtlCopyMemory(pB, pA, yuy2Size);
@@ -361,12 +402,15 @@ void FrameWorker::DeliverUncompressed(Delivery& delivery, bool rgbOutput)
         }
     } else {
         if (m_Width <= kMaxProcessingWidth && IsYuy2Effect(s.effect)) {
-            ApplySpecialEffect(s.effect, m_Width, m_Height, delivery.pOutput, pA);
+            ApplySpecialEffect(s.effect, m_Width, m_Height, YuyvEffectScratch(), pA);
         }
         RtlCopyMemory(pB, pA, yuy2Size);
         Yuy2ToRgb24(pB, m_Width * 2, pA, m_Width * 3, m_Width, m_Height);
         MirrorInPlace(pA, static_cast<LONG>(m_Width * 3), m_Width, m_Height, 0);
         isRgb = true;
+        if (delivery.still) {
+            GenerateStillEvent(m_pDevice->m_pKsDevice);
+        }
         if (s.flip || s.mirror) {
             RtlCopyMemory(pB, pA, rgbSize);
             FlipMirrorRgb(pB, pA, m_Width, m_Height, s.flip, s.mirror);
@@ -376,7 +420,11 @@ void FrameWorker::DeliverUncompressed(Delivery& delivery, bool rgbOutput)
         RgbStages(s);
     }
     if (delivery.still) {
-        WriteSnapshotFile(pA, m_Width, m_Height);
+        WriteStillPicture(isRgb);
+        if (!SameSize(delivery.pFormat, m_pContext->pFormat)) {
+            ScaleStill(delivery, isRgb);
+            return;
+        }
     }
     ToOutput(delivery, isRgb, rgbOutput ? rgbSize : yuy2Size);
 }
@@ -393,7 +441,8 @@ void FrameWorker::RgbStages(const Stages& s)
             ApplySpecialEffect(s.effect, m_Width, m_Height, pA, nullptr);
         }
         if (s.photoFrame != 0) {
-            OverlayPhotoFrame(s.photoFrame, m_Width, m_Height, pA);
+            ApplyPhotoFrame(&m_Loop.m_PhotoFrames, static_cast<ULONG>(s.photoFrame), m_Width, m_Height, pA,
+                            &m_pDevice->m_Requests.m_SpecialFrameReload);
         }
     }
     if (s.tracking != 0) {
@@ -405,12 +454,65 @@ void FrameWorker::RgbStages(const Stages& s)
         }
     }
     if (s.countdown > 0 && (m_pContext->StillPinExists() || m_pDevice->m_SelfTimer.m_CountdownDisplay != 0)) {
-        OverlayCountdown(s.countdown, m_Width, m_Height, pA);
+        ApplyCountdownPicture(&m_Loop.m_PhotoFrames, s.countdown, m_Width, m_Height, pA);
     }
     if (s.rotate != 0) {
         RtlCopyMemory(pB, pA, rgbSize);
         RotateFrame(s.rotate, m_Width, m_Height, pA, pB);
     }
+}
+
+// A still is also written as "snapshot.bmp": the picture as it leaves the
+// stages, bottom-up RGB. A frame that stayed YUY2 is converted into work
+// buffer B for the file (the file always holds a picture, never raw YUY2).
+void FrameWorker::WriteStillPicture(bool isRgb)
+{
+    const UCHAR* pPicture = m_Stream.m_pWorkBufferA;
+    if (!isRgb) {
+        Yuy2ToRgb24(m_Stream.m_pWorkBufferA, m_Width * 2, m_Stream.m_pWorkBufferB, m_Width * 3, m_Width, m_Height);
+        MirrorInPlace(m_Stream.m_pWorkBufferB, static_cast<LONG>(m_Width * 3), m_Width, m_Height, kMirrorAxisRows);
+        pPicture = m_Stream.m_pWorkBufferB;
+    }
+    SaveSnapshot(pPicture, m_Width, m_Height);
+}
+
+// A still format of another size than the stream's: the picture is taken to
+// RGB, resized and put into the still's format (RGB24 or YUY2, the still
+// formats the camera's descriptors give). Without the scratch buffers no
+// picture is delivered, rather than a picture of the wrong size.
+void FrameWorker::ScaleStill(Delivery& delivery, bool isRgb)
+{
+    const KS_VIDEOINFOHEADER* pStill = delivery.pFormat;
+    const ULONG stillWidth = static_cast<ULONG>(pStill->bmiHeader.biWidth);
+    const ULONG stillHeight = AbsHeight(pStill);
+    const SIZE_T captureBytes = static_cast<SIZE_T>(m_Width) * m_Height * 3;
+    const SIZE_T stillBytes = static_cast<SIZE_T>(stillWidth) * stillHeight * 3;
+    const SIZE_T scratchBytes = captureBytes > stillBytes ? captureBytes : stillBytes;
+    auto* pSource = static_cast<PUCHAR>(ExAllocatePoolWithTag(NonPagedPool, scratchBytes, kTagWork));
+    auto* pScaled = static_cast<PUCHAR>(ExAllocatePoolWithTag(NonPagedPool, scratchBytes, kTagWork));
+    ULONG dataUsed = 0;
+    if (pSource != nullptr && pScaled != nullptr && stillWidth >= 1 && stillHeight >= 1) {
+        if (isRgb) {
+            RtlCopyMemory(pSource, m_Stream.m_pWorkBufferA, captureBytes);
+        } else {
+            Yuy2ToRgb24(m_Stream.m_pWorkBufferA, m_Width * 2, pSource, m_Width * 3, m_Width, m_Height);
+            MirrorInPlace(pSource, static_cast<LONG>(m_Width * 3), m_Width, m_Height, kMirrorAxisRows);
+        }
+        const ResizeSource source = {pSource, m_Width, m_Height, 0, 0, static_cast<LONG>(m_Width - 1),
+                                     static_cast<LONG>(m_Height - 1)};
+        const ResizeDestination destination = {pScaled, stillWidth, stillHeight};
+        ResizeBilinear(&source, &destination, 3);
+        if (pStill->bmiHeader.biCompression == 0) {
+            RtlCopyMemory(delivery.pOutput, pScaled, stillBytes);
+            dataUsed = static_cast<ULONG>(stillBytes);
+        } else if (pStill->bmiHeader.biCompression == kFourccYuy2) {
+            Rgb24ToYuy2BottomUp(pScaled, stillWidth * 3, delivery.pOutput, stillWidth * 2, stillWidth, stillHeight);
+            dataUsed = stillWidth * stillHeight * 2;
+        }
+    }
+    FreeTagged(pSource, kTagWork);
+    FreeTagged(pScaled, kTagWork);
+    Finish(delivery, dataUsed);
 }
 
 // Work buffer A into the client's buffer in the output format.

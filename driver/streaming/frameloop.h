@@ -6,6 +6,7 @@
 // due) and fills the stream header.
 #pragma once
 #include "wdk.h"
+#include "imaging/photoframes.h"
 
 class CCaptureDevice;
 struct CapturePinContext;
@@ -37,4 +38,6 @@ public:
     ULONG m_BadFrames;
     ULONG m_JpegFailures;
     ULONG m_NoBufferFrames;
+    // The photo-frame and countdown overlays of the running stream.
+    PhotoFrameState m_PhotoFrames;
 };

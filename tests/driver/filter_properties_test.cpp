@@ -15,7 +15,7 @@ namespace {
 using namespace stream_rig;
 
 const GUID kDriverControl = kvharness::kPropsetDriverControl;
-constexpr NTSTATUS kCountdownRunning = static_cast<NTSTATUS>(0xC00000C1);
+
 
 using kvharness::Tunnel;
 using kvharness::TunnelRequest;
@@ -185,7 +185,7 @@ TEST_F(FilterProperties, TheTriggerTakesAStillOrStartsTheSelfTimer)
     rig.Dev().m_Settings.m_Property->Slot[SLOT_SELF_TIMER] = 3;
     EXPECT_EQ(trigger(), STATUS_SUCCESS);
     EXPECT_EQ(timer.m_CountdownCounter, 3);
-    EXPECT_EQ(trigger(), kCountdownRunning);
+    EXPECT_EQ(trigger(), kStatusCountdownRunning);
     EXPECT_EQ(timer.m_StillRequest, 0u);
     timer.CancelCountdown();
 }

@@ -19,11 +19,12 @@ struct CaptureOffer {
     ULONG ImageSize() const { return format.VideoInfoHeader.bmiHeader.biSizeImage; }
 };
 
-inline std::vector<CaptureOffer> CaptureOffers(kvsim::client::Filter& filter)
+// The offers of pin `pinId` (the capture pin's or the still pin's).
+inline std::vector<CaptureOffer> PinOffers(kvsim::client::Filter& filter, ULONG pinId)
 {
     std::vector<std::vector<uint8_t>> ranges;
     std::vector<CaptureOffer> offers;
-    if (filter.PinDataRanges(KV_PIN_CAPTURE, &ranges) != STATUS_SUCCESS) return offers;
+    if (filter.PinDataRanges(pinId, &ranges) != STATUS_SUCCESS) return offers;
     for (const auto& bytes : ranges) {
         if (bytes.size() < sizeof(KS_DATARANGE_VIDEO)) continue;
         CaptureOffer o{};
@@ -34,6 +35,11 @@ inline std::vector<CaptureOffer> CaptureOffers(kvsim::client::Filter& filter)
         offers.push_back(o);
     }
     return offers;
+}
+
+inline std::vector<CaptureOffer> CaptureOffers(kvsim::client::Filter& filter)
+{
+    return PinOffers(filter, KV_PIN_CAPTURE);
 }
 
 }  // namespace kvharness

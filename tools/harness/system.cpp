@@ -9,6 +9,8 @@
 #include <iterator>
 #include <string_view>
 
+#include <unistd.h>
+
 #include "camera/uvc_spec.h"
 #include "kvsim/diag.h"
 #include "kvsim/devinterface.h"
@@ -77,9 +79,7 @@ bool System::Boot()
     }
     kvsim::SetDebugEcho(options_.echoDebug);
     firstMessage_ = kvsim::DebugMessages().size();
-    if (!options_.systemRoot.empty()) {
-        kvsim::MapRoot("\\SystemRoot", options_.systemRoot);
-    }
+    MapSystemRoot();
     if (!LoadRegistry()) {
         return false;
     }
@@ -212,6 +212,30 @@ std::vector<std::string> System::DebugMessages() const
     return std::vector<std::string>(all.begin() + static_cast<std::ptrdiff_t>(firstMessage_), all.end());
 }
 
+// "\SystemRoot" with the driver's pictures: linked from the build's pictures
+// folder (copying 17 full-size bitmaps for every boot would be waste); a
+// file already there (a user's own "3_640_480.bmp", say) is kept.
+void System::MapSystemRoot()
+{
+    std::string root = options_.systemRoot;
+    std::error_code ec;
+    if (root.empty()) {
+        static int serial = 0;
+        root = (std::filesystem::temp_directory_path() /
+                ("kvsim-systemroot-" + std::to_string(::getpid()) + "-" + std::to_string(++serial)))
+                   .string();
+        std::filesystem::create_directories(root, ec);
+        temporaryRoot_ = root;
+    }
+    kvsim::MapRoot("\\SystemRoot", root);
+#ifdef KV_PICTURES_DIR
+    for (const auto& entry : std::filesystem::directory_iterator(KV_PICTURES_DIR, ec)) {
+        const std::filesystem::path target = std::filesystem::path(root) / entry.path().filename();
+        if (!std::filesystem::exists(target, ec)) std::filesystem::create_symlink(entry.path(), target, ec);
+    }
+#endif
+}
+
 bool System::Shutdown()
 {
     if (shutDown_) {
@@ -238,8 +262,11 @@ bool System::Shutdown()
             errors_.push_back(options_.registryFile + ": cannot be written");
         }
     }
-    if (!options_.systemRoot.empty()) {
-        kvsim::UnmapAllRoots();
+    kvsim::UnmapAllRoots();
+    if (!temporaryRoot_.empty()) {
+        std::error_code ec;
+        std::filesystem::remove_all(temporaryRoot_, ec);
+        temporaryRoot_.clear();
     }
     kvsim::SetDebugEcho(false);
     return saved;

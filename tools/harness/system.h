@@ -51,7 +51,11 @@ struct SystemOptions {
     // The scheduler's mode; nullopt: as chosen already (KVSIM_MODE, or
     // Virtual). It can only be chosen before the simulation is first used.
     std::optional<kvsim::ClockMode> clock;
-    std::string systemRoot;    // host folder for "\SystemRoot"; empty: not mapped
+    // Host folder for "\SystemRoot"; empty: a temporary folder, removed at
+    // Shutdown. Either way the driver's pictures (photo frames, countdown)
+    // are installed into it where missing, as the driver's package installs
+    // them beside Windows.
+    std::string systemRoot;
     std::string registryFile;  // .reg file loaded before and saved after; empty: none
     // The camera's descriptors; nullopt: the built-in default camera.
     std::optional<kvsim::camera::DescriptorSet> camera;
@@ -101,6 +105,7 @@ public:
 
 private:
     bool LoadRegistry();
+    void MapSystemRoot();
     void InstallServiceKeys();
     bool PlugCamera();
     void StartDevice();
@@ -111,6 +116,7 @@ private:
     size_t firstMessage_ = 0;
     bool booted_ = false;
     bool registryLoaded_ = false;  // the hive may be saved back
+    std::string temporaryRoot_;    // the "\SystemRoot" folder made for this run
     bool added_ = false;
     bool shutDown_ = false;
     NTSTATUS startStatus_ = STATUS_UNSUCCESSFUL;

@@ -19,6 +19,7 @@
 #include "json.h"
 #include "media_files.h"
 #include "system_options.h"
+#include "stream_events.h"
 #include "tunnel.h"
 
 namespace kvcam {
@@ -52,6 +53,9 @@ struct StreamOptions {
     std::string source;
     std::vector<std::pair<std::string, std::string>> settings;  // --set NAME=VALUE, in order
     bool savedSettings = false;  // --registry: the driver loads its saved settings at set-up
+    std::vector<ButtonPacket> buttons;  // --button-at
+    std::vector<LONGLONG> triggers;     // --trigger-at, 100 ns after the start
+    std::string still;                  // --still FILE.png
     bool json = false;
 };
 
@@ -128,6 +132,15 @@ std::string ParseStreamOptions(std::span<const std::string_view> args, StreamOpt
             o.snapshot = std::string(v);
         } else if (a == "--source") {
             o.source = std::string(v);
+        } else if (a == "--button-at") {
+            std::string problem = ParseButtonAt(v, o.buttons);
+            if (!problem.empty()) return problem;
+        } else if (a == "--trigger-at") {
+            LONGLONG at = 0;
+            if (!ParseEventTime(v, &at)) return "--trigger-at '" + std::string(v) + "' is not a time (e.g. 2s)";
+            o.triggers.push_back(at);
+        } else if (a == "--still") {
+            o.still = std::string(v);
         } else if (a == "--set") {
             const size_t eq = v.find('=');
             if (eq == std::string_view::npos || eq == 0) return "--set '" + std::string(v) + "' is not NAME=VALUE";
@@ -249,6 +262,9 @@ struct Summary {
     std::optional<KSPROPERTY_DROPPEDFRAMES_CURRENT_S> droppedProperty;
     LONGLONG firstTime = -1, lastTime = -1;
     double simulatedSeconds = 0, hostSeconds = 0;
+    size_t stillEvents = 0;     // still-button events the filter raised
+    size_t triggersRefused = 0; // software triggers refused (a countdown was running)
+    std::vector<std::string> stillFiles;
 };
 
 void PrintSummary(const Summary& s, bool json)
@@ -275,6 +291,9 @@ void PrintSummary(const Summary& s, bool json)
         }
         j["first_presentation_time_100ns"] = s.firstTime;
         j["last_presentation_time_100ns"] = s.lastTime;
+        j["still_events"] = s.stillEvents;
+        j["stills"] = s.stillFiles;
+        j["triggers_refused"] = s.triggersRefused;
         j["simulated_seconds"] = s.simulatedSeconds;
         j["host_seconds"] = s.hostSeconds;
         std::printf("%s\n", JsonText(j).c_str());
@@ -286,6 +305,12 @@ void PrintSummary(const Summary& s, bool json)
                  s.format.c_str(), s.width, s.height, s.delivered, static_cast<long long>(s.droppedByDriver),
                  s.badFrames, s.jpegFailures, s.noBuffer, s.startupSkipped, s.simulatedSeconds, simFps,
                  s.hostSeconds, hostFps);
+    if (s.stillEvents != 0 || !s.stillFiles.empty() || s.triggersRefused != 0) {
+        std::fprintf(stderr, "kvcam stream: %zu still-button events, %zu stills", s.stillEvents, s.stillFiles.size());
+        for (const std::string& file : s.stillFiles) std::fprintf(stderr, " %s", file.c_str());
+        if (s.triggersRefused != 0) std::fprintf(stderr, ", %zu triggers refused (a countdown ran)", s.triggersRefused);
+        std::fputc('\n', stderr);
+    }
 }
 
 void Progress(const Summary& s, bool terminal)
@@ -380,6 +405,14 @@ bool Stream(kvharness::System& system, const StreamOptions& o, Summary& summary)
         if (pin) pin->SetState(KSSTATE_STOP);
         return fail(text);
     }
+    StillSink stills;
+    if (!o.still.empty() && !stills.Open(system, offer.Width(), offer.Height(), o.still, &error)) {
+        pin->SetState(KSSTATE_STOP);
+        return fail(error);
+    }
+    StillEventCounter stillEvents;
+    stillEvents.Enable(*system.filter());
+    StreamTimeline timeline(o.buttons, o.triggers);
     const bool terminal = isatty(STDERR_FILENO) != 0 && !o.json;
     const LONGLONG start = kvsim::Now();
     const LONGLONG deadline = start + static_cast<LONGLONG>(o.seconds * kHundredNsPerSecond);
@@ -390,6 +423,12 @@ bool Stream(kvharness::System& system, const StreamOptions& o, Summary& summary)
     while (ok && (o.frames != 0 ? summary.delivered < o.frames : kvsim::Now() < deadline)) {
         // Without a frame for 10 s of the simulation's time the stream has
         // stopped for good.
+        timeline.Run(kvsim::Now() - start, system);
+        stillEvents.Poll();
+        if (!stills.Collect(&error)) {
+            ok = fail(error);
+            break;
+        }
         if (!pin->WaitForFrames(1, 10 * kHundredNsPerSecond)) {
             ok = fail("no frame for 10 seconds");
             break;
@@ -421,6 +460,12 @@ bool Stream(kvharness::System& system, const StreamOptions& o, Summary& summary)
         Progress(summary, terminal);
     }
     if (terminal) std::fputc('\n', stderr);
+    stillEvents.Poll();
+    if (ok && !stills.Collect(&error)) ok = fail(error);
+    stills.Close();
+    summary.stillEvents = stillEvents.count();
+    summary.stillFiles = stills.files();
+    summary.triggersRefused = timeline.triggersRefused();
     pin->SetState(KSSTATE_STOP);
     pin->CollectFrames();
     pin->Close();
@@ -448,7 +493,8 @@ void PrintStreamHelp()
     std::printf("usage: kvcam stream [--format yuy2|rgb24|mjpg|i420] [--size WxH] [--fps N]\n"
                 "                    [--frames N | --seconds S] [--output FILE.y4m|FILE.mjpeg]\n"
                 "                    [--png DIR [--png-every N]] [--snapshot FILE.png] [--source FILE|DIR]\n"
-                "                    [--set NAME=VALUE ...]\n"
+                "                    [--set NAME=VALUE ...] [--button-at T:KIND ...] [--trigger-at T ...]\n"
+                "                    [--still FILE.png]\n"
                 "                    [system options] [--json]\n\n"
                 "Streams from the camera through kvdrv's capture pin as a video application does (the\n"
                 "format chosen among those the pin offers, a master clock, buffers queued, run, frames\n"
@@ -468,6 +514,12 @@ void PrintStreamHelp()
                 "                       moving test pattern)\n"
                 "  --set NAME=VALUE     a setting through the driver-control property before the stream\n"
                 "                       runs (repeatable; names as kvcam get takes them)\n"
+                "  --button-at T:KIND   the camera's button at T (2s, 2.5, 500ms): press, release, click,\n"
+                "                       double or long (held 2.5 s), as status packets on its interrupt\n"
+                "                       endpoint (repeatable)\n"
+                "  --trigger-at T       the software trigger at T through the video-control MODE property\n"
+                "                       of the still stream (repeatable)\n"
+                "  --still FILE.png     opens the still pin; each still as FILE.png, FILE-2.png, ...\n"
                 "%s"
                 "  --json               print the summary as JSON\n\n"
                 "Play the result with, e.g., ffplay out.y4m.\n"
