@@ -7,6 +7,8 @@
 #pragma once
 #include "wdk.h"
 
+#include "imaging/effects.h"
+
 class CCaptureDevice;
 struct CapturePinContext;
 
@@ -37,4 +39,6 @@ public:
     ULONG m_BadFrames;
     ULONG m_JpegFailures;
     ULONG m_NoBufferFrames;
+    // The special effects' animation and grid, for this stream alone.
+    EffectState m_Effects;
 };
