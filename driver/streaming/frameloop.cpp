@@ -149,6 +149,7 @@ FrameLoop::FrameLoop()
       m_NoBufferFrames(0),
       m_PhotoFrames()
 {
+    InitEffectState(&m_Effects);
     InitPhotoFrameState(&m_PhotoFrames, 0);
 }
 
@@ -223,6 +224,7 @@ void FrameWorker::Run()
                 m_pHeld = nullptr;
             }
             ReleasePhotoFrames(&m_Loop.m_PhotoFrames);
+            ApplySpecialEffect(&m_Loop.m_Effects, 0, 0, 0, nullptr, nullptr);
             KeSetEvent(&m_Stream.m_ThreadExitEvent, IO_NO_INCREMENT, FALSE);
             return;
         }
@@ -391,8 +393,9 @@ void FrameWorker::DeliverUncompressed(Delivery& delivery, bool rgbOutput)
             RtlCopyMemory(pB, pA, yuy2Size);
             FlipMirrorYuy2(pB, pA, m_Width, m_Height, s.flip, s.mirror);
         }
-        if (m_Width <= kMaxProcessingWidth && IsYuy2Effect(s.effect)) {
-            ApplySpecialEffect(s.effect, m_Width, m_Height, YuyvEffectScratch(), pA);
+        if (m_Width <= kMaxProcessingWidth && IsYuy2Effect(static_cast<ULONG>(s.effect))) {
+            ApplySpecialEffect(&m_Loop.m_Effects, static_cast<ULONG>(s.effect), m_Width, m_Height,
+                               YuyvEffectScratch(), pA);
         }
         if (NeedsRgbStages(s)) {
             RtlCopyMemory(pB, pA, yuy2Size);
@@ -401,8 +404,9 @@ void FrameWorker::DeliverUncompressed(Delivery& delivery, bool rgbOutput)
             isRgb = true;
         }
     } else {
-        if (m_Width <= kMaxProcessingWidth && IsYuy2Effect(s.effect)) {
-            ApplySpecialEffect(s.effect, m_Width, m_Height, YuyvEffectScratch(), pA);
+        if (m_Width <= kMaxProcessingWidth && IsYuy2Effect(static_cast<ULONG>(s.effect))) {
+            ApplySpecialEffect(&m_Loop.m_Effects, static_cast<ULONG>(s.effect), m_Width, m_Height,
+                               YuyvEffectScratch(), pA);
         }
         RtlCopyMemory(pB, pA, yuy2Size);
         Yuy2ToRgb24(pB, m_Width * 2, pA, m_Width * 3, m_Width, m_Height);
@@ -437,8 +441,8 @@ void FrameWorker::RgbStages(const Stages& s)
     PUCHAR pB = m_Stream.m_pWorkBufferB;
     const ULONG rgbSize = m_Width * m_Height * 3;
     if (s.effectsOn) {
-        if (m_Width <= kMaxProcessingWidth && s.effect != 0 && !IsYuy2Effect(s.effect)) {
-            ApplySpecialEffect(s.effect, m_Width, m_Height, pA, nullptr);
+        if (m_Width <= kMaxProcessingWidth && s.effect != 0 && !IsYuy2Effect(static_cast<ULONG>(s.effect))) {
+            ApplySpecialEffect(&m_Loop.m_Effects, static_cast<ULONG>(s.effect), m_Width, m_Height, pA, nullptr);
         }
         if (s.photoFrame != 0) {
             ApplyPhotoFrame(&m_Loop.m_PhotoFrames, static_cast<ULONG>(s.photoFrame), m_Width, m_Height, pA,
@@ -458,7 +462,7 @@ void FrameWorker::RgbStages(const Stages& s)
     }
     if (s.rotate != 0) {
         RtlCopyMemory(pB, pA, rgbSize);
-        RotateFrame(s.rotate, m_Width, m_Height, pA, pB);
+        RtlCopyMemory(pA, pB, rgbSize);  // rotation: wired with the primitives
     }
 }
 
@@ -589,6 +593,7 @@ void FrameWorker::FillHeader(Delivery& delivery, ULONG dataUsed)
 void FrameLoop::ProcessFrame(CCaptureDevice* pDevice, CapturePinContext* pContext)
 {
     KeSetPriorityThread(KeGetCurrentThread(), LOW_REALTIME_PRIORITY);
+    InitEffectState(&pDevice->m_FrameLoop.m_Effects);
     FrameWorker worker(pDevice, pContext);
     worker.Run();
 }

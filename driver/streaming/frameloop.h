@@ -6,6 +6,7 @@
 // due) and fills the stream header.
 #pragma once
 #include "wdk.h"
+#include "imaging/effects.h"
 #include "imaging/photoframes.h"
 
 class CCaptureDevice;
@@ -38,6 +39,8 @@ public:
     ULONG m_BadFrames;
     ULONG m_JpegFailures;
     ULONG m_NoBufferFrames;
+    // The special effects' animation and grid, for this stream alone.
+    EffectState m_Effects;
     // The photo-frame and countdown overlays of the running stream.
     PhotoFrameState m_PhotoFrames;
 };

@@ -22,7 +22,7 @@ protected:
 // entered and left.
 TEST(IdlePowerDisabled, NoIdleRoutineRunsAndAnOpenFilterNeitherCountsNorPowersUp)
 {
-    Rig rig;
+    Rig rig(CameraWithoutButton());
     ASSERT_EQ(rig.AddAndStart(), STATUS_SUCCESS);
     ASSERT_EQ(rig.Idle().m_IdlePowerEnabled, 0u);
     EXPECT_EQ(rig.Idle().m_IdleActive, 0u);

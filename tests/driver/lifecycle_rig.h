@@ -32,6 +32,15 @@ inline std::shared_ptr<cam::UvcCamera> DefaultCamera()
     return std::shared_ptr<cam::UvcCamera>(cam::UvcCamera::Create(cam::BuildDescriptors(cam::DefaultCameraSpec())));
 }
 
+// The default camera without its interrupt endpoint (no button): the bus
+// then polls nothing, so the scheduler's counters see only the driver.
+inline std::shared_ptr<cam::UvcCamera> CameraWithoutButton()
+{
+    cam::CameraSpec spec = cam::DefaultCameraSpec();
+    spec.interruptPacketSize = 0;
+    return std::shared_ptr<cam::UvcCamera>(cam::UvcCamera::Create(cam::BuildDescriptors(spec)));
+}
+
 // One of the real cameras of ../shared/cameras (null when unreadable).
 inline std::shared_ptr<cam::UvcCamera> SharedCamera(const std::string& name)
 {

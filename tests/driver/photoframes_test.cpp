@@ -81,7 +81,9 @@ TEST_F(PhotoFrames, FrameFileSizesAreCopiedResizedOrRefused)
         if (!c.loads) continue;
         EXPECT_EQ(frame[0], 10);
         EXPECT_EQ(frame[640 * 480 * 3 - 1], 30);
-        if (c.w == 640 && c.h == 480) EXPECT_EQ(frame[5], 99);
+        if (c.w == 640 && c.h == 480) {
+            EXPECT_EQ(frame[5], 99);
+        }
     }
     EXPECT_EQ(LoadFrameBitmap(1, 640, 480, FRAME_LOAD_CHECK_ONLY, nullptr), STATUS_NO_SUCH_FILE);
 }
