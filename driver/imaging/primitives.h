@@ -1,16 +1,22 @@
 // The frame loop's pixel work: the two colour conversions between the
 // camera's YUY2 and the 24-bit RGB that video applications ask for, the
-// vertical turn of an RGB frame in place, and the flipped and mirrored copies
-// the picture settings ask for. Pure functions over caller buffers: no
-// allocation, callable at IRQL <= DISPATCH_LEVEL.
+// vertical turn of an RGB frame in place, the flipped and mirrored copies
+// the picture settings ask for, bilinear scaling and turning of RGB
+// pictures, the quarter turns of the rotation setting, and the small
+// buffer operations face detection builds on. Pure functions over caller
+// buffers: only AllocImageBuffer (and RotateFrame, through it) allocates.
+// Callable at IRQL <= DISPATCH_LEVEL.
 //
 // Byte orders: YUY2 is packed 4:2:2, one 4-byte group (Y0 U Y1 V) per two
 // pixels, rows top-down. RGB24 is three bytes per pixel in the order B, G, R
 // (Windows' RGB24 and libyuv's "RGB24").
 //
-// The two conversions have a scalar, an SSE2 and an AVX2 path, which give the
-// same bytes. InitPrimitives (DriverEntry) picks the fastest the processor
-// and the system support.
+// The two conversions and Resize have a scalar, an SSE2 and an AVX2 path,
+// which give the same bytes. InitPrimitives (DriverEntry) picks the fastest
+// the processor and the system support.
+//
+// The status-returning operations return STATUS_SUCCESS (0) or a negative
+// NTSTATUS, and on failure write nothing.
 #pragma once
 
 #include "wdk.h"
@@ -56,7 +62,101 @@ LONG MirrorInPlace(UCHAR* pImage, LONG step, ULONG width, ULONG height, int axis
 void FlipMirrorYuy2(const UCHAR* pSrc, UCHAR* pDst, ULONG w, ULONG h, bool flip, bool mirror);
 void FlipMirrorRgb(const UCHAR* pSrc, UCHAR* pDst, ULONG w, ULONG h, bool flip, bool mirror);
 
-// Which implementation the colour conversions use.
+// ---- picture geometry ---------------------------------------------------------
+// A region's size and a rectangle in pixels; an image is a pointer to its
+// first pixel, a step (bytes from one row to the next, positive here) and a
+// size.
+struct ImageSize {
+    LONG width;
+    LONG height;
+};
+struct ImageRect {
+    LONG x;
+    LONG y;
+    LONG width;
+    LONG height;
+};
+
+// The interpolation Resize and Rotate implement.
+constexpr int kInterpolationBilinear = 2;
+
+// ---- buffers ------------------------------------------------------------------
+// Work buffers for the picture operations, from nonpaged pool (tag "KVMI"),
+// the first byte aligned to kImageBufferAlignment so that vector loads of
+// any width start on their natural boundary. Null when the pool has no room
+// or size is 0. Free with FreeImageBuffer only.
+constexpr SIZE_T kImageBufferAlignment = 64;
+PVOID AllocImageBuffer(SIZE_T size);
+// Releases a buffer of AllocImageBuffer and clears the pointer (null: nothing).
+void FreeImageBufferBlock(PVOID pBuffer);
+template <typename T>
+void FreeImageBuffer(T*& pBuffer)
+{
+    FreeImageBufferBlock(const_cast<void*>(static_cast<const void*>(pBuffer)));
+    pBuffer = nullptr;
+}
+
+// `length` bytes; a negative length, or a null pointer with a positive
+// length, is STATUS_INVALID_PARAMETER. CopyBytes' buffers must not overlap.
+LONG CopyBytes(const void* pSource, void* pDestination, LONG length);
+LONG SetBytes(UCHAR value, void* pDestination, LONG length);
+LONG ZeroBytes(void* pDestination, LONG length);
+// Every pixel of a one-channel 8-bit region set to `value`.
+LONG SetImage(UCHAR value, UCHAR* pDestination, LONG step, ImageSize size);
+
+// ---- scaling and turning (8-bit, three channels) --------------------------------
+// Bytes of the work buffer Resize needs for these rectangles, into *pSize.
+// Only 3 channels and bilinear interpolation are implemented
+// (STATUS_NOT_SUPPORTED otherwise).
+LONG ResizeBufferSize(ImageRect sourceRect, ImageRect destinationRect, int channels, int interpolation,
+                      LONG* pSize);
+
+// Bilinear scaling. Destination pixel (i, j), counted from the corner of
+// destinationRect, shows the source point
+//     (i / xFactor + xShift, j / yFactor + yShift)
+// counted from the corner of sourceRect, with xFactor and yFactor the ratios
+// destination size / source size. At the borders the point is held inside
+// the rectangle: a point left of its first column takes the first column,
+// one right of its last column the last, and likewise for rows, so every
+// destination pixel is written and nothing outside sourceRect is read.
+// Passing shifts of 0.5 / factor - 0.5 centres the pixels (the picture's
+// edges meet), which is what a plain change of size wants.
+// Both rectangles must lie inside their images (the destination's rows
+// inside destinationStep); pWork holds ResizeBufferSize's bytes.
+// The weights are fixed point (8 bits between rows, 14 between columns,
+// rounded to nearest), so a result may differ from exact arithmetic by 1.
+LONG Resize(const UCHAR* pSource, ImageSize sourceSize, LONG sourceStep, ImageRect sourceRect, UCHAR* pDestination,
+            LONG destinationStep, ImageRect destinationRect, double xFactor, double yFactor, double xShift,
+            double yShift, int interpolation, UCHAR* pWork);
+
+// Turns the pixels of sourceRect by `angle` degrees about the source's origin
+// (its first pixel), then moves them by the shifts:
+//     x' =  x cos(angle) + y sin(angle) + xShift
+//     y' = -x sin(angle) + y cos(angle) + yShift
+// x to the right along a row, y to later rows. With the first row shown at
+// the top (a top-down picture), a positive angle turns counter-clockwise;
+// with the first row at the bottom (the bottom-up RGB frame), clockwise.
+// Each pixel of destinationRect (counted from the destination's origin)
+// whose point in the source lies inside sourceRect, its border included,
+// gets that point bilinearly; the others keep what they held. Multiples of
+// 90 degrees with whole-pixel shifts move pixels exactly, without
+// interpolation.
+LONG Rotate(const UCHAR* pSource, ImageSize sourceSize, LONG sourceStep, ImageRect sourceRect, UCHAR* pDestination,
+            LONG destinationStep, ImageRect destinationRect, double angle, double xShift, double yShift,
+            int interpolation);
+
+// The frame loop's rotation: the bottom-up RGB frame in pSource (rows of
+// Width * 3 bytes) turned into pDestination by `Rotate` quarter turns,
+// clockwise as the viewer sees the picture. The setting counts modulo 4
+// (4 is no turn, -1 three quarters, that is one the other way). A quarter
+// or three-quarter turn of a frame that is not square would not fit: the
+// picture is first shrunk so that its turned form fits, and shown centred
+// on black. STATUS_INSUFFICIENT_RESOURCES (destination = a copy of the
+// source) when the work buffers cannot be had; STATUS_INVALID_PARAMETER
+// (nothing written) for a null buffer or an empty or oversized frame.
+NTSTATUS RotateFrame(LONG Rotate, ULONG Width, ULONG Height, PUCHAR pDestination, const UCHAR* pSource);
+
+// Which implementation the colour conversions and Resize use.
 enum class PrimitivesPath { Scalar, Sse2, Avx2 };
 
 // Once, at PASSIVE_LEVEL, before the first conversion (DriverEntry): picks

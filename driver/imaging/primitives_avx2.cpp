@@ -1,4 +1,5 @@
-// AVX2 row kernels of the colour conversions: 16 pixels per step. This unit
+// AVX2 row kernels of the colour conversions (16 pixels per step) and of
+// Resize's two passes (32 bytes and 8 pixels per step). This unit
 // alone is compiled for AVX2 (driver/CMakeLists.txt, driver/windows.cmake);
 // primitives.cpp calls it only on processors that have AVX2, inside a save
 // of the AVX state. The arithmetic is the SSE2 kernels' (see there for why
@@ -114,7 +115,72 @@ void Bgr24ToYuy2(const unsigned char* pSrc, unsigned char* pDst)
     _mm256_storeu_si256(reinterpret_cast<__m256i*>(pDst), out);
 }
 
+// ---- Resize ------------------------------------------------------------------
+// The arithmetic of the SSE2 kernels (primitives_sse2.cpp), twice as wide.
+
+constexpr unsigned kBlendBlock = 32;
+constexpr unsigned kSampleBlock = 8;
+
+__m256i Blend16(const unsigned char* pA, const unsigned char* pB, __m256i weightA, __m256i weightB)
+{
+    const __m256i a = _mm256_cvtepu8_epi16(_mm_loadu_si128(reinterpret_cast<const __m128i*>(pA)));
+    const __m256i b = _mm256_cvtepu8_epi16(_mm_loadu_si128(reinterpret_cast<const __m128i*>(pB)));
+    const __m256i sum = _mm256_add_epi16(_mm256_mullo_epi16(a, weightA), _mm256_mullo_epi16(b, weightB));
+    return _mm256_srli_epi16(sum, kRowBlendShift);
+}
+
+// Two destination pixels, one per lane, their channels in 32-bit lanes 0..2.
+__m256i SampleTaps(const short* pRow, const ColumnTap* pTap)
+{
+    const __m256i v = _mm256_set_m128i(_mm_loadu_si128(reinterpret_cast<const __m128i*>(pRow + pTap[1].offset)),
+                                       _mm_loadu_si128(reinterpret_cast<const __m128i*>(pRow + pTap[0].offset)));
+    const __m256i pairs = _mm256_unpacklo_epi16(v, _mm256_srli_si256(v, 2 * kResizeChannels));
+    const __m256i weights = _mm256_set_m128i(_mm_set1_epi32(pTap[1].weights), _mm_set1_epi32(pTap[0].weights));
+    const __m256i sum = _mm256_madd_epi16(pairs, weights);
+    return _mm256_srai_epi32(_mm256_add_epi32(sum, _mm256_set1_epi32(kColumnRound)), kColumnShift);
+}
+
 }  // namespace
+
+unsigned BlendRowsAvx2(const unsigned char* pA, const unsigned char* pB, short* pOut, unsigned count, int fy)
+{
+    const __m256i weightA = _mm256_set1_epi16(static_cast<short>(kRowWeightOne - fy));
+    const __m256i weightB = _mm256_set1_epi16(static_cast<short>(fy));
+    const unsigned blocks = count / kBlendBlock;
+    for (unsigned i = 0; i < blocks; ++i) {
+        const unsigned at = i * kBlendBlock;
+        __m256i* pTo = reinterpret_cast<__m256i*>(pOut + at);
+        _mm256_storeu_si256(pTo, Blend16(pA + at, pB + at, weightA, weightB));
+        _mm256_storeu_si256(pTo + 1, Blend16(pA + at + 16, pB + at + 16, weightA, weightB));
+    }
+    return blocks * kBlendBlock;
+}
+
+unsigned SampleColumnsAvx2(const short* pRow, const ColumnTap* pTaps, unsigned char* pDst, unsigned width)
+{
+    const unsigned blocks = width / kSampleBlock;
+    // After the packs, lane 0 holds pixels 0 2 4 6 and lane 1 pixels
+    // 1 3 5 7 (4 bytes each): the permutation puts them in order, the
+    // shuffle drops each fourth byte.
+    const __m256i order = _mm256_setr_epi32(0, 4, 1, 5, 2, 6, 3, 7);
+    const __m256i drop = Lanes(0, 1, 2, 4, 5, 6, 8, 9, 10, 12, 13, 14, Z, Z, Z, Z);
+    for (unsigned i = 0; i < blocks; ++i) {
+        const ColumnTap* pTap = pTaps + i * kSampleBlock;
+        const __m256i p01 = SampleTaps(pRow, pTap);
+        const __m256i p23 = SampleTaps(pRow, pTap + 2);
+        const __m256i p45 = SampleTaps(pRow, pTap + 4);
+        const __m256i p67 = SampleTaps(pRow, pTap + 6);
+        const __m256i bytes = _mm256_packus_epi16(_mm256_packs_epi32(p01, p23), _mm256_packs_epi32(p45, p67));
+        const __m256i packed = _mm256_shuffle_epi8(_mm256_permutevar8x32_epi32(bytes, order), drop);
+        unsigned char* pOut = pDst + i * kSampleBlock * kResizeChannels;
+        const __m128i high = _mm256_extracti128_si256(packed, 1);
+        // Bytes 12..15 of the first store are written again by the second.
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(pOut), _mm256_castsi256_si128(packed));
+        _mm_storel_epi64(reinterpret_cast<__m128i*>(pOut + 12), high);
+        _mm_storeu_si32(pOut + 20, _mm_srli_si128(high, 8));
+    }
+    return blocks * kSampleBlock;
+}
 
 unsigned Yuy2ToRgb24RowAvx2(const unsigned char* pSrc, unsigned char* pDst, unsigned width)
 {

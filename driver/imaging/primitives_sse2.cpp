@@ -1,4 +1,5 @@
-// SSE2 row kernels of the colour conversions. SSE2 is part of x64 itself:
+// SSE2 row kernels of the colour conversions and of Resize's two passes.
+// SSE2 is part of x64 itself:
 // no processor check, and x64 kernel code may use the XMM registers without
 // saving anything. SSE2 has no byte shuffle, so the 3-byte pixels are spread
 // and gathered with shifts and unpacks.
@@ -104,7 +105,58 @@ __m128i Yuy2Lanes(__m128i pixels)
     return _mm_srli_epi16(_mm_add_epi16(sum, offset), kRgbFractionBits);
 }
 
+// ---- Resize ------------------------------------------------------------------
+
+constexpr unsigned kBlendBlock = 16;  // bytes of each source row per step
+constexpr unsigned kSampleBlock = 4;  // destination pixels per step
+
+// One destination pixel: its three channels in 32-bit lanes 0..2 (lane 3 is
+// whatever the row held behind the pair, dropped when stored).
+__m128i SampleTap(const short* pRow, ColumnTap tap)
+{
+    const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(pRow + tap.offset));
+    // (c0, c0'), (c1, c1'), (c2, c2'): each channel beside its neighbour's.
+    const __m128i pairs = _mm_unpacklo_epi16(v, _mm_srli_si128(v, 2 * kResizeChannels));
+    const __m128i sum = _mm_madd_epi16(pairs, _mm_set1_epi32(tap.weights));
+    return _mm_srai_epi32(_mm_add_epi32(sum, _mm_set1_epi32(kColumnRound)), kColumnShift);
+}
+
 }  // namespace
+
+unsigned BlendRowsSse2(const unsigned char* pA, const unsigned char* pB, short* pOut, unsigned count, int fy)
+{
+    // The products reach 65280, past a signed lane, but wrap alike in the
+    // sum, which is at most 65280 again: the logical shift gives the
+    // scalar's unsigned result.
+    const __m128i weightA = _mm_set1_epi16(static_cast<short>(kRowWeightOne - fy));
+    const __m128i weightB = _mm_set1_epi16(static_cast<short>(fy));
+    const __m128i zero = _mm_setzero_si128();
+    const unsigned blocks = count / kBlendBlock;
+    for (unsigned i = 0; i < blocks; ++i) {
+        const __m128i a = _mm_loadu_si128(reinterpret_cast<const __m128i*>(pA + i * kBlendBlock));
+        const __m128i b = _mm_loadu_si128(reinterpret_cast<const __m128i*>(pB + i * kBlendBlock));
+        const __m128i lo = _mm_add_epi16(_mm_mullo_epi16(_mm_unpacklo_epi8(a, zero), weightA),
+                                         _mm_mullo_epi16(_mm_unpacklo_epi8(b, zero), weightB));
+        const __m128i hi = _mm_add_epi16(_mm_mullo_epi16(_mm_unpackhi_epi8(a, zero), weightA),
+                                         _mm_mullo_epi16(_mm_unpackhi_epi8(b, zero), weightB));
+        __m128i* pTo = reinterpret_cast<__m128i*>(pOut + i * kBlendBlock);
+        _mm_storeu_si128(pTo, _mm_srli_epi16(lo, kRowBlendShift));
+        _mm_storeu_si128(pTo + 1, _mm_srli_epi16(hi, kRowBlendShift));
+    }
+    return blocks * kBlendBlock;
+}
+
+unsigned SampleColumnsSse2(const short* pRow, const ColumnTap* pTaps, unsigned char* pDst, unsigned width)
+{
+    const unsigned blocks = width / kSampleBlock;
+    for (unsigned i = 0; i < blocks; ++i) {
+        const ColumnTap* pTap = pTaps + i * kSampleBlock;
+        const __m128i first = _mm_packs_epi32(SampleTap(pRow, pTap[0]), SampleTap(pRow, pTap[1]));
+        const __m128i second = _mm_packs_epi32(SampleTap(pRow, pTap[2]), SampleTap(pRow, pTap[3]));
+        Store4Pixels(pDst + i * kSampleBlock * kResizeChannels, _mm_packus_epi16(first, second));
+    }
+    return blocks * kSampleBlock;
+}
 
 unsigned Yuy2ToRgb24RowSse2(const unsigned char* pSrc, unsigned char* pDst, unsigned width)
 {

@@ -598,6 +598,7 @@ NTSTATUS CCapturePin::PauseToRun(CapturePinContext* pContext)
     pContext->StopByte = 0;
     pContext->StopValue = 0;
     pContext->Reserved = 0;
+    ResetDeadPixelState(&pContext->DeadPixels);
     // Cleared before the thread exists, so that a stop right after this
     // start waits for this thread, not for the last one's signal.
     KeClearEvent(&pDevice->m_Stream.m_ThreadExitEvent);
@@ -618,7 +619,6 @@ NTSTATUS CCapturePin::PauseToRun(CapturePinContext* pContext)
         DbgPrint("CCapturePin::IsoUsb_StartIsoStream return fail.\n");
         pDevice->m_Stream.IsoUsb_StopIsoStream(1);
     }
-    pContext->pDeadPixelTable = DeadPixelStart(static_cast<ULONG>(width), static_cast<ULONG>(height));
     return status;
 }
 

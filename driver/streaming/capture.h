@@ -6,6 +6,7 @@
 // it stops them and returns the interface to alternate setting 0.
 #pragma once
 #include "wdk.h"
+#include "imaging/deadpixel.h"
 
 class CCaptureDevice;
 
@@ -19,7 +20,7 @@ struct CapturePinContext {
     PKSPIN pKsPin;
     CCaptureDevice* pDevice;
     PVOID pThread;                 // the frame thread's object, referenced
-    PVOID pDeadPixelTable;
+    DeadPixelState DeadPixels;     // the frame thread's; reset before it starts
 
     // Whether the filter has a still pin now.
     bool StillPinExists() const;

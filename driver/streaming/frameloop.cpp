@@ -39,9 +39,10 @@ constexpr ULONG kOptionsWithClock =
     KSSTREAM_HEADER_OPTIONSF_SPLICEPOINT | KSSTREAM_HEADER_OPTIONSF_TIMEVALID | KSSTREAM_HEADER_OPTIONSF_DURATIONVALID;
 constexpr ULONG kTrackingPanZoom = 1;
 constexpr ULONG kTrackingFace = 2;
-// Dead-pixel correction's fixed arguments.
-constexpr ULONG kDeadPixelThreshold = 12;
-constexpr ULONG kDeadPixelMode = 0;
+// Dead-pixel correction's fixed arguments: the neighbourhood margin, and
+// luma (not chroma) samples.
+constexpr ULONG kDeadPixelMargin = 12;
+constexpr ULONG kDeadPixelChroma = 0;
 
 // Where one frame goes and in which format.
 struct Delivery {
@@ -381,8 +382,8 @@ void FrameWorker::DeliverUncompressed(Delivery& delivery, bool rgbOutput)
     }
     ReadReadyFrame(pA, m_Stream.m_pReadyBuffer, yuy2Size);
     if (s.deadPixel) {
-        DeadPixelCorrect(pA, m_pContext->pDeadPixelTable, m_Width, m_Height, m_Loop.m_FramesDelivered % 4,
-                         kDeadPixelThreshold, kDeadPixelMode);
+        CorrectDeadPixels(pA, &m_pContext->DeadPixels, m_Width, m_Height, m_Loop.m_FramesDelivered % kDeadPixelBands,
+                          kDeadPixelMargin, kDeadPixelChroma);
     }
     bool isRgb = false;
     if (!rgbOutput) {
@@ -452,7 +453,10 @@ void FrameWorker::RgbStages(const Stages& s)
     if (s.tracking != 0) {
         RtlCopyMemory(pB, pA, rgbSize);
         if (s.tracking == kTrackingPanZoom) {
-            PanZoomFrame(pA, m_pContext->pFormat->bmiHeader.biCompression, m_Width, m_Height);
+            // Wider frames have no work area.
+            if (m_Stream.m_pPanZoomWork != nullptr && m_pDevice->m_Settings.m_Property != nullptr) {
+                PanZoomFrame(m_Stream.m_pPanZoomWork, m_pDevice->m_Settings.m_Property, pA, kPanZoomRgbFrame);
+            }
         } else if (s.tracking == kTrackingFace) {
             FaceTrackFrame(pB, pA, m_Width, m_Height, m_pDevice->m_Settings.m_TrackingWindowSize);
         }
@@ -462,7 +466,7 @@ void FrameWorker::RgbStages(const Stages& s)
     }
     if (s.rotate != 0) {
         RtlCopyMemory(pB, pA, rgbSize);
-        RtlCopyMemory(pA, pB, rgbSize);  // rotation: wired with the primitives
+        kv::RotateFrame(s.rotate, m_Width, m_Height, pA, pB);
     }
 }
 

@@ -36,8 +36,7 @@ constexpr ULONG UrbRequestSize(ULONG Packets) { return 152 + 12 * Packets; }
 // included) and 12 bytes a packet.
 static_assert(UrbRequestSize(0) == sizeof(_URB_ISOCH_TRANSFER), "the isochronous request starts at 152 bytes");
 static_assert(sizeof(USBD_ISO_PACKET_DESCRIPTOR) == 12, "an isochronous packet descriptor is 12 bytes");
-// The pan-and-zoom work area beyond width x height x 9.
-constexpr ULONG kPanZoomSlack = 40000;
+// Pan and zoom runs on frames up to this width.
 constexpr ULONG kPanZoomMaxWidth = 1280;
 constexpr LONG kFrameSemaphoreLimit = 0x7fffffff;
 // Stop waits 3 s for the frame thread and 5 s for the transfers.
@@ -215,7 +214,8 @@ NTSTATUS IsoStream::AllocateStreamBuffers()
     }
     const ULONG pixels = m_Width * m_Height;
     if (m_Width <= kPanZoomMaxWidth) {
-        m_pPanZoomWork = static_cast<PUCHAR>(ExAllocatePoolWithTag(NonPagedPool, pixels * 9 + kPanZoomSlack, kTagWork));
+        m_pPanZoomWork = static_cast<PUCHAR>(
+            ExAllocatePoolWithTag(NonPagedPool, PanZoomWorkAreaSize(m_Width, m_Height), kTagWork));
         if (m_pPanZoomWork == nullptr || !NT_SUCCESS(PanZoomStart(m_pPanZoomWork, m_Width, m_Height))) {
             DbgPrint("IsoUsb_StartTransfer: failed to alloc pan and zoom area\n");
             return STATUS_INSUFFICIENT_RESOURCES;

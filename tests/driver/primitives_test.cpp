@@ -5,6 +5,9 @@
 // viewer expects it.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cmath>
+#include <limits>
 #include <random>
 #include <string>
 #include <vector>
@@ -284,5 +287,305 @@ INSTANTIATE_TEST_SUITE_P(
         return std::string(c.yuy2 ? "Yuy2" : "Rgb") + (c.flip ? "Flip" : "") + (c.mirror ? "Mirror" : "") +
                (!c.flip && !c.mirror ? "Copy" : "");
     });
+
+}  // namespace
+
+// ---- Resize, Rotate and the frame loop's quarter turns ---------------------------
+namespace {
+
+using kv::ImageRect;
+using kv::ImageSize;
+
+// Bilinear in double precision: destination (i, j) shows source point
+// (i / xf + xs, j / yf + ys), held inside the source.
+Bytes ReferenceResize(const Bytes& src, LONG step, LONG sw, LONG sh, LONG dw, LONG dh, double xs, double ys)
+{
+    const double xf = double(dw) / sw, yf = double(dh) / sh;
+    Bytes out(size_t(3) * dw * dh);
+    for (LONG j = 0; j < dh; ++j) {
+        const double sy = std::clamp(j / yf + ys, 0.0, double(sh - 1));
+        const LONG y0 = LONG(sy), y1 = std::min(y0 + 1, sh - 1);
+        for (LONG i = 0; i < dw; ++i) {
+            const double sx = std::clamp(i / xf + xs, 0.0, double(sw - 1));
+            const LONG x0 = LONG(sx), x1 = std::min(x0 + 1, sw - 1);
+            const double fx = sx - x0, fy = sy - y0;
+            for (int c = 0; c < 3; ++c) {
+                auto at = [&](LONG x, LONG y) { return double(src[size_t(y) * step + 3 * x + c]); };
+                const double v = (at(x0, y0) * (1 - fx) + at(x1, y0) * fx) * (1 - fy) +
+                                 (at(x0, y1) * (1 - fx) + at(x1, y1) * fx) * fy;
+                out[(size_t(j) * dw + i) * 3 + c] = UCHAR(std::lround(v));
+            }
+        }
+    }
+    return out;
+}
+
+struct ResizeCase {
+    LONG sw, sh, dw, dh;
+};
+void PrintTo(const ResizeCase& c, std::ostream* os) { *os << c.sw << "x" << c.sh << "to" << c.dw << "x" << c.dh; }
+
+class ResizeEveryPath : public testing::TestWithParam<ResizeCase> {
+protected:
+    void TearDown() override { kv::InitPrimitives(); }
+};
+
+// The source rectangle sits inside a larger picture whose frame of extreme
+// samples must not leak in; the destination rectangle inside a larger one
+// whose other pixels must stay. Centred pixels and plain i / factor.
+TEST_P(ResizeEveryPath, MatchesDoubleBilinearWithinOneAndGivesTheScalarBytes)
+{
+    const auto [sw, sh, dw, dh] = GetParam();
+    const LONG srcStep = 3 * (sw + 3) + 2, dstStep = 3 * (dw + 4) + 1;
+    const ImageSize srcSize{sw + 3, sh + 2};
+    const ImageRect srcRect{2, 1, sw, sh}, dstRect{3, 2, dw, dh};
+    Bytes src = RandomBytes(size_t(srcStep) * (sh + 2), sw * 7 + dh);
+    Bytes inside(size_t(srcStep) * sh);  // the rectangle alone, for the reference
+    for (LONG y = 0; y < sh; ++y) std::copy_n(&src[size_t(y + 1) * srcStep + 6], 3 * sw, &inside[size_t(y) * srcStep]);
+    LONG workSize = 0;
+    ASSERT_EQ(kv::ResizeBufferSize(srcRect, dstRect, 3, kv::kInterpolationBilinear, &workSize), STATUS_SUCCESS);
+    for (const bool centred : {true, false}) {
+        const double xf = double(dw) / sw, yf = double(dh) / sh;
+        const double xs = centred ? 0.5 / xf - 0.5 : 0, ys = centred ? 0.5 / yf - 0.5 : 0;
+        const Bytes expected = ReferenceResize(inside, srcStep, sw, sh, dw, dh, xs, ys);
+        Bytes scalar;
+        for (PrimitivesPath path : {PrimitivesPath::Scalar, PrimitivesPath::Sse2, PrimitivesPath::Avx2}) {
+            if (!kv::SetPrimitivesPathForTest(path)) continue;
+            Bytes dst(size_t(dstStep) * (dh + 3), kUntouched), work(workSize);
+            ASSERT_EQ(kv::Resize(src.data(), srcSize, srcStep, srcRect, dst.data(), dstStep, dstRect, xf, yf, xs, ys,
+                                 kv::kInterpolationBilinear, work.data()),
+                      STATUS_SUCCESS);
+            if (path == PrimitivesPath::Scalar) {
+                scalar = dst;
+                int worst = 0;
+                for (LONG j = 0; j < dh; ++j) {
+                    for (LONG k = 0; k < 3 * dw; ++k) {
+                        const int d = std::abs(int(dst[size_t(j + 2) * dstStep + 9 + k]) - expected[size_t(j) * 3 * dw + k]);
+                        worst = std::max(worst, d);
+                    }
+                }
+                EXPECT_LE(worst, 1) << (centred ? "centred" : "corner");
+                size_t touched = 0;
+                for (size_t i = 0; i < dst.size(); ++i) {
+                    const LONG row = LONG(i / dstStep), col = LONG(i % dstStep);
+                    const bool in = row >= 2 && row < 2 + dh && col >= 9 && col < 9 + 3 * dw;
+                    touched += !in && dst[i] != kUntouched;
+                }
+                EXPECT_EQ(touched, 0u) << "bytes written outside the destination rectangle";
+            } else {
+                EXPECT_TRUE(SameBytes(scalar, dst)) << Name(path) << (centred ? " centred" : " corner");
+            }
+        }
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Sizes, ResizeEveryPath,
+                         testing::Values(ResizeCase{1280, 720, 640, 480}, ResizeCase{640, 480, 480, 360},
+                                         ResizeCase{320, 240, 640, 480}, ResizeCase{7, 5, 13, 11},
+                                         ResizeCase{13, 11, 7, 5}, ResizeCase{1, 1, 5, 3}, ResizeCase{5, 3, 1, 1},
+                                         ResizeCase{33, 17, 101, 9}, ResizeCase{101, 3, 37, 8},
+                                         ResizeCase{64, 2, 65, 2}),
+                         [](const testing::TestParamInfo<ResizeCase>& info) {
+                             const ResizeCase& c = info.param;
+                             return std::to_string(c.sw) + "x" + std::to_string(c.sh) + "to" + std::to_string(c.dw) +
+                                    "x" + std::to_string(c.dh);
+                         });
+
+TEST(Primitives, ResizeAndRotateRefuseWhatTheyCannotDoWithoutWriting)
+{
+    Bytes src(3 * 4 * 4, 9), dst(3 * 4 * 4, kUntouched), work(4096);
+    const ImageSize size{4, 4};
+    const ImageRect whole{0, 0, 4, 4};
+    struct Case {
+        const char* name;
+        ImageRect srcRect, dstRect;
+        double factor, shift;  // the factor is Resize's only
+        int interpolation;
+        LONG expected;
+    };
+    const double nan = std::numeric_limits<double>::quiet_NaN();
+    const Case cases[] = {
+        {"source rectangle past the picture", {1, 0, 4, 4}, whole, 1, 0, 2, STATUS_INVALID_PARAMETER},
+        {"empty destination", whole, {0, 0, 0, 4}, 1, 0, 2, STATUS_INVALID_PARAMETER},
+        {"destination row past its step", whole, {1, 0, 4, 4}, 1, 0, 2, STATUS_INVALID_PARAMETER},
+        {"NaN shift", whole, whole, 1, nan, 2, STATUS_INVALID_PARAMETER},
+        {"nearest neighbour", whole, whole, 1, 0, 1, STATUS_NOT_SUPPORTED},
+    };
+    for (const Case& c : cases) {
+        EXPECT_EQ(kv::Resize(src.data(), size, 12, c.srcRect, dst.data(), 12, c.dstRect, c.factor, c.factor, c.shift,
+                             c.shift, c.interpolation, work.data()),
+                  c.expected)
+            << c.name;
+        EXPECT_EQ(kv::Rotate(src.data(), size, 12, c.srcRect, dst.data(), 12, c.dstRect, 90, c.shift, c.shift,
+                             c.interpolation),
+                  c.expected)
+            << c.name;
+    }
+    EXPECT_EQ(kv::Resize(src.data(), size, 12, whole, dst.data(), 12, whole, 0, 1, 0, 0, 2, work.data()),
+              STATUS_INVALID_PARAMETER)
+        << "zero factor";
+    EXPECT_EQ(dst, Bytes(dst.size(), kUntouched));
+    EXPECT_EQ(kv::RotateFrame(1, 0, 4, dst.data(), src.data()), STATUS_INVALID_PARAMETER);
+    EXPECT_EQ(kv::RotateFrame(1, 4, 4, nullptr, src.data()), STATUS_INVALID_PARAMETER);
+}
+
+// A picture of w x h pixels numbered from 1 in each pixel's three bytes
+// (B = low, G = high byte of the number, R = 7), bottom-up as the frame loop
+// holds it.
+Bytes NumberedFrame(ULONG w, ULONG h)
+{
+    Bytes frame(size_t(3) * w * h);
+    for (size_t p = 0; p < size_t(w) * h; ++p) {
+        frame[3 * p] = UCHAR(p + 1), frame[3 * p + 1] = UCHAR((p + 1) >> 8), frame[3 * p + 2] = 7;
+    }
+    return frame;
+}
+
+// Picture coordinates (x right, y down as the viewer sees it) of a
+// bottom-up frame's pixel.
+const UCHAR* Seen(const Bytes& frame, ULONG w, ULONG h, ULONG x, ULONG y)
+{
+    return &frame[(size_t(h - 1 - y) * w + x) * 3];
+}
+
+// Rotation turns clockwise as the viewer sees it, by the setting modulo 4;
+// every pixel moves exactly (a square frame, or a half turn of any frame).
+TEST(Primitives, RotateFrameTurnsClockwiseAsSeenAndMovesEveryPixelExactly)
+{
+    struct Case {
+        LONG setting;
+        ULONG w, h;
+        int clockwiseQuarters;
+    };
+    const Case cases[] = {{1, 6, 6, 1}, {2, 6, 6, 2}, {3, 6, 6, 3}, {4, 6, 6, 0},  {-1, 6, 6, 3},
+                          {5, 5, 5, 1}, {2, 7, 4, 2}, {-2, 9, 5, 2}, {0, 7, 4, 0}, {2, 1280, 720, 2}};
+    for (const Case& c : cases) {
+        const Bytes src = NumberedFrame(c.w, c.h);
+        Bytes dst(src.size(), kUntouched);
+        ASSERT_EQ(kv::RotateFrame(c.setting, c.w, c.h, dst.data(), src.data()), STATUS_SUCCESS) << c.setting;
+        for (ULONG y = 0; y < c.h; ++y) {
+            for (ULONG x = 0; x < c.w; ++x) {
+                // Where the viewer's (x, y) lands after the clockwise quarters.
+                ULONG tx = x, ty = y, side = c.w;
+                for (int q = 0; q < c.clockwiseQuarters; ++q) {
+                    const ULONG nx = (q % 2 == 0 ? c.h : c.w) - 1 - ty, ny = tx;
+                    tx = nx, ty = ny, side = side == c.w ? c.h : c.w;
+                }
+                const UCHAR* pWas = Seen(src, c.w, c.h, x, y);
+                const UCHAR* pNow = Seen(dst, c.w, c.h, tx, ty);
+                ASSERT_EQ(Bytes(pNow, pNow + 3), Bytes(pWas, pWas + 3))
+                    << "setting " << c.setting << " " << c.w << "x" << c.h << ": pixel " << x << "," << y;
+            }
+        }
+    }
+}
+
+// A quarter turn of 640 x 480 cannot fill the frame: the picture, shrunk to
+// 480 x 360 and turned, stands 360 wide in the middle, black on both sides.
+// The viewer's top-left block ends top-right (1) or bottom-left (3).
+TEST(Primitives, RotateFrameLetterboxesAQuarterTurnOfAWideFrame)
+{
+    constexpr ULONG w = 640, h = 480, side = 40;
+    Bytes src(size_t(3) * w * h, 100);
+    for (ULONG y = 0; y < side; ++y) {
+        for (ULONG x = 0; x < side; ++x) std::fill_n(const_cast<UCHAR*>(Seen(src, w, h, x, y)), 3, 250);
+    }
+    struct Case {
+        LONG setting;
+        ULONG blockX, blockY;  // the shrunk block's (30 x 30) corner, as seen
+    };
+    for (const Case c : {Case{1, 140 + 360 - 30, 0}, Case{3, 140, 480 - 30}}) {
+        Bytes reference;
+        for (PrimitivesPath path : {PrimitivesPath::Scalar, PrimitivesPath::Sse2, PrimitivesPath::Avx2}) {
+            if (!kv::SetPrimitivesPathForTest(path)) continue;
+            Bytes dst(src.size(), kUntouched);
+            ASSERT_EQ(kv::RotateFrame(c.setting, w, h, dst.data(), src.data()), STATUS_SUCCESS);
+            if (path != PrimitivesPath::Scalar) {
+                EXPECT_TRUE(SameBytes(reference, dst)) << Name(path);
+                continue;
+            }
+            reference = dst;
+            for (ULONG y = 0; y < h; ++y) {
+                for (ULONG x = 0; x < w; ++x) {
+                    const UCHAR v = *Seen(dst, w, h, x, y);
+                    const bool bar = x < 140 || x >= 500;
+                    const bool block = x >= c.blockX + 1 && x + 1 < c.blockX + 30 && y >= c.blockY + 1 &&
+                                       y + 1 < c.blockY + 30;
+                    const bool nearBlock = x + 1 >= c.blockX && x <= c.blockX + 30 && y + 1 >= c.blockY &&
+                                           y <= c.blockY + 30;
+                    if (bar) {
+                        ASSERT_EQ(v, 0) << "setting " << c.setting << " at " << x << "," << y;
+                    } else if (block) {
+                        ASSERT_EQ(v, 250) << "setting " << c.setting << " at " << x << "," << y;
+                    } else if (!nearBlock) {
+                        ASSERT_EQ(v, 100) << "setting " << c.setting << " at " << x << "," << y;
+                    }
+                }
+            }
+        }
+    }
+    kv::InitPrimitives();
+}
+
+// Without the work buffers the frame goes on unturned.
+TEST(Primitives, RotateFrameWithoutWorkBuffersLeavesTheFrameAsItWas)
+{
+    constexpr ULONG w = 64, h = 48;
+    const Bytes src = RandomBytes(3 * w * h, 3);
+    Bytes dst(src.size(), kUntouched);
+    kvsim::PoolFailTag(kvsim::PoolTag("KVMI"));
+    EXPECT_EQ(kv::RotateFrame(1, w, h, dst.data(), src.data()), STATUS_INSUFFICIENT_RESOURCES);
+    kvsim::PoolResetFaultInjection();
+    EXPECT_TRUE(SameBytes(src, dst));
+}
+
+// Any angle: a turned uniform picture keeps its colour up to its border
+// (nothing outside it is read), and pixels it does not reach keep theirs.
+// A hair off 90 degrees takes the interpolating path, which must agree
+// with the exact quarter turn.
+TEST(Primitives, RotateByAnyAngleAgreesWithTheQuarterTurnAndKeepsUnreachedPixels)
+{
+    constexpr LONG n = 21, step = 3 * n;
+    const ImageSize size{n, n};
+    const ImageRect whole{0, 0, n, n};
+    Bytes uniform(3 * n * n, 77), turned(3 * n * n, kUntouched);
+    // 45 degrees about the centre: x' = x c + y s + xs with the centre fixed.
+    const double r = 1 / std::sqrt(2.0), centre = (n - 1) / 2.0;
+    const double xs = centre - centre * r - centre * r, ys = centre + centre * r - centre * r;
+    ASSERT_EQ(kv::Rotate(uniform.data(), size, step, whole, turned.data(), step, whole, 45, xs, ys, 2), STATUS_SUCCESS);
+    EXPECT_EQ(turned[(10 * n + 10) * 3], 77) << "centre";
+    EXPECT_EQ(turned[(10 * n + 0) * 3], 77) << "middle of the left edge (a corner of the diamond)";
+    for (size_t corner : {size_t(0), size_t(n - 1), size_t(n * (n - 1)), size_t(n * n - 1)}) {
+        EXPECT_EQ(turned[corner * 3], kUntouched) << "corner pixel " << corner;
+    }
+    for (UCHAR v : turned) EXPECT_TRUE(v == 77 || v == kUntouched);
+
+    const Bytes src = RandomBytes(3 * n * n, 11);
+    Bytes exact(src.size(), 0), near(src.size(), 0);
+    ASSERT_EQ(kv::Rotate(src.data(), size, step, whole, exact.data(), step, whole, 90, 0, n - 1, 2), STATUS_SUCCESS);
+    ASSERT_EQ(kv::Rotate(src.data(), size, step, whole, near.data(), step, whole, 90.0000001, 0, n - 1, 2),
+              STATUS_SUCCESS);
+    EXPECT_TRUE(SameBytes(exact, near));
+}
+
+TEST(Primitives, ImageBuffersAreAlignedForVectorsAndReleasedWithTheirTag)
+{
+    for (SIZE_T size : {SIZE_T(1), SIZE_T(63), SIZE_T(4096), SIZE_T(640 * 480 * 3)}) {
+        auto* p = static_cast<UCHAR*>(kv::AllocImageBuffer(size));
+        ASSERT_NE(p, nullptr);
+        EXPECT_EQ(reinterpret_cast<uintptr_t>(p) % kv::kImageBufferAlignment, 0u);
+        EXPECT_EQ(kv::SetBytes(0x5A, p, LONG(size)), STATUS_SUCCESS);  // every byte is ours
+        EXPECT_EQ(kvsim::PoolStatsForTag(kvsim::PoolTag("KVMI")).currentCount, 1u);
+        kv::FreeImageBuffer(p);
+        EXPECT_EQ(p, nullptr);
+    }
+    EXPECT_EQ(kv::AllocImageBuffer(0), nullptr);
+    EXPECT_EQ(kv::ZeroBytes(nullptr, 4), STATUS_INVALID_PARAMETER);
+    EXPECT_EQ(kv::CopyBytes(nullptr, nullptr, -1), STATUS_INVALID_PARAMETER);
+    // SetImage writes the region's width of each row, not the step's padding.
+    Bytes grey(10 * 3, kUntouched);
+    EXPECT_EQ(kv::SetImage(0, grey.data(), 10, ImageSize{7, 3}), STATUS_SUCCESS);
+    for (size_t i = 0; i < grey.size(); ++i) EXPECT_EQ(grey[i], i % 10 < 7 ? 0 : kUntouched) << i;
+}
 
 }  // namespace
