@@ -22,6 +22,7 @@
 #include "imaging/primitives.h"
 #include "streaming/capture.h"
 #include "streaming/kvjp.h"
+#include "streaming/stages.h"
 #include "streaming/still.h"
 #include "pooltag.h"
 
@@ -31,18 +32,10 @@ namespace {
 
 // Every wait of the loop: 8 s.
 constexpr LONGLONG kFrameWait = -80000000LL;
-// Face tracking and effects run on frames up to this width.
-constexpr ULONG kMaxProcessingWidth = 1280;
 // The stream header with its frame-information extension.
 constexpr ULONG kHeaderWithFrameInfo = sizeof(KSSTREAM_HEADER) + sizeof(KS_FRAME_INFO);
 constexpr ULONG kOptionsWithClock =
     KSSTREAM_HEADER_OPTIONSF_SPLICEPOINT | KSSTREAM_HEADER_OPTIONSF_TIMEVALID | KSSTREAM_HEADER_OPTIONSF_DURATIONVALID;
-constexpr ULONG kTrackingPanZoom = 1;
-constexpr ULONG kTrackingFace = 2;
-// Dead-pixel correction's fixed arguments: the neighbourhood margin, and
-// luma (not chroma) samples.
-constexpr ULONG kDeadPixelMargin = 12;
-constexpr ULONG kDeadPixelChroma = 0;
 
 // Where one frame goes and in which format.
 struct Delivery {
@@ -51,19 +44,6 @@ struct Delivery {
     bool still;
     PUCHAR pOutput;
     ULONG extent;
-};
-
-// The settings a frame's stages read, taken once per frame.
-struct Stages {
-    bool effectsOn;
-    LONG effect;
-    LONG photoFrame;
-    ULONG tracking;
-    LONG countdown;
-    LONG rotate;
-    bool flip;
-    bool mirror;
-    bool deadPixel;
 };
 
 LONG Slot(const CCaptureDevice* pDevice, ULONG Index)
@@ -88,12 +68,6 @@ Stages ReadStages(const CCaptureDevice* pDevice)
     return s;
 }
 
-bool NeedsRgbStages(const Stages& s)
-{
-    return (s.effectsOn && (s.photoFrame != 0 || s.effect != 0)) || s.tracking != 0 || s.countdown > 0 ||
-           s.rotate != 0;
-}
-
 // The frame loop reads the ready buffer without the frame lock: a frame that
 // ends meanwhile may overwrite it, which the design accepts (the loop holds
 // at most one frame in hand). This is the one place that read happens.
@@ -113,6 +87,11 @@ ULONG OutputBytes(const KS_VIDEOINFOHEADER* pFormat)
 {
     const ULONG bytesPerPixel = pFormat->bmiHeader.biCompression == 0 ? 3 : 2;
     return static_cast<ULONG>(pFormat->bmiHeader.biWidth) * AbsHeight(pFormat) * bytesPerPixel;
+}
+
+void RaiseStillEvent(PVOID pKsDevice)
+{
+    GenerateStillEvent(static_cast<PKSDEVICE>(pKsDevice));
 }
 
 bool SameSize(const KS_VIDEOINFOHEADER* pA, const KS_VIDEOINFOHEADER* pB)
@@ -187,14 +166,8 @@ private:
     void ProcessOne(Delivery& delivery);
     void DeliverMjpeg(Delivery& delivery);
     void DeliverUncompressed(Delivery& delivery, bool rgbOutput);
-    void RgbStages(const Stages& s);
     void ToOutput(Delivery& delivery, bool isRgb, ULONG dataUsed);
     void WriteStillPicture(bool isRgb);
-    // The buffer the YUY2 reflection effect writes its result into before it
-    // copies it back into work buffer A: work buffer B, which is free at
-    // that stage. (The client's buffer would serve as well for a capture
-    // frame, but a still's buffer may be smaller than the frame.)
-    PUCHAR YuyvEffectScratch() const { return m_Stream.m_pWorkBufferB; }
     void ScaleStill(Delivery& delivery, bool isRgb);
     void Finish(Delivery& delivery, ULONG dataUsed);
     void FillHeader(Delivery& delivery, ULONG dataUsed);
@@ -373,57 +346,31 @@ void FrameWorker::DeliverUncompressed(Delivery& delivery, bool rgbOutput)
 {
     const ULONG yuy2Size = m_Width * m_Height * 2;
     const ULONG rgbSize = m_Width * m_Height * 3;
-    PUCHAR pA = m_Stream.m_pWorkBufferA;
-    PUCHAR pB = m_Stream.m_pWorkBufferB;
     const Stages s = ReadStages(m_pDevice);
     if (delivery.extent < OutputBytes(delivery.pFormat)) {
         Finish(delivery, 0);
         return;
     }
-    ReadReadyFrame(pA, m_Stream.m_pReadyBuffer, yuy2Size);
-    if (s.deadPixel) {
-        CorrectDeadPixels(pA, &m_pContext->DeadPixels, m_Width, m_Height, m_Loop.m_FramesDelivered % kDeadPixelBands,
-                          kDeadPixelMargin, kDeadPixelChroma);
+    ReadReadyFrame(m_Stream.m_pWorkBufferA, m_Stream.m_pReadyBuffer, yuy2Size);
+    StageContext context = {};
+    context.Width = m_Width;
+    context.Height = m_Height;
+    context.pA = m_Stream.m_pWorkBufferA;
+    context.pB = m_Stream.m_pWorkBufferB;
+    context.pEffects = &m_Loop.m_Effects;
+    context.pPhotoFrames = &m_Loop.m_PhotoFrames;
+    context.pDeadPixels = &m_pContext->DeadPixels;
+    context.DeadPixelPhase = m_Loop.m_FramesDelivered % kDeadPixelBands;
+    context.pPanZoomWork = m_Stream.m_pPanZoomWork;
+    context.pProperty = m_pDevice->m_Settings.m_Property;
+    context.pFrameReload = &m_pDevice->m_Requests.m_SpecialFrameReload;
+    context.TrackingWindowSize = m_pDevice->m_Settings.m_TrackingWindowSize;
+    context.ShowCountdown = m_pContext->StillPinExists() || m_pDevice->m_SelfTimer.m_CountdownDisplay != 0;
+    if (delivery.still) {
+        context.pfnStillEvent = RaiseStillEvent;
+        context.pStillEventContext = m_pDevice->m_pKsDevice;
     }
-    bool isRgb = false;
-    if (!rgbOutput) {
-        if (delivery.still) {
-            GenerateStillEvent(m_pDevice->m_pKsDevice);
-        }
-        if (s.flip || s.mirror) {
-            RtlCopyMemory(pB, pA, yuy2Size);
-            FlipMirrorYuy2(pB, pA, m_Width, m_Height, s.flip, s.mirror);
-        }
-        if (m_Width <= kMaxProcessingWidth && IsYuy2Effect(static_cast<ULONG>(s.effect))) {
-            ApplySpecialEffect(&m_Loop.m_Effects, static_cast<ULONG>(s.effect), m_Width, m_Height,
-                               YuyvEffectScratch(), pA);
-        }
-        if (NeedsRgbStages(s)) {
-            RtlCopyMemory(pB, pA, yuy2Size);
-            Yuy2ToRgb24(pB, m_Width * 2, pA, m_Width * 3, m_Width, m_Height);
-            MirrorInPlace(pA, static_cast<LONG>(m_Width * 3), m_Width, m_Height, 0);
-            isRgb = true;
-        }
-    } else {
-        if (m_Width <= kMaxProcessingWidth && IsYuy2Effect(static_cast<ULONG>(s.effect))) {
-            ApplySpecialEffect(&m_Loop.m_Effects, static_cast<ULONG>(s.effect), m_Width, m_Height,
-                               YuyvEffectScratch(), pA);
-        }
-        RtlCopyMemory(pB, pA, yuy2Size);
-        Yuy2ToRgb24(pB, m_Width * 2, pA, m_Width * 3, m_Width, m_Height);
-        MirrorInPlace(pA, static_cast<LONG>(m_Width * 3), m_Width, m_Height, 0);
-        isRgb = true;
-        if (delivery.still) {
-            GenerateStillEvent(m_pDevice->m_pKsDevice);
-        }
-        if (s.flip || s.mirror) {
-            RtlCopyMemory(pB, pA, rgbSize);
-            FlipMirrorRgb(pB, pA, m_Width, m_Height, s.flip, s.mirror);
-        }
-    }
-    if (isRgb) {
-        RgbStages(s);
-    }
+    const bool isRgb = RunPictureStages(s, context, rgbOutput);
     if (delivery.still) {
         WriteStillPicture(isRgb);
         if (!SameSize(delivery.pFormat, m_pContext->pFormat)) {
@@ -432,42 +379,6 @@ void FrameWorker::DeliverUncompressed(Delivery& delivery, bool rgbOutput)
         }
     }
     ToOutput(delivery, isRgb, rgbOutput ? rgbSize : yuy2Size);
-}
-
-// Effects, photo frame, tracking, countdown and rotation on the RGB frame
-// in work buffer A.
-void FrameWorker::RgbStages(const Stages& s)
-{
-    PUCHAR pA = m_Stream.m_pWorkBufferA;
-    PUCHAR pB = m_Stream.m_pWorkBufferB;
-    const ULONG rgbSize = m_Width * m_Height * 3;
-    if (s.effectsOn) {
-        if (m_Width <= kMaxProcessingWidth && s.effect != 0 && !IsYuy2Effect(static_cast<ULONG>(s.effect))) {
-            ApplySpecialEffect(&m_Loop.m_Effects, static_cast<ULONG>(s.effect), m_Width, m_Height, pA, nullptr);
-        }
-        if (s.photoFrame != 0) {
-            ApplyPhotoFrame(&m_Loop.m_PhotoFrames, static_cast<ULONG>(s.photoFrame), m_Width, m_Height, pA,
-                            &m_pDevice->m_Requests.m_SpecialFrameReload);
-        }
-    }
-    if (s.tracking != 0) {
-        RtlCopyMemory(pB, pA, rgbSize);
-        if (s.tracking == kTrackingPanZoom) {
-            // Wider frames have no work area.
-            if (m_Stream.m_pPanZoomWork != nullptr && m_pDevice->m_Settings.m_Property != nullptr) {
-                PanZoomFrame(m_Stream.m_pPanZoomWork, m_pDevice->m_Settings.m_Property, pA, kPanZoomRgbFrame);
-            }
-        } else if (s.tracking == kTrackingFace) {
-            FaceTrackFrame(pB, pA, m_Width, m_Height, m_pDevice->m_Settings.m_TrackingWindowSize);
-        }
-    }
-    if (s.countdown > 0 && (m_pContext->StillPinExists() || m_pDevice->m_SelfTimer.m_CountdownDisplay != 0)) {
-        ApplyCountdownPicture(&m_Loop.m_PhotoFrames, s.countdown, m_Width, m_Height, pA);
-    }
-    if (s.rotate != 0) {
-        RtlCopyMemory(pB, pA, rgbSize);
-        kv::RotateFrame(s.rotate, m_Width, m_Height, pA, pB);
-    }
 }
 
 // A still is also written as "snapshot.bmp": the picture as it leaves the
