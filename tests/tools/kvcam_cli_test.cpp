@@ -264,6 +264,10 @@ TEST_F(KvcamCli, ExitCodes)
         {{"stream", "--set", "Nope=1"}, 1, "--set: unknown setting 'Nope'"},
         {{"get"}, 2, "expected one setting"},
         {{"set", "Brightness", "40000"}, 2, "value '40000' is not a number in -32768..32767"},
+        {{"image", "in.png"}, 2, "expected an input and an output picture"},
+        {{"image", "in.png", "out.png", "--zoom", "62"}, 2, "--zoom '62' is not a level 1..61"},
+        {{"image", missing, "out.png"}, 1, "missing.cfg_desc.bin"},
+        {{"stream", "--button-at", "2s:wave"}, 2, "unknown button action 'wave'"},
     };
     for (const auto& c : cases) {
         std::string line;
@@ -374,6 +378,74 @@ TEST_F(KvcamCli, StreamSetsControlsBeforeItRuns)
         }
         EXPECT_TRUE(kvsim::camera::ReadFrameNumber(picture.pixels, picture.width, picture.height));
     }
+}
+
+// `kvcam image` runs the frame loop's stages on a picture: unchanged without
+// options (but for the YUY2 round trip), turned by a half turn, framed by a
+// photo frame that leaves the middle alone, and a .y4m of every frame.
+TEST_F(KvcamCli, ImageRunsTheDriversStagesOnAPicture)
+{
+    const std::string source = (dir_ / "source.png").string();
+    ASSERT_EQ(RunKvcam({"stream", "--size", "320x240", "--frames", "1", "--snapshot", source}).exitCode, 0);
+    auto load = [&](const std::string& name) {
+        std::string error;
+        auto pictures = kvharness::LoadSourcePictures((dir_ / name).string(), &error);
+        EXPECT_TRUE(pictures) << error;
+        return pictures ? pictures->front() : kvsim::camera::Yuy2Picture{};
+    };
+    for (const auto& [name, args] : std::vector<std::pair<std::string, std::vector<std::string>>>{
+             {"plain.png", {}}, {"turned.bmp", {"--rotate", "2"}}, {"framed.png", {"--frame", "1"}}}) {
+        std::vector<std::string> command{"image", source, (dir_ / name).string()};
+        command.insert(command.end(), args.begin(), args.end());
+        KvcamRun run = RunKvcam(command);
+        ASSERT_EQ(run.exitCode, 0) << name << ": " << run.err;
+    }
+    const auto in = load("source.png"), plain = load("plain.png"), turned = load("turned.bmp"),
+               framed = load("framed.png");
+    const size_t w = in.width, h = in.height;
+    auto luma = [&](const kvsim::camera::Yuy2Picture& p, size_t x, size_t y) { return int(p.pixels[(y * w + x) * 2]); };
+    int worstPlain = 0, worstTurn = 0;
+    for (size_t y = 0; y < h; y += 7) {
+        for (size_t x = 0; x < w; x += 5) {
+            worstPlain = std::max(worstPlain, std::abs(luma(plain, x, y) - luma(in, x, y)));
+            worstTurn = std::max(worstTurn, std::abs(luma(turned, x, y) - luma(in, w - 1 - x, h - 1 - y)));
+        }
+    }
+    EXPECT_LE(worstPlain, 3);
+    EXPECT_LE(worstTurn, 3);
+    EXPECT_NEAR(luma(framed, w / 2, h / 2), luma(plain, w / 2, h / 2), 1) << "the video shows through";
+    EXPECT_NE(luma(framed, 1, 1), luma(plain, 1, 1)) << "the frame covers the edge";
+
+    const std::string video = (dir_ / "grid.y4m").string();
+    ASSERT_EQ(RunKvcam({"image", source, video, "--effect", "4", "--frames", "12", "--all"}).exitCode, 0);
+    std::string error;
+    auto frames = kvharness::LoadSourcePictures(video, &error);
+    ASSERT_TRUE(frames) << error;
+    EXPECT_EQ(frames->size(), 12u);
+}
+
+// The button and the trigger as a user plays them: a click takes a still at
+// once, a trigger with a self-timer of 3 four seconds later; each still is a
+// file and raises the still-button event.
+TEST_F(KvcamCli, ButtonsAndTriggersDeliverStillsAtTheirTimes)
+{
+    const std::string still = (dir_ / "still.png").string();
+    KvcamRun run = RunKvcam({"stream", "--seconds", "6", "--size", "320x240", "--button-at", "1s:click", "--set",
+                             "SelfTimer=-1", "--still", still, "--json"});
+    ASSERT_EQ(run.exitCode, 0) << run.err;
+    auto json = nlohmann::json::parse(run.out);
+    ASSERT_EQ(json["still_seconds"].size(), 1u) << run.out;
+    EXPECT_NEAR(json["still_seconds"][0].get<double>(), 1.1, 0.15);
+    EXPECT_EQ(json["still_events"], 1);
+    EXPECT_TRUE(fs::exists(still));
+
+    run = RunKvcam({"stream", "--seconds", "6", "--size", "320x240", "--set", "SelfTimer=3", "--trigger-at", "1s",
+                    "--trigger-at", "2s", "--still", still, "--json"});
+    ASSERT_EQ(run.exitCode, 0) << run.err;
+    json = nlohmann::json::parse(run.out);
+    ASSERT_EQ(json["still_seconds"].size(), 1u) << run.out;
+    EXPECT_NEAR(json["still_seconds"][0].get<double>(), 5.1, 0.15);
+    EXPECT_EQ(json["triggers_refused"], 1) << "the second trigger came during the countdown";
 }
 
 // A setting read and written through the driver-control tunnel, by name

@@ -16,6 +16,7 @@
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -256,6 +257,20 @@ TEST_F(MediaFilesTest, EachY4mColourspaceMapsItsSamplesToYuy2)
     }
 }
 
+// A bitmap header alone: width, height, bits per pixel; pixels at 54.
+std::string BmpHeader(uint32_t w, uint32_t h, uint16_t bits)
+{
+    std::string f(54, '\0');
+    f[0] = 'B';
+    f[1] = 'M';
+    const uint32_t offset = 54;
+    std::memcpy(&f[10], &offset, 4);
+    std::memcpy(&f[18], &w, 4);
+    std::memcpy(&f[22], &h, 4);
+    std::memcpy(&f[28], &bits, 2);
+    return f;
+}
+
 TEST_F(MediaFilesTest, DamagedOrUnsupportedInputsAreRefusedNamingTheFile)
 {
     const std::string frame422 = "FRAME\n" + std::string(8, 'y');  // W2 H2 C422: 8 bytes
@@ -265,7 +280,10 @@ TEST_F(MediaFilesTest, DamagedOrUnsupportedInputsAreRefusedNamingTheFile)
         const char* says;
     } cases[] = {
         {"a.y4m", "", "empty file"},
-        {"a.txt", "hello, world", "not a YUV4MPEG2, PNG or JPEG file"},
+        {"a.txt", "hello, world", "not a YUV4MPEG2, PNG, JPEG or BMP file"},
+        {"a.bmp", "BM" + std::string(20, '\0'), "a bitmap shorter than its header"},
+        {"a.bmp", BmpHeader(100, 100, 24) + std::string(100, 'p'), "pixels run past the end of the file"},
+        {"a.bmp", BmpHeader(2, 2, 8) + std::string(16, 'p'), "only 24-bit uncompressed bitmaps"},
         {"a.y4m", "YUV4MPEG2 W2 H2", "bad header: no complete header line"},
         {"a.y4m", "YUV4MPEG2 W2 H2 " + std::string(2000, 'X') + "\n", "bad header: no complete header line"},
         {"a.y4m", "YUV4MPEG W2 H2\n", "not a YUV4MPEG2 stream"},
@@ -298,7 +316,7 @@ TEST_F(MediaFilesTest, DamagedOrUnsupportedInputsAreRefusedNamingTheFile)
     fs::create_directory(dir_ / "empty");
     WriteAll(dir_ / "empty" / "notes.txt", "not a picture");
     EXPECT_FALSE(kvharness::LoadSourcePictures(Path("empty"), &error));
-    EXPECT_NE(error.find("no .y4m, .png, .jpg or .jpeg pictures"), std::string::npos) << error;
+    EXPECT_NE(error.find("no .y4m, .png, .jpg, .jpeg or .bmp pictures"), std::string::npos) << error;
     WriteAll(dir_ / "empty" / "z.png", "not a png");
     EXPECT_FALSE(kvharness::LoadSourcePictures(Path("empty"), &error));
     EXPECT_EQ(error.rfind((dir_ / "empty" / "z.png").string() + ": not a YUV4MPEG2", 0), 0u) << error;

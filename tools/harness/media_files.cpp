@@ -32,6 +32,9 @@ constexpr size_t kMaxY4mLine = 1024;
 constexpr std::string_view kY4mMagic = "YUV4MPEG2";
 constexpr std::string_view kY4mFrame = "FRAME";
 constexpr uint8_t kPngSignature[8] = {0x89, 'P', 'N', 'G', '\r', '\n', 0x1A, '\n'};
+// The bitmap file and info headers (BITMAPFILEHEADER + BITMAPINFOHEADER).
+constexpr uint32_t kBmpHeaderSize = 54;
+constexpr uint32_t kBmpInfoSize = 40;
 
 // JPEG markers (ITU-T T.81 table B.1).
 constexpr uint8_t kMarkerPrefix = 0xFF;
@@ -438,6 +441,53 @@ bool LoadPng(const std::string& path, std::vector<Yuy2Picture>* pictures, std::s
     return true;
 }
 
+// A 24-bit uncompressed bitmap, bottom-up or top-down (negative height),
+// rows padded to 4 bytes; every size is checked against the file.
+bool LoadBmp(const std::string& path, std::vector<Yuy2Picture>* pictures, std::string* error)
+{
+    auto bytes = ReadWholeFile(path, error);
+    if (!bytes) return false;
+    const std::vector<uint8_t>& f = *bytes;
+    auto get32 = [&](size_t at) {
+        uint32_t v = 0;
+        std::memcpy(&v, &f[at], 4);
+        return v;
+    };
+    if (f.size() < kBmpHeaderSize) {
+        SetError(error, path + ": a bitmap shorter than its header");
+        return false;
+    }
+    const uint32_t offset = get32(10);
+    const int32_t width = static_cast<int32_t>(get32(18));
+    const int32_t height = static_cast<int32_t>(get32(22));
+    const uint16_t bits = static_cast<uint16_t>(f[28] | (f[29] << 8));
+    const uint32_t compression = get32(30);
+    const uint32_t rows = height < 0 ? uint32_t(-int64_t(height)) : uint32_t(height);
+    if (bits != 24 || compression != 0 || width <= 0 || rows == 0 || uint32_t(width) > kMaxSide || rows > kMaxSide) {
+        SetError(error, path + ": only 24-bit uncompressed bitmaps up to " + std::to_string(kMaxSide) +
+                            " pixels on a side are read");
+        return false;
+    }
+    const uint64_t stride = (uint64_t(width) * 3 + 3) & ~uint64_t(3);
+    if (offset < kBmpHeaderSize || offset + stride * rows > f.size()) {
+        SetError(error, path + ": the bitmap's pixels run past the end of the file");
+        return false;
+    }
+    RgbImage rgb{uint32_t(width), rows, std::vector<uint8_t>(size_t(width) * rows * 3)};
+    for (uint32_t y = 0; y < rows; ++y) {
+        const uint32_t fileRow = height < 0 ? y : rows - 1 - y;
+        const uint8_t* in = &f[offset + fileRow * stride];
+        uint8_t* out = &rgb.rgb[size_t(y) * width * 3];
+        for (int32_t x = 0; x < width; ++x) {
+            out[x * 3] = in[x * 3 + 2];
+            out[x * 3 + 1] = in[x * 3 + 1];
+            out[x * 3 + 2] = in[x * 3];
+        }
+    }
+    pictures->push_back(RgbToYuy2(rgb));
+    return true;
+}
+
 bool LoadJpeg(const std::string& path, std::vector<Yuy2Picture>* pictures, std::string* error)
 {
     auto bytes = ReadWholeFile(path, error);
@@ -471,7 +521,8 @@ bool LoadOneFile(const std::string& path, std::vector<Yuy2Picture>* pictures, st
         return LoadPng(path, pictures, error);
     }
     if (got >= 2 && head[0] == kMarkerPrefix && head[1] == kSoi) return LoadJpeg(path, pictures, error);
-    SetError(error, path + (got == 0 ? ": empty file" : ": not a YUV4MPEG2, PNG or JPEG file"));
+    if (got >= 2 && head[0] == 'B' && head[1] == 'M') return LoadBmp(path, pictures, error);
+    SetError(error, path + (got == 0 ? ": empty file" : ": not a YUV4MPEG2, PNG, JPEG or BMP file"));
     return false;
 }
 
@@ -479,7 +530,7 @@ bool IsPictureName(const fs::path& p)
 {
     std::string ext = p.extension().string();
     std::transform(ext.begin(), ext.end(), ext.begin(), [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-    return ext == ".y4m" || ext == ".png" || ext == ".jpg" || ext == ".jpeg";
+    return ext == ".y4m" || ext == ".png" || ext == ".jpg" || ext == ".jpeg" || ext == ".bmp";
 }
 
 // Closes a writer's file once; a failing close is its last write error.
@@ -694,9 +745,13 @@ std::optional<size_t> JpegFrameLength(std::span<const uint8_t> j)
 
 // ---- PNG ----
 
-bool WritePng(const std::string& path, std::span<const uint8_t> frame, const VideoFormat& format, std::string* error)
+namespace {
+
+// A frame of any layout as top-down R, G, B.
+bool FrameToRgb(const std::string& path, std::span<const uint8_t> frame, const VideoFormat& format, RgbImage* out,
+                std::string* error)
 {
-    RgbImage rgb;
+    RgbImage& rgb = *out;
     if (format.layout == PixelLayout::Mjpeg) {
         std::string why;
         auto decoded = DecodeJpegRgb(frame, &why);
@@ -734,6 +789,15 @@ bool WritePng(const std::string& path, std::span<const uint8_t> frame, const Vid
             }
         }
     }
+    return true;
+}
+
+}  // namespace
+
+bool WritePng(const std::string& path, std::span<const uint8_t> frame, const VideoFormat& format, std::string* error)
+{
+    RgbImage rgb;
+    if (!FrameToRgb(path, frame, format, &rgb, error)) return false;
     png_image image{};
     image.version = PNG_IMAGE_VERSION;
     image.width = rgb.width;
@@ -744,6 +808,49 @@ bool WritePng(const std::string& path, std::span<const uint8_t> frame, const Vid
         return false;
     }
     return true;
+}
+
+bool WriteBmp(const std::string& path, std::span<const uint8_t> frame, const VideoFormat& format, std::string* error)
+{
+    RgbImage rgb;
+    if (!FrameToRgb(path, frame, format, &rgb, error)) return false;
+    const uint32_t w = rgb.width, h = rgb.height;
+    const uint32_t stride = (w * 3 + 3) & ~3u;
+    std::vector<uint8_t> file(kBmpHeaderSize + size_t(stride) * h, 0);
+    auto put32 = [&](size_t at, uint32_t v) { std::memcpy(&file[at], &v, 4); };
+    file[0] = 'B';
+    file[1] = 'M';
+    put32(2, static_cast<uint32_t>(file.size()));
+    put32(10, kBmpHeaderSize);
+    put32(14, kBmpInfoSize);
+    put32(18, w);
+    put32(22, h);
+    file[26] = 1;
+    file[28] = 24;
+    put32(34, stride * h);
+    for (uint32_t y = 0; y < h; ++y) {
+        const uint8_t* in = &rgb.rgb[size_t(h - 1 - y) * w * 3];
+        uint8_t* row = &file[kBmpHeaderSize + size_t(y) * stride];
+        for (uint32_t x = 0; x < w; ++x) {
+            row[x * 3] = in[x * 3 + 2];
+            row[x * 3 + 1] = in[x * 3 + 1];
+            row[x * 3 + 2] = in[x * 3];
+        }
+    }
+    std::ofstream out(path, std::ios::binary);
+    if (!out.write(reinterpret_cast<const char*>(file.data()), std::streamsize(file.size()))) {
+        SetError(error, path + ": cannot write: " + SystemError());
+        return false;
+    }
+    return true;
+}
+
+bool WritePicture(const std::string& path, std::span<const uint8_t> frame, const VideoFormat& format,
+                  std::string* error)
+{
+    std::string ext = fs::path(path).extension().string();
+    std::transform(ext.begin(), ext.end(), ext.begin(), [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+    return ext == ".bmp" ? WriteBmp(path, frame, format, error) : WritePng(path, frame, format, error);
 }
 
 // ---- source pictures ----
@@ -771,7 +878,7 @@ std::optional<std::vector<Yuy2Picture>> LoadSourcePictures(const std::string& fi
         return std::nullopt;
     }
     if (files.empty()) {
-        SetError(error, fileOrDirectory + ": no .y4m, .png, .jpg or .jpeg pictures in this directory");
+        SetError(error, fileOrDirectory + ": no .y4m, .png, .jpg, .jpeg or .bmp pictures in this directory");
         return std::nullopt;
     }
     std::sort(files.begin(), files.end(), [](const fs::path& a, const fs::path& b) { return a.filename().string() < b.filename().string(); });

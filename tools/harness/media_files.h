@@ -122,8 +122,8 @@ bool WritePng(const std::string& path, std::span<const uint8_t> frame, const Vid
 // C420paldv, C420mpeg2, C420, C422, C444 or Cmono; XCOLORRANGE=FULL planes
 // are scaled to studio range), a PNG (any colour type and depth, a 16-bit
 // one without gamma information taken as sRGB, transparency over black), a
-// JPEG (whatever libjpeg decodes to RGB), or a directory whose .y4m, .png,
-// .jpg and .jpeg files (any case) are taken in the byte order of their
+// JPEG (whatever libjpeg decodes to RGB), a 24-bit BMP, or a directory whose .y4m, .png,
+// .jpg, .jpeg and .bmp files (any case) are taken in the byte order of their
 // names, other files skipped. A file named directly is recognised by its
 // first bytes, whatever its name. Chroma is taken from the nearest sample
 // (4:2:0 rows repeat, 4:4:4 pairs are averaged); the siting a 4:2:0 variant
@@ -134,6 +134,13 @@ bool WritePng(const std::string& path, std::span<const uint8_t> frame, const Vid
 // unreadable file, an unknown format, a bad or unsupported y4m header, a y4m
 // frame shorter than its planes, a y4m with no frame, a picture too large, a
 // PNG or JPEG its library cannot decode, or a directory with no pictures.
+// A 24-bit bottom-up bitmap (the BMP the driver itself reads and writes) of
+// a frame of any uncompressed layout or MJPEG.
+bool WriteBmp(const std::string& path, std::span<const uint8_t> frame, const VideoFormat& format, std::string* error);
+// WriteBmp for a ".bmp" path, else WritePng.
+bool WritePicture(const std::string& path, std::span<const uint8_t> frame, const VideoFormat& format,
+                  std::string* error);
+
 std::optional<std::vector<kvsim::camera::Yuy2Picture>> LoadSourcePictures(const std::string& fileOrDirectory,
                                                                           std::string* error);
 

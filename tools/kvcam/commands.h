@@ -2,6 +2,7 @@
 // process exit code (see ExitCode).
 #pragma once
 
+#include <cstdint>
 #include <span>
 #include <string_view>
 
@@ -35,12 +36,19 @@ void PrintStreamHelp();
 // `kvcam get NAME|0xID` and `kvcam set NAME|0xID VALUE`: one setting through
 // the driver-control tunnel (setting_commands.cpp).
 int RunGetCommand(std::span<const std::string_view> args);
+// A setting named as get and set take it: its registry name or 0xID.
+bool SettingIdFromText(std::string_view text, uint16_t* id);
 void PrintGetHelp();
 int RunSetCommand(std::span<const std::string_view> args);
 void PrintSetHelp();
 // `kvcam controls [--json]`: every setting with its range (setting_commands.cpp).
 int RunControlsCommand(std::span<const std::string_view> args);
 void PrintControlsHelp();
+
+// `kvcam image IN OUT [options]`: the driver's picture stages on a picture
+// file (image_command.cpp).
+int RunImageCommand(std::span<const std::string_view> args);
+void PrintImageHelp();
 
 // `kvcam fuzz packets [--count N] [--seed S]`: random packets through the
 // driver's payload path (fuzz_command.cpp).

@@ -37,6 +37,8 @@ constexpr Command kCommands[] = {
      kvcam::PrintGetHelp},
     {"set", "write one setting through the filter's driver-control property", kvcam::RunSetCommand,
      kvcam::PrintSetHelp},
+    {"image", "run the driver's picture stages (effects, frames, zoom, rotation) on a picture file",
+     kvcam::RunImageCommand, kvcam::PrintImageHelp},
     {"controls", "list every setting with its value and the camera's ranges", kvcam::RunControlsCommand,
      kvcam::PrintControlsHelp},
     {"fuzz", "random isochronous packets or property requests against the driver", kvcam::RunFuzzCommand,

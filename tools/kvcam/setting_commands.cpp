@@ -329,6 +329,13 @@ void PrintControls(const std::vector<ControlRow>& rows, bool json)
 
 }  // namespace
 
+bool SettingIdFromText(std::string_view text, uint16_t* id)
+{
+    const auto setting = ParseSetting(text);
+    if (setting) *id = setting->id;
+    return setting.has_value();
+}
+
 void PrintGetHelp()
 {
     std::printf("usage: kvcam get NAME|0xID [system options] [--json]\n\n"

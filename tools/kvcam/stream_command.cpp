@@ -265,6 +265,7 @@ struct Summary {
     size_t stillEvents = 0;     // still-button events the filter raised
     size_t triggersRefused = 0; // software triggers refused (a countdown was running)
     std::vector<std::string> stillFiles;
+    std::vector<double> stillSeconds;  // when each still arrived, since the start
 };
 
 void PrintSummary(const Summary& s, bool json)
@@ -293,6 +294,7 @@ void PrintSummary(const Summary& s, bool json)
         j["last_presentation_time_100ns"] = s.lastTime;
         j["still_events"] = s.stillEvents;
         j["stills"] = s.stillFiles;
+        j["still_seconds"] = s.stillSeconds;
         j["triggers_refused"] = s.triggersRefused;
         j["simulated_seconds"] = s.simulatedSeconds;
         j["host_seconds"] = s.hostSeconds;
@@ -329,16 +331,23 @@ bool ApplySettings(kvsim::client::Filter& filter, const StreamOptions& o, std::s
 {
     kvharness::Tunnel tunnel(filter);
     for (const auto& [name, text] : o.settings) {
-        const std::u16string wide(name.begin(), name.end());
         USHORT id = 0;
         long value = 0;
         auto [end, parseError] = std::from_chars(text.data(), text.data() + text.size(), value);
-        if (!SettingIdForName(reinterpret_cast<PCWSTR>(wide.c_str()), &id)) {
+        if (!SettingIdFromText(name, &id)) {
             *error = "--set: unknown setting '" + name + "'";
             return false;
         }
         if (parseError != std::errc() || end != text.data() + text.size() || value < -32768 || value > 32767) {
             *error = "--set: value '" + text + "' is not a number in -32768..32767";
+            return false;
+        }
+        // The RGB effects and the photo frames show only while the driver's
+        // software-effects switch is on; choosing one turns it on, as the
+        // camera's settings application does.
+        if ((id == PROPID_SPECIAL_EFFECT || id == PROPID_SPECIAL_FRAME) && value != 0 &&
+            tunnel.Write(PROPID_SWSETTING_OPTION, 1) != STATUS_SUCCESS) {
+            *error = "--set: the driver refused its software-effects switch";
             return false;
         }
         if (tunnel.Write(id, static_cast<LONG>(value)) != STATUS_SUCCESS) {
@@ -425,7 +434,7 @@ bool Stream(kvharness::System& system, const StreamOptions& o, Summary& summary)
         // stopped for good.
         timeline.Run(kvsim::Now() - start, system);
         stillEvents.Poll();
-        if (!stills.Collect(&error)) {
+        if (!stills.Collect(kvsim::Now() - start, &error)) {
             ok = fail(error);
             break;
         }
@@ -461,10 +470,11 @@ bool Stream(kvharness::System& system, const StreamOptions& o, Summary& summary)
     }
     if (terminal) std::fputc('\n', stderr);
     stillEvents.Poll();
-    if (ok && !stills.Collect(&error)) ok = fail(error);
+    if (ok && !stills.Collect(kvsim::Now() - start, &error)) ok = fail(error);
     stills.Close();
     summary.stillEvents = stillEvents.count();
     summary.stillFiles = stills.files();
+    for (LONGLONG t : stills.times()) summary.stillSeconds.push_back(double(t) / kHundredNsPerSecond);
     summary.triggersRefused = timeline.triggersRefused();
     pin->SetState(KSSTATE_STOP);
     pin->CollectFrames();
@@ -513,7 +523,9 @@ void PrintStreamHelp()
                 "                       picture, or a folder of pictures shown in turn (default: a\n"
                 "                       moving test pattern)\n"
                 "  --set NAME=VALUE     a setting through the driver-control property before the stream\n"
-                "                       runs (repeatable; names as kvcam get takes them)\n"
+                "                       runs (repeatable; a registry name or 0xID as kvcam get takes\n"
+                "                       them); an effect or a photo frame also turns the driver's\n"
+                "                       software-effects switch (0x0905) on\n"
                 "  --button-at T:KIND   the camera's button at T (2s, 2.5, 500ms): press, release, click,\n"
                 "                       double or long (held 2.5 s), as status packets on its interrupt\n"
                 "                       endpoint (repeatable)\n"

@@ -135,7 +135,7 @@ bool StillSink::Open(kvharness::System& system, LONG captureWidth, LONG captureH
     return true;
 }
 
-bool StillSink::Collect(std::string* error)
+bool StillSink::Collect(LONGLONG elapsed, std::string* error)
 {
     if (!pin_) return true;
     for (auto& frame : pin_->CollectFrames()) {
@@ -151,6 +151,7 @@ bool StillSink::Collect(std::string* error)
         }
         if (!kvharness::WritePng(file, frame.data, format_, error)) return false;
         files_.push_back(file);
+        times_.push_back(elapsed);
     }
     return true;
 }

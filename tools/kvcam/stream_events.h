@@ -55,11 +55,13 @@ public:
     // False with *error set when the pin offers nothing or does not open.
     bool Open(kvharness::System& system, LONG captureWidth, LONG captureHeight, std::string path,
               std::string* error);
-    // Writes the stills that arrived; false with *error on a file error.
-    bool Collect(std::string* error);
+    // Writes the stills that arrived (at `elapsed`, 100 ns since the stream
+    // started); false with *error on a file error.
+    bool Collect(LONGLONG elapsed, std::string* error);
     void Close();
     size_t stills() const { return written_; }
     const std::vector<std::string>& files() const { return files_; }
+    const std::vector<LONGLONG>& times() const { return times_; }
 
 private:
     std::unique_ptr<kvsim::client::Pin> pin_;
@@ -68,6 +70,7 @@ private:
     std::string path_;
     size_t written_ = 0;
     std::vector<std::string> files_;
+    std::vector<LONGLONG> times_;
 };
 
 // The filter's still-button event (KSEVENT_VIDCAPTOSTI_EXT_TRIGGER) enabled
