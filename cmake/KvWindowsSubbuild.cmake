@@ -16,3 +16,4 @@ ExternalProject_Add(kvdrv_windows
   BUILD_ALWAYS ON
   INSTALL_COMMAND "")
 set(KV_WINDOWS_SYS ${KV_WINDOWS_BINARY_DIR}/driver/kvdrv.sys CACHE INTERNAL "")
+install(FILES ${KV_WINDOWS_SYS} DESTINATION SystemRoot/System32/drivers COMPONENT windows_package)
