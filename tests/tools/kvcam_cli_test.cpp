@@ -424,6 +424,44 @@ TEST_F(KvcamCli, ImageRunsTheDriversStagesOnAPicture)
     EXPECT_EQ(frames->size(), 12u);
 }
 
+// Settings reach the stream's picture stages: the negative (an RGB effect,
+// which also turns the driver's software-effects switch on) inverts the
+// picture, and zoom level 41 shows the middle half enlarged.
+TEST_F(KvcamCli, StreamShowsTheEffectAndTheZoomAsked)
+{
+    const std::string source = (dir_ / "source.png").string();
+    ASSERT_EQ(RunKvcam({"stream", "--size", "320x240", "--frames", "1", "--snapshot", source}).exitCode, 0);
+    auto snap = [&](const std::string& name, std::vector<std::string> sets) {
+        std::vector<std::string> args{"stream", "--source", source, "--size", "320x240", "--frames", "3",
+                                      "--snapshot", (dir_ / name).string()};
+        for (const std::string& set : sets) args.insert(args.end(), {"--set", set});
+        KvcamRun run = RunKvcam(args);
+        EXPECT_EQ(run.exitCode, 0) << run.err;
+        std::string error;
+        auto pictures = kvharness::LoadSourcePictures((dir_ / name).string(), &error);
+        EXPECT_TRUE(pictures) << error;
+        return pictures ? pictures->front() : kvsim::camera::Yuy2Picture{};
+    };
+    const auto plain = snap("plain.png", {});
+    const auto negative = snap("negative.png", {"SpecialEffectNo=6"});
+    const auto zoomed = snap("zoomed.png", {"TrackingMethod=1", "0x063A=1", "0x0638=41"});
+    ASSERT_EQ(negative.pixels.size(), plain.pixels.size());
+    ASSERT_EQ(zoomed.pixels.size(), plain.pixels.size());
+    const size_t w = plain.width;
+    auto luma = [&](const kvsim::camera::Yuy2Picture& p, size_t x, size_t y) { return int(p.pixels[(y * w + x) * 2]); };
+    // Studio-range luma inverts about 16..235: Y' = 251 - Y.
+    for (size_t y = 20; y < 240; y += 40) {
+        for (size_t x = 10; x < 320; x += 30) {
+            EXPECT_NEAR(luma(negative, x, y), 251 - luma(plain, x, y), 4) << x << "," << y;
+        }
+    }
+    // Level 41: the 160x120 window from column 80 fills the frame, output
+    // column x taken from window column x * 159 / 320.
+    for (size_t x = 8; x < 320; x += 24) {
+        EXPECT_NEAR(luma(zoomed, x, 120), luma(plain, 80 + x * 159 / 320, 120), 4) << x;
+    }
+}
+
 // The button and the trigger as a user plays them: a click takes a still at
 // once, a trigger with a self-timer of 3 four seconds later; each still is a
 // file and raises the still-button event.
