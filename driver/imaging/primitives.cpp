@@ -213,30 +213,26 @@ void MirrorRowRgb(const UCHAR* pSrc, UCHAR* pDst, ULONG w)
     }
 }
 
-// The row's groups in reverse order, each as (Y1, U, Y0, V): output pixel p
-// shows source pixel w-1-p, and a group's U and V still describe the two
-// pixels they were measured on, now in the mirrored place, so colours stay
-// on their pixels.
-// Read byte by byte, "luma from the mirrored position, chroma from the byte
-// before it, the last pixel from the row's first and fourth bytes" gives the
-// same lumas, U bytes and last group; for the other V bytes, read literally,
-// it would take the V of the group to the left, moving the red difference
-// two pixels off the blue difference: a colour fringe at every vertical edge.
+// A run of w pixels read backwards, pixel by pixel: output pixel p takes the
+// luma of source pixel w-1-p and, as its chroma, the byte just before that
+// luma; the last output pixel, whose source luma has no byte before it,
+// takes the run's first byte and fourth byte. Even outputs so get the U of
+// their source's own group, odd ones the V of the group to its left (the
+// red difference lands two pixels off the blue one at vertical edges); the
+// mirror's output is kept byte for byte as the rule gives it. The run is a
+// row (mirror) or the whole picture (flip and mirror: one
+// backward walk that carries on from row to row).
 void MirrorRowYuy2(const UCHAR* pSrc, UCHAR* pDst, ULONG w)
 {
-    const ULONG groups = w / 2;
-    const UCHAR* pFrom = pSrc + static_cast<SIZE_T>(groups) * kGroupBytes;
-    UCHAR* pTo = pDst;
-    for (ULONG g = 0; g < groups; ++g, pTo += kGroupBytes) {
-        pFrom -= kGroupBytes;
-        pTo[0] = pFrom[2];
-        pTo[1] = pFrom[1];
-        pTo[2] = pFrom[0];
-        pTo[3] = pFrom[3];
-    }
-    if (w % 2 != 0) {  // odd w: no group to mirror the lone pixel with
-        pTo[0] = pSrc[static_cast<SIZE_T>(groups) * kGroupBytes];
-        pTo[1] = pSrc[static_cast<SIZE_T>(groups) * kGroupBytes + 1];
+    for (ULONG p = 0; p < w; ++p) {
+        const SIZE_T source = static_cast<SIZE_T>(w - 1 - p) * kYuy2Bytes;
+        pDst[static_cast<SIZE_T>(p) * kYuy2Bytes] = pSrc[source];
+        if (source != 0) {
+            pDst[static_cast<SIZE_T>(p) * kYuy2Bytes + 1] = pSrc[source - 1];
+        } else {
+            // A lone pixel has no fourth byte: its own chroma.
+            pDst[static_cast<SIZE_T>(p) * kYuy2Bytes + 1] = pSrc[w >= 2 ? 3 : 1];
+        }
     }
 }
 
@@ -733,6 +729,10 @@ LONG MirrorInPlace(UCHAR* pImage, LONG step, ULONG width, ULONG height, int axis
 
 void FlipMirrorYuy2(const UCHAR* pSrc, UCHAR* pDst, ULONG w, ULONG h, bool flip, bool mirror)
 {
+    if (flip && mirror) {
+        MirrorRowYuy2(pSrc, pDst, w * h);
+        return;
+    }
     CopyRows(pSrc, pDst, w, h, kYuy2Bytes, flip, mirror ? MirrorRowYuy2 : nullptr);
 }
 

@@ -57,8 +57,9 @@ LONG MirrorInPlace(UCHAR* pImage, LONG step, ULONG width, ULONG height, int axis
 // Copies a w x h picture (rows packed, no padding) from pSrc to pDst with a
 // vertical flip (rows in reverse order), a mirror (each row read right to
 // left) or both (a half turn). Neither is a plain copy. The buffers must not
-// overlap. YUY2 mirrors whole groups (see primitives.cpp); an odd w leaves
-// the lone last pixel's two bytes in place.
+// overlap. YUY2 is mirrored pixel by pixel, each pixel's chroma the byte
+// before its luma (see primitives.cpp); flip and mirror together walk the
+// whole picture backwards.
 void FlipMirrorYuy2(const UCHAR* pSrc, UCHAR* pDst, ULONG w, ULONG h, bool flip, bool mirror);
 void FlipMirrorRgb(const UCHAR* pSrc, UCHAR* pDst, ULONG w, ULONG h, bool flip, bool mirror);
 
