@@ -26,6 +26,15 @@ constexpr LONG kClickLimitMs = 2001;
 constexpr LONG kDoubleClickMs = 400;
 
 constexpr UCHAR kNoState = 255;
+// Stop's waits: a completion under way, and the work items, polled.
+constexpr LONGLONG kDrainPoll = -10 * 10000LL;  // 10 ms
+
+void PauseBriefly()
+{
+    LARGE_INTEGER pause;
+    pause.QuadPart = -10000LL;  // 1 ms
+    KeDelayExecutionThread(KernelMode, FALSE, &pause);
+}
 
 // Press detector and click detector results.
 enum : ULONG {
@@ -170,9 +179,55 @@ NTSTATUS GenerateStillEvent(PKSDEVICE pKsDevice)
     return STATUS_SUCCESS;
 }
 
+StillEventSender::StillEventSender() : m_pKsDevice(nullptr), m_pFunctionalDeviceObject(nullptr), m_Pending(0) {}
+
+void StillEventSender::Initialize(PKSDEVICE pKsDevice, PDEVICE_OBJECT pFunctionalDeviceObject)
+{
+    m_pKsDevice = pKsDevice;
+    m_pFunctionalDeviceObject = pFunctionalDeviceObject;
+}
+
+void StillEventSender::Request()
+{
+    if (m_pKsDevice == nullptr) {
+        return;
+    }
+    auto* pItem = static_cast<Item*>(ExAllocatePoolWithTag(NonPagedPool, sizeof(Item), kv::kTagButtonWork));
+    if (pItem == nullptr) {
+        return;
+    }
+    pItem->pSender = this;
+    pItem->pWorkItem = IoAllocateWorkItem(m_pFunctionalDeviceObject);
+    if (pItem->pWorkItem == nullptr) {
+        ExFreePoolWithTag(pItem, kv::kTagButtonWork);
+        return;
+    }
+    InterlockedIncrement(&m_Pending);
+    IoQueueWorkItem(pItem->pWorkItem, Worker, DelayedWorkQueue, pItem);
+}
+
+VOID StillEventSender::Worker(PDEVICE_OBJECT pDeviceObject, PVOID pContext)
+{
+    UNREFERENCED_PARAMETER(pDeviceObject);
+    auto* pItem = static_cast<Item*>(pContext);
+    StillEventSender* pSender = pItem->pSender;
+    GenerateStillEvent(pSender->m_pKsDevice);
+    IoFreeWorkItem(pItem->pWorkItem);
+    ExFreePoolWithTag(pItem, kv::kTagButtonWork);
+    InterlockedDecrement(&pSender->m_Pending);
+}
+
+void StillEventSender::WaitForIdle()
+{
+    while (InterlockedCompareExchange(&m_Pending, 0, 0) != 0) {
+        PauseBriefly();
+    }
+}
+
 // ---- InterruptEndpoint ---------------------------------------------------------------------
 
-// One received packet on its way to PASSIVE_LEVEL (84 bytes).
+// One received packet on its way to PASSIVE_LEVEL: its length and the
+// receive buffer as it stands (84 bytes).
 struct InterruptEndpoint::WorkContext {
     ULONG Length;
     UCHAR Data[INTERRUPT_BUFFER_SIZE];
@@ -196,6 +251,7 @@ InterruptEndpoint::InterruptEndpoint()
       m_IdleEvent(),
       m_DrainedEvent(),
       m_Outstanding(0),
+      m_InCompletion(0),
       m_pIrp(nullptr),
       m_pUrb(nullptr),
       m_pBuffer(nullptr),
@@ -273,18 +329,31 @@ NTSTATUS InterruptEndpoint::Start()
     return status;
 }
 
+// A completion that saw the running flag just before it was cleared sends
+// the transfer once more; so the cancel is repeated until the transfer is
+// idle with no completion under way. Then the packets' work items, which use
+// this object, are waited out.
 void InterruptEndpoint::Cancel()
 {
     if (m_pIrp == nullptr) {
         return;
     }
     InterlockedExchange(&m_Running, 0);
-    IoCancelIrp(m_pIrp);
-    KeWaitForSingleObject(&m_IdleEvent, Executive, KernelMode, FALSE, nullptr);
-    // A packet's work item uses this object: none may run after the stop.
-    KeWaitForSingleObject(&m_DrainedEvent, Executive, KernelMode, FALSE, nullptr);
+    do {
+        IoCancelIrp(m_pIrp);
+        KeWaitForSingleObject(&m_IdleEvent, Executive, KernelMode, FALSE, nullptr);
+        while (InterlockedCompareExchange(&m_InCompletion, 0, 0) != 0) {
+            PauseBriefly();
+        }
+    } while (KeReadStateEvent(&m_IdleEvent) == 0);
+    while (InterlockedCompareExchange(&m_Outstanding, 0, 0) != 0) {
+        LARGE_INTEGER timeout;
+        timeout.QuadPart = kDrainPoll;
+        KeWaitForSingleObject(&m_DrainedEvent, Executive, KernelMode, FALSE, &timeout);
+    }
 }
 
+// The timers stay initialised (a second Free cancels them again).
 void InterruptEndpoint::Free()
 {
     if (m_Initialized != 0) {
@@ -292,7 +361,6 @@ void InterruptEndpoint::Free()
         KeCancelTimer(&m_DoubleClickTimer);
         // A tick already queued must not run into freed memory.
         KeFlushQueuedDpcs();
-        m_Initialized = 0;
     }
     if (m_pIrp != nullptr) {
         IoFreeIrp(m_pIrp);
@@ -310,16 +378,17 @@ NTSTATUS InterruptEndpoint::CompletionRoutine(PDEVICE_OBJECT pDeviceObject, PIRP
 {
     UNREFERENCED_PARAMETER(pDeviceObject);
     auto* pThis = static_cast<InterruptEndpoint*>(pContext);
+    InterlockedIncrement(&pThis->m_InCompletion);
     KeSetEvent(&pThis->m_IdleEvent, IO_NO_INCREMENT, FALSE);
-    if (pIrp->Cancel || !NT_SUCCESS(pIrp->IoStatus.Status) || pThis->m_Running == 0) {
-        return STATUS_MORE_PROCESSING_REQUIRED;
+    if (!pIrp->Cancel && NT_SUCCESS(pIrp->IoStatus.Status) && pThis->m_Running != 0) {
+        pThis->QueuePacket();
+        if (!NT_SUCCESS(pThis->Send())) {
+            InterlockedExchange(&pThis->m_Running, 0);
+            KeSetEvent(&pThis->m_IdleEvent, IO_NO_INCREMENT, FALSE);
+            DbgPrint("InterruptCompletion() fail to IoCallDriver, fail to recycle Interrupt Irp.\n");
+        }
     }
-    pThis->QueuePacket();
-    if (!NT_SUCCESS(pThis->Send())) {
-        InterlockedExchange(&pThis->m_Running, 0);
-        KeSetEvent(&pThis->m_IdleEvent, IO_NO_INCREMENT, FALSE);
-        DbgPrint("InterruptCompletion() fail to IoCallDriver, fail to recycle Interrupt Irp.\n");
-    }
+    InterlockedDecrement(&pThis->m_InCompletion);
     return STATUS_MORE_PROCESSING_REQUIRED;
 }
 
@@ -338,7 +407,9 @@ void InterruptEndpoint::QueuePacket()
         length = INTERRUPT_BUFFER_SIZE;
     }
     pWork->Length = length;
-    RtlCopyMemory(pWork->Data, m_pBuffer, length);
+    // The whole receive buffer: a packet of 2 or 3 bytes is read with the
+    // bytes after it as they stand there (the previous packet's).
+    RtlCopyMemory(pWork->Data, m_pBuffer, INTERRUPT_BUFFER_SIZE);
     pWork->pEndpoint = this;
     pWork->pWorkItem = IoAllocateWorkItem(m_pFunctionalDeviceObject);
     if (pWork->pWorkItem == nullptr) {
@@ -346,8 +417,8 @@ void InterruptEndpoint::QueuePacket()
         DbgPrint("InterruptCompletion() Failed to call IoAllocateWorkItem\n");
         return;
     }
-    KeClearEvent(&m_DrainedEvent);
     InterlockedIncrement(&m_Outstanding);
+    KeClearEvent(&m_DrainedEvent);
     IoQueueWorkItem(pWork->pWorkItem, WorkItemRoutine, DelayedWorkQueue, pWork);
 }
 
@@ -370,15 +441,12 @@ void InterruptEndpoint::HandlePacket(const UCHAR* pData, ULONG Length)
         DbgPrint("InterruptWorkItem() get one broken interrupt packet ( len < 2), drop it.\n");
         return;
     }
-    // Only the length test of 2 is made: a packet of 2 or 3 bytes is read
-    // with its event and value bytes as the buffer holds them (zero here,
-    // as the work context's copy starts from a zeroed buffer when short).
-    UCHAR packet[INTERRUPT_BUFFER_SIZE] = {};
-    RtlCopyMemory(packet, pData, Length);
-    if ((packet[kStatusTypeOffset] & 0x0F) != kStatusTypeStreaming || packet[kEventOffset] != kEventButton) {
+    // Only the length test of 2 is made: pData is the whole receive buffer,
+    // so a short packet's event and value bytes are read as they stand.
+    if ((pData[kStatusTypeOffset] & 0x0F) != kStatusTypeStreaming || pData[kEventOffset] != kEventButton) {
         return;
     }
-    HandleButton(packet[kValueOffset]);
+    HandleButton(pData[kValueOffset]);
 }
 
 void InterruptEndpoint::HandleButton(UCHAR Value)
@@ -407,23 +475,27 @@ void InterruptEndpoint::HandleButton(UCHAR Value)
     if (settings.m_Key1Function != kButtonModeReport) {
         return;
     }
+    // Work items may run at once: the report bits are set atomically.
+    volatile LONG* pReport = &settings.m_OneShotValue;
     switch (Value) {
     case 0:
-        if (report) settings.m_OneShotValue |= kReportReleased;
+        if (report) InterlockedOr(pReport, kReportReleased);
         break;
     case 1:
         if (*m_Targets.pStreaming != 0) TriggerStill();
-        if (report) settings.m_OneShotValue |= kReportPressed;
+        if (report) InterlockedOr(pReport, kReportPressed);
         break;
     case 2:
         if (report) {
-            settings.m_OneShotValue |= kReportReleased2;
+            InterlockedOr(pReport, kReportReleased2);
             break;
         }
+        // "Treated as 3": the press detector then takes the value itself,
+        // a release, which is what ends a press.
         [[fallthrough]];
     case 3:
         if (report) {
-            settings.m_OneShotValue |= kReportPressed2;
+            InterlockedOr(pReport, kReportPressed2);
             break;
         }
         switch (DetectPress(Value)) {

@@ -79,6 +79,37 @@ constexpr ULONG INTERRUPT_URB_SIZE = 128;
 // events rely on it. Always STATUS_SUCCESS.
 NTSTATUS GenerateStillEvent(PKSDEVICE pKsDevice);
 
+// GenerateStillEvent from a work item. The event is raised under the device
+// mutex, which AVStream holds while it calls the pins' sleep callbacks, and
+// the capture pin's sleep waits for the frame thread: the frame thread must
+// not wait for the mutex itself, so it asks for the event here.
+// https://learn.microsoft.com/windows-hardware/drivers/stream/device-mutex-in-avstream
+class StillEventSender {
+public:
+    StillEventSender();
+    StillEventSender(const StillEventSender&) = delete;
+    StillEventSender& operator=(const StillEventSender&) = delete;
+
+    // Device start.
+    void Initialize(PKSDEVICE pKsDevice, PDEVICE_OBJECT pFunctionalDeviceObject);
+    // Queues the event (IRQL <= DISPATCH_LEVEL); a work item that cannot be
+    // had loses this one event, nothing else.
+    void Request();
+    // Stop and remove: the events asked for are raised (PASSIVE_LEVEL).
+    void WaitForIdle();
+
+private:
+    static IO_WORKITEM_ROUTINE Worker;
+    struct Item {
+        PIO_WORKITEM pWorkItem;
+        StillEventSender* pSender;
+    };
+
+    PKSDEVICE m_pKsDevice;
+    PDEVICE_OBJECT m_pFunctionalDeviceObject;
+    volatile LONG m_Pending;
+};
+
 class InterruptEndpoint {
 public:
     InterruptEndpoint();
@@ -105,7 +136,9 @@ public:
     ULONG DetectPress(UCHAR State);
     // Mode 1: 0 nothing, 1 long press, 2 click, 3 double click.
     ULONG DetectClick(UCHAR State);
-    // One received packet, as its work item handles it (PASSIVE_LEVEL).
+    // One received packet, as its work item handles it (PASSIVE_LEVEL):
+    // pData is the whole receive buffer (INTERRUPT_BUFFER_SIZE bytes),
+    // Length the packet's.
     void HandlePacket(const UCHAR* pData, ULONG Length);
 
     volatile LONG m_Running;  // set at start, cleared when resubmission fails
@@ -142,6 +175,7 @@ private:
     KEVENT m_IdleEvent;     // signalled while no transfer is in flight
     KEVENT m_DrainedEvent;  // signalled while no work item is outstanding
     volatile LONG m_Outstanding;
+    volatile LONG m_InCompletion;  // completion routines under way
     PIRP m_pIrp;
     PURB m_pUrb;
     PUCHAR m_pBuffer;

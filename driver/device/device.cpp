@@ -60,11 +60,13 @@ CCaptureDevice::CCaptureDevice(PKSDEVICE pKsDevice)
       m_Requests(&m_Settings, &m_Formats, &m_Usb),
       m_SelfTimer(),
       m_Int(),
+      m_StillEvents(),
       m_Stream(),
       m_FrameLoop(),
       m_pCaptureFilter(nullptr),
       m_StreamingSlot(0),
-      m_pStillPin(nullptr)
+      m_pStillPin(nullptr),
+      m_StillPinUsers(0)
 {
     m_Stream.Attach(this);
     m_Usb.Attach(m_pNextDeviceObject);
@@ -259,6 +261,11 @@ NTSTATUS CCaptureDevice::PnpStart()
         return status;
     }
 
+    // The self-timer's countdown timer, ready before the button can start
+    // a countdown.
+    m_SelfTimer.Initialize();
+    m_StillEvents.Initialize(m_pKsDevice, m_pFunctionalDeviceObject);
+
     // The camera's button: its interrupt transfer stays outstanding from
     // here to the stop. A camera without the endpoint has no button.
     if (m_Usb.m_InterruptPipe != nullptr) {
@@ -273,9 +280,6 @@ NTSTATUS CCaptureDevice::PnpStart()
             return status;
         }
     }
-
-    // The self-timer's countdown timer.
-    m_SelfTimer.Initialize();
 
     // Controls are accepted from device start on.
     m_Requests.m_ControlReady = 1;
@@ -314,11 +318,13 @@ void CCaptureDevice::PnpStop()
     // Requests deferred before the stop still reach a configured camera.
     m_Requests.WaitForDeferredRequests();
     m_Usb.DeconfigureUsbDevice();
+    // The button first: a long press or a packet's work item would start
+    // the countdown again after it was cancelled.
+    StopButton();
     m_SelfTimer.CancelCountdown();
     // A countdown DPC already queued must not run into the next start's
     // initialisation of the same DPC.
     m_SelfTimer.FlushCountdown();
-    m_Int.Cancel();
     ReleaseAllocations();
     m_Settings.WriteDeviceExist(DEVICE_EXIST_STOPPED);
 }
@@ -327,6 +333,7 @@ void CCaptureDevice::PnpStop()
 void CCaptureDevice::PnpRemove()
 {
     DbgPrint("PnP Remove\n");
+    StopButton();
     m_SelfTimer.CancelCountdown();
     m_SelfTimer.FlushCountdown();
     m_Idle.EndIdleManagement(FALSE);
@@ -345,12 +352,19 @@ void CCaptureDevice::SurpriseRemoval()
 // Each block goes back with its tag and its pointer is cleared. The pins'
 // descriptors are unhooked before the format tables go; the bus interface
 // is given back only after everything that came through the configuration.
-void CCaptureDevice::ReleaseAllocations()
+// The button's transfer cancelled and its work items and timers waited out
+// (a second call is harmless).
+void CCaptureDevice::StopButton()
 {
-    // A remove without a stop (after a surprise removal) may find the
-    // button's transfer still outstanding.
     m_Int.Cancel();
     m_Int.Free();
+    m_StillEvents.WaitForIdle();
+}
+
+void CCaptureDevice::ReleaseAllocations()
+{
+    // A start that failed after the button's step is released here.
+    StopButton();
     m_Usb.ReleaseConfiguration();
     m_Filter.UnhookDataRanges();
     m_Formats.Release();

@@ -70,6 +70,7 @@ public:
     // Frees every allocation of the device with its tag; a second call is
     // harmless.
     void ReleaseAllocations();
+    void StopButton();
 
     PKSDEVICE m_pKsDevice;
     PDEVICE_OBJECT m_pFunctionalDeviceObject;
@@ -84,6 +85,7 @@ public:
     ControlRequests m_Requests;
     SelfTimer m_SelfTimer;
     InterruptEndpoint m_Int;
+    StillEventSender m_StillEvents;
     IsoStream m_Stream;
     FrameLoop m_FrameLoop;
     CCaptureFilter* m_pCaptureFilter;  // the most recently created filter object
@@ -93,6 +95,8 @@ public:
     // it), so that the frame thread finds it without the filter's control
     // mutex, which a state change holds while it waits for that thread.
     PKSPIN volatile m_pStillPin;
+    // Frames being served to the still pin; its close waits for 0.
+    volatile LONG m_StillPinUsers;
 
 private:
     // The sequences behind the dispatch routines.

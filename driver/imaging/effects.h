@@ -86,10 +86,12 @@ struct ResizeDestination {
 // Scales the source rectangle onto the whole destination, 1 to 4 bytes a
 // pixel, with 10-bit fixed-point bilinear weights. Near the last row or
 // column of an enlargement the weights extrapolate; each byte keeps the low
-// 8 bits of its sum, as the effects and photo frames have always shown.
+// 8 bits of its sum, as the rule has it.
 // A rectangle outside the source, an empty picture or a reduction beyond
 // 1024 to 1 does nothing.
 void ResizeBilinear(const ResizeSource* pSource, const ResizeDestination* pDestination, ULONG BytesPerPixel);
+// Whether ResizeBilinear takes these pictures (else it writes nothing).
+bool ResizeBilinearAccepts(const ResizeSource* pSource, const ResizeDestination* pDestination, ULONG BytesPerPixel);
 
 // The brush strokes' pseudo-random numbers: 20 bits (0..0xFFFFF) from a
 // multiply-with-carry generator in pState.

@@ -687,6 +687,11 @@ void BrushStrokes(EffectState* pState, const EffectFrame& frame)
 
 // ---- the resize's entry point ---------------------------------------------------------
 
+bool ResizeBilinearAccepts(const ResizeSource* pSource, const ResizeDestination* pDestination, ULONG BytesPerPixel)
+{
+    return ResizeUsable(pSource, pDestination, BytesPerPixel);
+}
+
 void ResizeBilinear(const ResizeSource* pSource, const ResizeDestination* pDestination, ULONG BytesPerPixel)
 {
     if (!ResizeUsable(pSource, pDestination, BytesPerPixel)) {

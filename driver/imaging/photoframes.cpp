@@ -89,13 +89,20 @@ USHORT NameBytes(PCWSTR pName)
     return static_cast<USHORT>(n * sizeof(WCHAR));
 }
 
-// The whole file into a pool buffer ("KVMI"), which the caller frees.
-NTSTATUS ReadWholeFile(PUNICODE_STRING pPath, PUCHAR* ppData, PULONG pSize)
+// Where a bitmap comes from: the driver's own files, or a path the user
+// named, which is opened with the access checks the user's own open would
+// get (the handle is a kernel handle, but the user chose the file).
+enum class Origin { Driver, User };
+
+// The file into a pool buffer ("KVMI"), which the caller frees: all of it,
+// or only its header (*pSize is then still the file's size).
+NTSTATUS ReadFile(PUNICODE_STRING pPath, Origin From, bool HeaderOnly, PUCHAR* ppData, PULONG pSize)
 {
     *ppData = nullptr;
     *pSize = 0;
     OBJECT_ATTRIBUTES attributes;
-    InitializeObjectAttributes(&attributes, pPath, OBJ_CASE_INSENSITIVE | OBJ_KERNEL_HANDLE, nullptr, nullptr);
+    const ULONG checks = From == Origin::User ? OBJ_FORCE_ACCESS_CHECK : 0;
+    InitializeObjectAttributes(&attributes, pPath, OBJ_CASE_INSENSITIVE | OBJ_KERNEL_HANDLE | checks, nullptr, nullptr);
     IO_STATUS_BLOCK io;
     HANDLE hFile = nullptr;
     NTSTATUS status = ZwCreateFile(&hFile, GENERIC_READ | SYNCHRONIZE, &attributes, &io, nullptr,
@@ -108,16 +115,16 @@ NTSTATUS ReadWholeFile(PUNICODE_STRING pPath, PUCHAR* ppData, PULONG pSize)
     status = ZwQueryInformationFile(hFile, &io, &info, sizeof(info), FileStandardInformation);
     const LONGLONG size = NT_SUCCESS(status) ? info.EndOfFile.QuadPart : 0;
     status = STATUS_UNSUCCESSFUL;
+    const ULONG wanted = HeaderOnly && size > BITMAP_HEADER_SIZE ? BITMAP_HEADER_SIZE : static_cast<ULONG>(size);
     if (size > 0 && size <= kLargestFile) {
-        *ppData = static_cast<PUCHAR>(ExAllocatePoolWithTag(NonPagedPool, static_cast<SIZE_T>(size), kv::kTagImage));
+        *ppData = static_cast<PUCHAR>(ExAllocatePoolWithTag(NonPagedPool, wanted, kv::kTagImage));
         if (*ppData == nullptr) {
             status = STATUS_INSUFFICIENT_RESOURCES;
         } else {
             LARGE_INTEGER offset;
             offset.QuadPart = 0;
-            status = ZwReadFile(hFile, nullptr, nullptr, nullptr, &io, *ppData, static_cast<ULONG>(size), &offset,
-                                nullptr);
-            if (!NT_SUCCESS(status) || io.Information < static_cast<ULONG_PTR>(size)) {
+            status = ZwReadFile(hFile, nullptr, nullptr, nullptr, &io, *ppData, wanted, &offset, nullptr);
+            if (!NT_SUCCESS(status) || io.Information < static_cast<ULONG_PTR>(wanted)) {
                 status = STATUS_UNSUCCESSFUL;
                 FreeTagged(*ppData, kv::kTagImage);
             } else {
@@ -144,24 +151,30 @@ NTSTATUS FitPicture(const UCHAR* pFile, ULONG Size, ULONG Width, ULONG Height, P
         RtlCopyMemory(pDestination, pFile + BITMAP_HEADER_SIZE, pixels);
         return STATUS_SUCCESS;
     }
-    // The resize reads each pixel's right and lower neighbour.
+    // The resize reads each pixel's right and lower neighbour; a picture it
+    // does not take would leave the overlay unwritten.
     if (fileWidth < 2 || fileHeight < 2 || fileWidth > 0x7FFFFFFF || fileHeight > 0x7FFFFFFF) {
         return STATUS_UNSUCCESSFUL;
     }
     const ResizeSource source = {pFile + BITMAP_HEADER_SIZE, fileWidth, fileHeight, 0, 0,
                                  static_cast<LONG>(fileWidth - 1), static_cast<LONG>(fileHeight - 1)};
     const ResizeDestination destination = {pDestination, Width, Height};
+    if (!ResizeBilinearAccepts(&source, &destination, 3)) {
+        return STATUS_UNSUCCESSFUL;
+    }
     ResizeBilinear(&source, &destination, 3);
     return STATUS_SUCCESS;
 }
 
-// Reads the file at pPath; with a destination, fits it there. CheckFrameSize:
-// the 640-or-480 rule of photo-frame files.
-NTSTATUS ReadBitmap(PUNICODE_STRING pPath, ULONG Width, ULONG Height, PUCHAR pDestination, bool CheckFrameSize)
+// Reads the file at pPath; with a destination, fits it there, else only
+// checks its header (the button's stepping reads no more than that).
+// CheckFrameSize: the 640-or-480 rule of photo-frame files.
+NTSTATUS ReadBitmap(PUNICODE_STRING pPath, Origin From, ULONG Width, ULONG Height, PUCHAR pDestination,
+                    bool CheckFrameSize)
 {
     PUCHAR pFile = nullptr;
     ULONG size = 0;
-    NTSTATUS status = ReadWholeFile(pPath, &pFile, &size);
+    NTSTATUS status = ReadFile(pPath, From, pDestination == nullptr, &pFile, &size);
     if (!NT_SUCCESS(status)) {
         return status;
     }
@@ -169,8 +182,11 @@ NTSTATUS ReadBitmap(PUNICODE_STRING pPath, ULONG Width, ULONG Height, PUCHAR pDe
     if (size >= BITMAP_HEADER_SIZE) {
         const ULONG fileWidth = ReadLe32(pFile + BITMAP_WIDTH_OFFSET);
         const ULONG fileHeight = ReadLe32(pFile + BITMAP_HEIGHT_OFFSET);
+        const ULONG pixels = PixelBytes(fileWidth, fileHeight);
+        const bool holdsPixels = pixels != 0 && pixels <= size - BITMAP_HEADER_SIZE;
         if (!CheckFrameSize || fileWidth == kFrameFileWidth || fileHeight == kFrameFileHeight) {
-            status = pDestination != nullptr ? FitPicture(pFile, size, Width, Height, pDestination) : STATUS_SUCCESS;
+            status = pDestination != nullptr ? FitPicture(pFile, size, Width, Height, pDestination)
+                                             : (holdsPixels ? STATUS_SUCCESS : STATUS_UNSUCCESSFUL);
         }
     }
     FreeTagged(pFile, kv::kTagImage);
@@ -238,7 +254,7 @@ NTSTATUS LoadFrameBitmap(ULONG FrameNumber, ULONG Width, ULONG Height, ULONG Mod
         UNICODE_STRING path;
         PCWSTR pName = kOwnFrameNames[FrameNumber - 1];
         NTSTATUS status = BuildPath(&path, buffer, sizeof(buffer), KV_SYSTEM_ROOT, pName, NameBytes(pName));
-        return NT_SUCCESS(status) ? ReadBitmap(&path, Width, Height, pTarget, true) : status;
+        return NT_SUCCESS(status) ? ReadBitmap(&path, Origin::Driver, Width, Height, pTarget, true) : status;
     }
     if (FrameNumber < kFirstUserFrame || FrameNumber > kLastUserFrame) {
         return STATUS_NO_SUCH_FILE;
@@ -252,7 +268,7 @@ NTSTATUS LoadFrameBitmap(ULONG FrameNumber, ULONG Width, ULONG Height, ULONG Mod
     WCHAR buffer[(kUserPathBytes + 28) / sizeof(WCHAR)];
     UNICODE_STRING path;
     status = BuildPath(&path, buffer, sizeof(buffer), KV_DOS_DEVICES, text, cbText);
-    return NT_SUCCESS(status) ? ReadBitmap(&path, Width, Height, pTarget, true) : status;
+    return NT_SUCCESS(status) ? ReadBitmap(&path, Origin::User, Width, Height, pTarget, true) : status;
 }
 
 NTSTATUS LoadBitmapFile(PCWSTR pName, ULONG Width, ULONG Height, PUCHAR pDestination)
@@ -260,7 +276,7 @@ NTSTATUS LoadBitmapFile(PCWSTR pName, ULONG Width, ULONG Height, PUCHAR pDestina
     WCHAR buffer[128];
     UNICODE_STRING path;
     NTSTATUS status = BuildPath(&path, buffer, sizeof(buffer), KV_SYSTEM_ROOT, pName, NameBytes(pName));
-    return NT_SUCCESS(status) ? ReadBitmap(&path, Width, Height, pDestination, false) : status;
+    return NT_SUCCESS(status) ? ReadBitmap(&path, Origin::Driver, Width, Height, pDestination, false) : status;
 }
 
 void OverlayKeyed(ULONG Width, ULONG Height, const UCHAR* pOverlay, PUCHAR pFrame)
@@ -298,6 +314,7 @@ NTSTATUS ApplyPhotoFrame(PhotoFrameState* pState, ULONG FrameNumber, ULONG Width
         if (pState->pFrameOverlay == nullptr) {
             return STATUS_INSUFFICIENT_RESOURCES;
         }
+        RtlZeroMemory(pState->pFrameOverlay, pState->BufferBytes);
         load = true;
     }
     if (load || FrameNumber != pState->FrameNumber || Width != pState->FrameWidth || Height != pState->FrameHeight) {
@@ -337,6 +354,7 @@ NTSTATUS ApplyCountdownPicture(PhotoFrameState* pState, LONG Count, ULONG Width,
         if (pState->pCountdownOverlay == nullptr) {
             return STATUS_INSUFFICIENT_RESOURCES;
         }
+        RtlZeroMemory(pState->pCountdownOverlay, pState->BufferBytes);
         // A fresh buffer holds nothing yet, whatever was remembered.
         pState->CountdownNumber = 0;
     }

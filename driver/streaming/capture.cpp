@@ -635,8 +635,10 @@ void CCapturePin::RunToPause(CapturePinContext* pContext)
     pDevice->m_Usb.SelectAlternateInterface(kStreamingInterface, 0, UVC_SC_VIDEOSTREAMING);
     InterlockedExchange(&pDevice->m_StreamingSlot, 0);
     pDevice->m_Requests.m_CapturePinRunning = 0;
-    // A countdown ends with the stream it would have taken its still from.
+    // A countdown ends with the stream it would have taken its still from,
+    // and a still not yet served does not wait for the next stream.
     pDevice->m_SelfTimer.CancelCountdown();
+    pDevice->m_SelfTimer.m_StillRequest = 0;
     FaceTrackRelease();
 }
 

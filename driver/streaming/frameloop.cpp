@@ -42,6 +42,7 @@ struct Delivery {
     PKSSTREAM_POINTER pPointer;
     PKS_VIDEOINFOHEADER pFormat;  // the capture format, or the still pin's
     bool still;
+    bool stillPinHeld;  // counted in the device's still-pin users until the frame is done
     PUCHAR pOutput;
     ULONG extent;
 };
@@ -82,16 +83,21 @@ ULONG AbsHeight(const KS_VIDEOINFOHEADER* pFormat)
     return static_cast<ULONG>(h < 0 ? -h : h);
 }
 
-// The bytes an uncompressed picture of this format fills: RGB24 (0) or YUY2.
-ULONG OutputBytes(const KS_VIDEOINFOHEADER* pFormat)
+// The bytes an uncompressed picture of this format fills: RGB24 (0) or
+// YUY2; in 64 bits, so that no width and height wrap.
+ULONGLONG OutputBytes(const KS_VIDEOINFOHEADER* pFormat)
 {
-    const ULONG bytesPerPixel = pFormat->bmiHeader.biCompression == 0 ? 3 : 2;
-    return static_cast<ULONG>(pFormat->bmiHeader.biWidth) * AbsHeight(pFormat) * bytesPerPixel;
+    const ULONGLONG bytesPerPixel = pFormat->bmiHeader.biCompression == 0 ? 3 : 2;
+    return static_cast<ULONGLONG>(static_cast<ULONG>(pFormat->bmiHeader.biWidth)) * AbsHeight(pFormat) *
+           bytesPerPixel;
 }
 
-void RaiseStillEvent(PVOID pKsDevice)
+// No still format the camera's descriptors give is wider or higher.
+constexpr ULONG kMaxStillSide = 8192;
+
+void RaiseStillEvent(PVOID pSender)
 {
-    GenerateStillEvent(static_cast<PKSDEVICE>(pKsDevice));
+    static_cast<StillEventSender*>(pSender)->Request();
 }
 
 bool SameSize(const KS_VIDEOINFOHEADER* pA, const KS_VIDEOINFOHEADER* pB)
@@ -165,6 +171,7 @@ private:
     bool TakeDelivery(Delivery* pDelivery);
     void ProcessOne(Delivery& delivery);
     void DeliverMjpeg(Delivery& delivery);
+    void DeliverMjpegStill(Delivery& delivery);
     void DeliverUncompressed(Delivery& delivery, bool rgbOutput);
     void ToOutput(Delivery& delivery, bool isRgb, ULONG dataUsed);
     void WriteStillPicture(bool isRgb);
@@ -190,7 +197,7 @@ void FrameWorker::Run()
         timeout.QuadPart = kFrameWait;
         NTSTATUS status = KeWaitForSingleObject(&m_Stream.m_FrameSemaphore, Executive, KernelMode, FALSE, &timeout);
         if (status == STATUS_TIMEOUT) {
-            DbgPrint("ProcessFrame:TIMEOUT\n");
+            DbgPrint("ProcessFrame:TIMEOUT");
         }
         if (Stopping()) {
             if (m_pHeld != nullptr) {
@@ -219,10 +226,12 @@ void FrameWorker::Run()
         m_pDevice->m_Requests.m_ControlReady = 1;
         ClearTrackingWhereItCannotRun();
         Delivery delivery = {};
-        if (!TakeDelivery(&delivery)) {
-            continue;
+        if (TakeDelivery(&delivery)) {
+            ProcessOne(delivery);
         }
-        ProcessOne(delivery);
+        if (delivery.stillPinHeld) {
+            InterlockedDecrement(&m_pDevice->m_StillPinUsers);
+        }
     }
 }
 
@@ -251,6 +260,16 @@ bool FrameWorker::TakeDelivery(Delivery* pDelivery)
     }
     PKSSTREAM_POINTER pPointer = nullptr;
     if (pStill != nullptr) {
+        // The pin's close waits until this frame is done with it.
+        InterlockedIncrement(&m_pDevice->m_StillPinUsers);
+        pStill = static_cast<PKSPIN>(InterlockedCompareExchangePointer(
+            reinterpret_cast<PVOID volatile*>(&m_pDevice->m_pStillPin), nullptr, nullptr));
+        if (pStill == nullptr) {
+            InterlockedDecrement(&m_pDevice->m_StillPinUsers);
+        }
+    }
+    if (pStill != nullptr) {
+        pDelivery->stillPinHeld = true;
         m_pDevice->m_SelfTimer.m_StillRequest = 0;
         const PKS_VIDEOINFOHEADER pStillFormat = static_cast<StillPinContext*>(pStill->Context)->pFormat;
         const ULONG stillSize = pStillFormat->bmiHeader.biSizeImage;
@@ -260,7 +279,7 @@ bool FrameWorker::TakeDelivery(Delivery* pDelivery)
             pPointer->StreamHeader->DataUsed = 0;
             pPointer->StreamHeader->OptionsFlags = 0;
             if (!NT_SUCCESS(KsStreamPointerAdvance(pPointer))) {
-                DbgPrint("ProcessFrame:KsStreamPointerAdvance fail\n");
+                DbgPrint("ProcessFrame:KsStreamPointerAdvance fail");
                 pPointer = nullptr;
             }
         }
@@ -294,6 +313,10 @@ void FrameWorker::ProcessOne(Delivery& delivery)
 {
     const ULONG output = delivery.pFormat->bmiHeader.biCompression;
     if (m_Stream.m_Uncompressed == 0) {
+        if (delivery.still) {
+            DeliverMjpegStill(delivery);
+            return;
+        }
         DeliverMjpeg(delivery);
     } else if (output == kFourccI420) {
         Finish(delivery, 0);
@@ -310,7 +333,7 @@ void FrameWorker::DeliverMjpeg(Delivery& delivery)
     ReadReadyFrame(start, pReady, sizeof(start));
     // Either byte of the start marker is enough to pass.
     if (start[0] != 0xFF && start[1] != 0xD8) {
-        DbgPrint("No FFD8\n");
+        DbgPrint("No FFD8");
         m_Loop.m_JpegFailures++;
         KsStreamPointerUnlock(delivery.pPointer, FALSE);
         return;
@@ -342,6 +365,33 @@ void FrameWorker::DeliverMjpeg(Delivery& delivery)
     Finish(delivery, dataUsed);
 }
 
+// A still from a motion-JPEG stream: decoded to RGB whatever the still's
+// format, so that it gets the still event, the picture file and its own
+// size and format. A frame that does not decode asks for the still again on
+// the next frame.
+void FrameWorker::DeliverMjpegStill(Delivery& delivery)
+{
+    const UCHAR* pReady = m_Stream.m_pReadyBuffer;
+    UCHAR start[2];
+    ReadReadyFrame(start, pReady, sizeof(start));
+    const bool decoded = (start[0] == 0xFF || start[1] == 0xD8) &&
+                         (m_Loop.m_DecodeResult = DecodeJpg(pReady, m_Width * m_Height * 3, m_Stream.m_pWorkBufferA)) != 0;
+    if (!decoded) {
+        InterlockedIncrement(&m_Loop.m_DropCount);
+        m_Loop.m_JpegFailures++;
+        m_pDevice->m_SelfTimer.m_StillRequest = 1;
+        KsStreamPointerUnlock(delivery.pPointer, FALSE);
+        return;
+    }
+    m_pDevice->m_StillEvents.Request();
+    WriteStillPicture(true);
+    if (SameSize(delivery.pFormat, m_pContext->pFormat) && delivery.pFormat->bmiHeader.biCompression == 0) {
+        ToOutput(delivery, true, m_Width * m_Height * 3);
+    } else {
+        ScaleStill(delivery, true);
+    }
+}
+
 void FrameWorker::DeliverUncompressed(Delivery& delivery, bool rgbOutput)
 {
     const ULONG yuy2Size = m_Width * m_Height * 2;
@@ -368,7 +418,7 @@ void FrameWorker::DeliverUncompressed(Delivery& delivery, bool rgbOutput)
     context.ShowCountdown = m_pContext->StillPinExists() || m_pDevice->m_SelfTimer.m_CountdownDisplay != 0;
     if (delivery.still) {
         context.pfnStillEvent = RaiseStillEvent;
-        context.pStillEventContext = m_pDevice->m_pKsDevice;
+        context.pStillEventContext = &m_pDevice->m_StillEvents;
     }
     const bool isRgb = RunPictureStages(s, context, rgbOutput);
     if (delivery.still) {
@@ -396,41 +446,67 @@ void FrameWorker::WriteStillPicture(bool isRgb)
 }
 
 // A still format of another size than the stream's: the picture is taken to
-// RGB, resized and put into the still's format (RGB24 or YUY2, the still
-// formats the camera's descriptors give). Without the scratch buffers no
-// picture is delivered, rather than a picture of the wrong size.
+// RGB, scaled with the primitives' Resize (pixel centres kept, nothing read
+// or written outside either picture) and put into the still's format (RGB24
+// or YUY2, the still formats the camera's descriptors give). Without the
+// scratch buffers the picture goes unscaled when the still's buffer holds
+// it, else nothing is delivered rather than a picture of the wrong size.
 void FrameWorker::ScaleStill(Delivery& delivery, bool isRgb)
 {
     const KS_VIDEOINFOHEADER* pStill = delivery.pFormat;
     const ULONG stillWidth = static_cast<ULONG>(pStill->bmiHeader.biWidth);
     const ULONG stillHeight = AbsHeight(pStill);
-    const SIZE_T captureBytes = static_cast<SIZE_T>(m_Width) * m_Height * 3;
-    const SIZE_T stillBytes = static_cast<SIZE_T>(stillWidth) * stillHeight * 3;
-    const SIZE_T scratchBytes = captureBytes > stillBytes ? captureBytes : stillBytes;
-    auto* pSource = static_cast<PUCHAR>(ExAllocatePoolWithTag(NonPagedPool, scratchBytes, kTagWork));
-    auto* pScaled = static_cast<PUCHAR>(ExAllocatePoolWithTag(NonPagedPool, scratchBytes, kTagWork));
+    const ULONG compression = pStill->bmiHeader.biCompression;
+    const ULONGLONG stillBytes = static_cast<ULONGLONG>(stillWidth) * stillHeight * 3;
+    const ULONGLONG captureBytes = static_cast<ULONGLONG>(m_Width) * m_Height * 3;
+    if (stillWidth == 0 || stillHeight == 0 || stillWidth > kMaxStillSide || stillHeight > kMaxStillSide ||
+        OutputBytes(pStill) > delivery.extent || (compression != 0 && compression != kFourccYuy2)) {
+        Finish(delivery, 0);
+        return;
+    }
+    const ImageRect from = {0, 0, static_cast<LONG>(m_Width), static_cast<LONG>(m_Height)};
+    const ImageRect to = {0, 0, static_cast<LONG>(stillWidth), static_cast<LONG>(stillHeight)};
+    LONG workBytes = 0;
+    const SIZE_T scratchBytes = static_cast<SIZE_T>(captureBytes > stillBytes ? captureBytes : stillBytes);
+    PUCHAR pSource = nullptr;
+    PUCHAR pScaled = nullptr;
+    PUCHAR pWork = nullptr;
+    if (ResizeBufferSize(from, to, 3, kInterpolationBilinear, &workBytes) == STATUS_SUCCESS) {
+        pSource = static_cast<PUCHAR>(ExAllocatePoolWithTag(NonPagedPool, scratchBytes, kTagWork));
+        pScaled = static_cast<PUCHAR>(ExAllocatePoolWithTag(NonPagedPool, scratchBytes, kTagWork));
+        pWork = static_cast<PUCHAR>(AllocImageBuffer(static_cast<SIZE_T>(workBytes)));
+    }
     ULONG dataUsed = 0;
-    if (pSource != nullptr && pScaled != nullptr && stillWidth >= 1 && stillHeight >= 1) {
-        if (isRgb) {
-            RtlCopyMemory(pSource, m_Stream.m_pWorkBufferA, captureBytes);
-        } else {
-            Yuy2ToRgb24(m_Stream.m_pWorkBufferA, m_Width * 2, pSource, m_Width * 3, m_Width, m_Height);
-            MirrorInPlace(pSource, static_cast<LONG>(m_Width * 3), m_Width, m_Height, kMirrorAxisRows);
-        }
-        const ResizeSource source = {pSource, m_Width, m_Height, 0, 0, static_cast<LONG>(m_Width - 1),
-                                     static_cast<LONG>(m_Height - 1)};
-        const ResizeDestination destination = {pScaled, stillWidth, stillHeight};
-        ResizeBilinear(&source, &destination, 3);
-        if (pStill->bmiHeader.biCompression == 0) {
-            RtlCopyMemory(delivery.pOutput, pScaled, stillBytes);
+    if (pSource == nullptr || pScaled == nullptr || pWork == nullptr) {
+        FreeTagged(pSource, kTagWork);
+        FreeTagged(pScaled, kTagWork);
+        FreeImageBuffer(pWork);
+        ToOutput(delivery, isRgb, isRgb ? static_cast<ULONG>(captureBytes) : m_Width * m_Height * 2);
+        return;
+    }
+    if (isRgb) {
+        RtlCopyMemory(pSource, m_Stream.m_pWorkBufferA, static_cast<SIZE_T>(captureBytes));
+    } else {
+        Yuy2ToRgb24(m_Stream.m_pWorkBufferA, m_Width * 2, pSource, m_Width * 3, m_Width, m_Height);
+        MirrorInPlace(pSource, static_cast<LONG>(m_Width * 3), m_Width, m_Height, kMirrorAxisRows);
+    }
+    const double xFactor = static_cast<double>(stillWidth) / m_Width;
+    const double yFactor = static_cast<double>(stillHeight) / m_Height;
+    const ImageSize sourceSize = {static_cast<LONG>(m_Width), static_cast<LONG>(m_Height)};
+    if (Resize(pSource, sourceSize, static_cast<LONG>(m_Width * 3), from, pScaled, static_cast<LONG>(stillWidth * 3), to,
+               xFactor, yFactor, 0.5 / xFactor - 0.5, 0.5 / yFactor - 0.5, kInterpolationBilinear,
+               pWork) == STATUS_SUCCESS) {
+        if (compression == 0) {
+            RtlCopyMemory(delivery.pOutput, pScaled, static_cast<SIZE_T>(stillBytes));
             dataUsed = static_cast<ULONG>(stillBytes);
-        } else if (pStill->bmiHeader.biCompression == kFourccYuy2) {
+        } else {
             Rgb24ToYuy2BottomUp(pScaled, stillWidth * 3, delivery.pOutput, stillWidth * 2, stillWidth, stillHeight);
             dataUsed = stillWidth * stillHeight * 2;
         }
     }
     FreeTagged(pSource, kTagWork);
     FreeTagged(pScaled, kTagWork);
+    FreeImageBuffer(pWork);
     Finish(delivery, dataUsed);
 }
 

@@ -17,6 +17,9 @@ namespace {
 constexpr ULONG kStillHeaderSize = sizeof(KSSTREAM_HEADER) + sizeof(KS_FRAME_INFO);
 static_assert(kStillHeaderSize == 128, "the still pin's stream header with its frame information");
 
+// Close's wait for a still being served: polled every millisecond.
+constexpr LONGLONG kCloseWaitPoll = -10000LL;
+
 StillPinContext* ContextOf(PKSPIN pKsPin) { return static_cast<StillPinContext*>(pKsPin->Context); }
 
 void FreeContext(PVOID pItem)
@@ -46,6 +49,11 @@ NTSTATUS CStillPin::DispatchCreate(PKSPIN pKsPin, PIRP pIrp)
     pContext->pDevice = static_cast<CCaptureDevice*>(KsGetDevice(pKsPin)->Context);
     pContext->pFormat = static_cast<PKS_VIDEOINFOHEADER>(
         ExAllocatePoolWithTag(NonPagedPool, sizeof(KS_VIDEOINFOHEADER), kTagPinFormat));
+    // A format that is not video info is accepted without a copy: the frame
+    // loop then finds a zero size and serves no still.
+    if (pContext->pFormat != nullptr) {
+        RtlZeroMemory(pContext->pFormat, sizeof(KS_VIDEOINFOHEADER));
+    }
     NTSTATUS status = pContext->pFormat != nullptr ? KsAddItemToObjectBag(pKsPin->Bag, pContext, FreeContext)
                                                    : STATUS_INSUFFICIENT_RESOURCES;
     if (!NT_SUCCESS(status)) {
@@ -61,14 +69,20 @@ NTSTATUS CStillPin::DispatchCreate(PKSPIN pKsPin, PIRP pIrp)
     return status;
 }
 
-// The frame loop stops finding the pin; the context goes with the bag.
+// The frame loop stops finding the pin, and a still it is serving now is
+// waited out: the context and the pin go with the bag after this.
 NTSTATUS CStillPin::DispatchClose(PKSPIN pKsPin, PIRP pIrp)
 {
     UNREFERENCED_PARAMETER(pIrp);
     StillPinContext* pContext = ContextOf(pKsPin);
     if (pContext != nullptr) {
-        InterlockedCompareExchangePointer(reinterpret_cast<PVOID volatile*>(&pContext->pDevice->m_pStillPin),
-                                          nullptr, pKsPin);
+        CCaptureDevice* pDevice = pContext->pDevice;
+        InterlockedCompareExchangePointer(reinterpret_cast<PVOID volatile*>(&pDevice->m_pStillPin), nullptr, pKsPin);
+        while (InterlockedCompareExchange(&pDevice->m_StillPinUsers, 0, 0) != 0) {
+            LARGE_INTEGER pause;
+            pause.QuadPart = kCloseWaitPoll;
+            KeDelayExecutionThread(KernelMode, FALSE, &pause);
+        }
     }
     return STATUS_SUCCESS;
 }

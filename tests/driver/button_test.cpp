@@ -129,6 +129,49 @@ TEST_F(Button, ThePressStartsTheSelfTimerAndASecondPressIsRefused)
     EXPECT_EQ(Timer().m_CountdownCounter, -1);
 }
 
+// Mode 0 while streaming: a press takes the still at once (no self-timer).
+TEST_F(Button, APressWhileStreamingTakesAStillAtOnce)
+{
+    Start(0);
+    auto filter = rig.OpenFilter(KSCATEGORY_VIDEO);
+    ASSERT_TRUE(filter);
+    Stream stream(*filter, CaptureOffers(*filter).front());
+    ASSERT_EQ(stream.Run(), STATUS_SUCCESS);
+    ASSERT_FALSE(stream.Collect(1).empty());
+    ASSERT_LT(Slot(SLOT_SELF_TIMER), 0);
+    Press();
+    EXPECT_EQ(Timer().m_StillRequest, 1u);
+    EXPECT_EQ(Timer().m_TriggerSource, 0u);
+    Release();
+    EXPECT_EQ(Slot(SLOT_SPECIAL_EFFECT), 0) << "in this mode values 1 and 0 do not step";
+}
+
+// The camera stopped or removed while the button is held (its long-press
+// timer ticking) and a countdown runs: the transfer, the button's timers and
+// the countdown all end with the device (a timer or DPC left in freed
+// memory is bug check 0xC7, which the simulation reports).
+TEST_F(Button, StopOrRemoveWhileTheButtonIsHeldLeavesNoTimer)
+{
+    for (bool remove : {false, true}) {
+        SCOPED_TRACE(remove ? "remove" : "stop");
+        auto local = DefaultCamera();
+        Rig device(local);
+        kvsim::RegSetDword(kData, "Key1Function", 1);
+        ASSERT_EQ(device.AddAndStart(), STATUS_SUCCESS);
+        device.Dev().m_Settings.m_Property->Slot[SLOT_SELF_TIMER] = 3;
+        local->QueueStatusPacket({0x02, 1, 0x00, 1});
+        kvsim::RunFor(2300 * kvsim::kMillisecond);
+        ASSERT_GE(device.Dev().m_SelfTimer.m_CountdownCounter, 0) << "the long press started the countdown";
+        local->QueueStatusPacket({0x02, 1, 0x00, 1});
+        ASSERT_EQ(remove ? device.Remove() : device.Stop(), STATUS_SUCCESS);
+        kvsim::RunFor(10 * kvsim::kSecond);
+        if (!remove) {
+            EXPECT_EQ(device.Dev().m_SelfTimer.m_CountdownCounter, -1);
+            EXPECT_EQ(device.Dev().m_SelfTimer.m_StillRequest, 0u);
+        }
+    }
+}
+
 // Stepping goes through effects 1..17 and then the photo frames, skipping a
 // frame whose picture is not there.
 TEST_F(Button, SteppingPassesOverPhotoFramesThatDoNotLoad)

@@ -58,22 +58,31 @@ protected:
     fs::path root_;
 };
 
-// Stills of the capture size and of a smaller RGB size: each comes with the
-// event, fills exactly its own size, and leaves a snapshot of the frame.
+// Stills from a YUY2 stream and from an RGB (motion-JPEG) stream, of the
+// capture size and of another size and format: each comes once with the
+// event, with no time stamp, fills exactly its own size, and leaves a
+// snapshot of the frame at the stream's size.
 TEST_F(StillPin, ATriggerDeliversAStillOfTheStillsOwnSize)
 {
     struct Case {
-        LONG width, height;
+        ULONG capture;  // the stream's output: YUY2 or RGB24 (0)
+        LONG width;
         ULONG compression;
         size_t bytes;
-    } const cases[] = {{640, 480, kv::kFourccYuy2, 640 * 480 * 2}, {320, 240, 0, 320 * 240 * 3}};
-    const Offer capture = CaptureOffers(*filter).front();
-    ASSERT_EQ(capture.Width(), 640);
-    Stream stream(*filter, capture);
-    ASSERT_EQ(stream.Run(), STATUS_SUCCESS);
-    ASSERT_FALSE(stream.Collect(1).empty());
+    } const cases[] = {{kv::kFourccYuy2, 640, kv::kFourccYuy2, 640 * 480 * 2},
+                       {kv::kFourccYuy2, 320, 0, 320 * 240 * 3},
+                       {kv::kFourccYuy2, 320, kv::kFourccYuy2, 320 * 240 * 2},
+                       {0, 640, 0, 640 * 480 * 3},
+                       {0, 640, kv::kFourccYuy2, 640 * 480 * 2}};
     for (const Case& c : cases) {
-        SCOPED_TRACE(c.width);
+        SCOPED_TRACE(std::to_string(c.capture) + " " + std::to_string(c.width) + " " + std::to_string(c.compression));
+        Offer capture{};
+        for (const Offer& o : CaptureOffers(*filter)) {
+            if (o.Compression() == c.capture && o.Width() == 640) capture = o;
+        }
+        Stream stream(*filter, capture);
+        ASSERT_EQ(stream.Run(), STATUS_SUCCESS);
+        ASSERT_FALSE(stream.Collect(1).empty());
         Offer offer = StillOffer(c.width, c.compression);
         std::unique_ptr<kvsim::client::Pin> still;
         ASSERT_EQ(filter->CreatePin(KV_PIN_STILL, &offer.format.DataFormat, &still), STATUS_SUCCESS);
@@ -89,8 +98,11 @@ TEST_F(StillPin, ATriggerDeliversAStillOfTheStillsOwnSize)
         ASSERT_EQ(stills.size(), 1u);
         EXPECT_EQ(stills[0].data.size(), c.bytes);
         EXPECT_EQ(stills[0].header.PresentationTime.Time, 0) << "a still carries no time stamp";
+        EXPECT_EQ(stills[0].header.Duration, 0);
+        EXPECT_EQ(stills[0].header.OptionsFlags, ULONG(KSSTREAM_HEADER_OPTIONSF_SPLICEPOINT));
         EXPECT_NE(std::count(stills[0].data.begin(), stills[0].data.end(), 0), std::ptrdiff_t(c.bytes));
-        EXPECT_TRUE(event.IsSignalled());
+        EXPECT_TRUE(event.Wait(0));
+        EXPECT_FALSE(event.Wait(kvsim::kSecond / 2)) << "one event a still";
         EXPECT_EQ(fs::file_size(root_ / "snapshot.bmp"), 54u + 640 * 480 * 3) << "the frame, at the stream's size";
         event.Disable();
         still->SetState(KSSTATE_STOP);

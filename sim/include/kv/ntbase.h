@@ -186,6 +186,9 @@ static_assert(sizeof(OBJECT_ATTRIBUTES) == 48, "OBJECT_ATTRIBUTES x64 layout");
 #define OBJ_OPENIF 0x00000080L
 #define OBJ_OPENLINK 0x00000100L
 #define OBJ_KERNEL_HANDLE 0x00000200L
+// Access checks as for a user-mode caller even on a kernel handle; the
+// simulation has one user, who may open everything it maps.
+#define OBJ_FORCE_ACCESS_CHECK 0x00000400L
 
 #define InitializeObjectAttributes(p, n, a, r, s) \
     do {                                          \
