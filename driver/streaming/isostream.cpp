@@ -39,7 +39,8 @@ static_assert(sizeof(USBD_ISO_PACKET_DESCRIPTOR) == 12, "an isochronous packet d
 // Pan and zoom runs on frames up to this width.
 constexpr ULONG kPanZoomMaxWidth = 1280;
 constexpr LONG kFrameSemaphoreLimit = 0x7fffffff;
-// Stop waits 3 s for the frame thread and 5 s for the transfers.
+// Stop waits 3 s for the frame thread (then on, saying so, rather than free
+// what it uses) and 5 s for the transfers.
 constexpr LONGLONG kThreadExitWait = -30000000LL;
 constexpr LONGLONG kPendingIrpWait = -50000000LL;
 // The first two non-empty packets after start poison their frame.
@@ -617,7 +618,13 @@ NTSTATUS IsoStream::IsoUsb_StopIsoStream(UCHAR StopValue)
     KeReleaseSemaphore(&m_FrameSemaphore, IO_NO_INCREMENT, 1, TRUE);
     LARGE_INTEGER timeout;
     timeout.QuadPart = kThreadExitWait;
-    KeWaitForSingleObject(&m_ThreadExitEvent, Executive, KernelMode, FALSE, &timeout);
+    if (KeWaitForSingleObject(&m_ThreadExitEvent, Executive, KernelMode, FALSE, &timeout) == STATUS_TIMEOUT) {
+        // The thread is still inside a frame (a picture file on a slow
+        // disk, say) and uses the buffers freed below: freeing them now
+        // would be a use after free, so the wait goes on until it leaves.
+        DbgPrint("IsoUsb_StopIsoStream: the frame thread is late\n");
+        KeWaitForSingleObject(&m_ThreadExitEvent, Executive, KernelMode, FALSE, nullptr);
+    }
     KeInitializeSemaphore(&m_FrameSemaphore, 0, kFrameSemaphoreLimit);
     ReleaseStream();
     return STATUS_SUCCESS;
