@@ -148,10 +148,18 @@ FrameLoop::FrameLoop()
       m_BadFrames(0),
       m_JpegFailures(0),
       m_NoBufferFrames(0),
-      m_PhotoFrames()
+      m_PhotoFrames(),
+      m_pFaceTracker(nullptr)
 {
     InitEffectState(&m_Effects);
     InitPhotoFrameState(&m_PhotoFrames, 0);
+}
+
+// A device that goes away with a tracker still held (its stream never
+// reached run-to-pause) gives the tracker's memory back here.
+FrameLoop::~FrameLoop()
+{
+    FaceTrackStop(m_pFaceTracker);
 }
 
 void FrameLoop::ResetCounters()
@@ -245,6 +253,9 @@ void FrameWorker::Run()
         // Settings may change again from the first frame of a stream on.
         m_pDevice->m_Requests.m_ControlReady = 1;
         ClearTrackingWhereItCannotRun();
+        if (static_cast<ULONG>(Slot(m_pDevice, SLOT_TRACKING_METHOD)) != kTrackingFace) {
+            FaceTrackPassed(m_Loop.m_pFaceTracker);
+        }
         Delivery delivery = {};
         if (!TakeDelivery(&delivery)) {
             continue;
@@ -458,7 +469,8 @@ void FrameWorker::RgbStages(const Stages& s)
                 PanZoomFrame(m_Stream.m_pPanZoomWork, m_pDevice->m_Settings.m_Property, pA, kPanZoomRgbFrame);
             }
         } else if (s.tracking == kTrackingFace) {
-            FaceTrackFrame(pB, pA, m_Width, m_Height, m_pDevice->m_Settings.m_TrackingWindowSize);
+            FaceTrackFrame(m_Loop.m_pFaceTracker, pB, pA, m_Width, m_Height,
+                           m_pDevice->m_Settings.m_TrackingWindowSize);
         }
     }
     if (s.countdown > 0 && (m_pContext->StillPinExists() || m_pDevice->m_SelfTimer.m_CountdownDisplay != 0)) {
