@@ -18,6 +18,7 @@
 #include "controls/settings.h"
 #include "device/formats.h"
 #include "imaging/facedetect.h"
+#include "imaging/facetracking.h"
 #include "imaging/primitives.h"
 #include "media_files.h"
 #include "system.h"
@@ -56,16 +57,12 @@ void KvFaceDetect(benchmark::State& state)
     kv::InitPrimitives();
     const std::vector<UCHAR> rgb = PhotographRgb();
     kv::FaceDetector* detector = nullptr;
-    if (rgb.empty() || kv::CreateFaceDetector(&detector, kv::FaceSearch{1, 2, 2, 20.0, 100.0}) != STATUS_SUCCESS) {
+    if (rgb.empty() || kv::CreateFaceDetector(&detector, FaceTrackSearch(2)) != STATUS_SUCCESS) {
         state.SkipWithError("the photograph or the detector could not be had");
         return;
     }
     for (auto _ : state) {
-        kv::BeginFacePicture(detector);
-        kv::SetFaceMinSize(detector, 20.0);
-        kv::DetectFaces(detector, rgb.data(), kWidth, kHeight);
-        kv::SetFaceMinSize(detector, 40.0);
-        kv::DetectFaces(detector, rgb.data(), kWidth, kHeight);
+        FaceTrackDetect(detector, 2, rgb.data(), kWidth, kHeight);
         benchmark::DoNotOptimize(kv::FaceCount(detector));
     }
     state.counters["faces"] = double(kv::FaceCount(detector));

@@ -17,8 +17,7 @@ constexpr double kStillDistance = 10.0;     // percent: a face this close keeps 
 constexpr double kStillSize = 2.0;
 constexpr double kMatchDistance = 50.0;     // percent: the same face in two detections
 constexpr double kMatchSize = 5.0;
-constexpr double kSmallFaces = 20.0;        // detector mode 2 searches twice: from 20, then from 40 pixels
-constexpr double kLargerFaces = 40.0;
+constexpr double kLargerFaces = 40.0;       // detector mode 2 searches again from 40 pixels
 constexpr ULONG kBoxThicknessDivisor = 64;  // the face box's lines are W / 64 thick
 constexpr ULONG kRgbBytes = 3;
 constexpr ULONG kSearchTwiceMode = 2;
@@ -35,7 +34,7 @@ struct DetectorSetup {
 const DetectorSetup kDetectorModes[] = {
     {1, 2, 2, 15.0, 100.0},  // 0: smaller faces too
     {1, 2, 3, 20.0, 100.0},  // 1: fewer false faces
-    {1, 2, 2, 20.0, 100.0},  // 2: faces from 20 and from 40 pixels (two searches)
+    {1, 2, 2, 20.0, 100.0},  // 2: faces from 20, then again from 40 pixels
 };
 constexpr ULONG kDefaultMode = 2;
 
@@ -110,15 +109,9 @@ bool FindTrackedFace(FaceTracker* p, LONG* pX, LONG* pY, LONG* pSize)
     return best >= 0;
 }
 
-void Detect(FaceTracker* p, const UCHAR* pSource)
+ULONG KnownMode(ULONG mode)
 {
-    BeginFacePicture(p->pDetector);
-    if (p->mode == kSearchTwiceMode) {
-        SetFaceMinSize(p->pDetector, kSmallFaces);
-        DetectFaces(p->pDetector, pSource, p->width, p->height);
-        SetFaceMinSize(p->pDetector, kLargerFaces);
-    }
-    DetectFaces(p->pDetector, pSource, p->width, p->height);
+    return mode < sizeof(kDetectorModes) / sizeof(kDetectorModes[0]) ? mode : kDefaultMode;
 }
 
 // A target centre whose shown part (hw, hh either way) would leave the
@@ -137,7 +130,7 @@ LONG PushInside(LONG centre, LONG half, LONG side)
 void ChooseTarget(FaceTracker* p, const UCHAR* pSource)
 {
     const LONG W = static_cast<LONG>(p->width), H = static_cast<LONG>(p->height);
-    Detect(p, pSource);
+    FaceTrackDetect(p->pDetector, p->mode, pSource, p->width, p->height);
     LONG x = 0, y = 0, size = 0;
     p->following = FindTrackedFace(p, &x, &y, &size);
     if (!p->following) {
@@ -242,6 +235,24 @@ void DrawThumbnail(const FaceTracker* p, const UCHAR* pSource, PUCHAR pFrame, UL
 
 }  // namespace
 
+FaceSearch FaceTrackSearch(ULONG DetectorMode)
+{
+    const DetectorSetup& setup = kDetectorModes[KnownMode(DetectorMode)];
+    return {setup.columnStep, setup.rowStep, setup.minHits, setup.minSize, setup.maxSize};
+}
+
+void FaceTrackDetect(FaceDetector* pDetector, ULONG DetectorMode, const UCHAR* pFrame, ULONG Width, ULONG Height)
+{
+    const ULONG mode = KnownMode(DetectorMode);
+    BeginFacePicture(pDetector);
+    SetFaceMinSize(pDetector, kDetectorModes[mode].minSize);
+    DetectFaces(pDetector, pFrame, Width, Height);
+    if (mode == kSearchTwiceMode) {
+        SetFaceMinSize(pDetector, kLargerFaces);
+        DetectFaces(pDetector, pFrame, Width, Height);
+    }
+}
+
 bool SameFace(double x1, double y1, double size1, double x2, double y2, double size2, double distancePercent,
               double sizePercent)
 {
@@ -260,17 +271,14 @@ NTSTATUS FaceTrackStart(FaceTracker** ppTracker, ULONG Width, ULONG Height, ULON
     if (*ppTracker != nullptr) {
         return STATUS_SUCCESS;
     }
-    const ULONG mode = DetectorMode < sizeof(kDetectorModes) / sizeof(kDetectorModes[0]) ? DetectorMode : kDefaultMode;
-    const DetectorSetup& setup = kDetectorModes[mode];
     auto* p = static_cast<FaceTracker*>(AllocImageBuffer(sizeof(FaceTracker)));
     if (p == nullptr) {
         DbgPrint("FaceTracking: Memory allocating fail, exit.\n");
         return STATUS_INSUFFICIENT_RESOURCES;
     }
     RtlZeroMemory(p, sizeof(FaceTracker));
-    p->mode = mode;
-    const FaceSearch search = {setup.columnStep, setup.rowStep, setup.minHits, setup.minSize, setup.maxSize};
-    NTSTATUS status = CreateFaceDetector(&p->pDetector, search);
+    p->mode = KnownMode(DetectorMode);
+    NTSTATUS status = CreateFaceDetector(&p->pDetector, FaceTrackSearch(p->mode));
     if (NT_SUCCESS(status) && !AllocResizeWork(p, Width, Height)) {
         status = STATUS_INSUFFICIENT_RESOURCES;
     }

@@ -9,6 +9,7 @@
 // The state belongs to one stream (the frame loop's), so it needs no lock:
 // only the stream's frame thread uses it between start and stop.
 #pragma once
+#include "imaging/facedetect.h"
 #include "wdk.h"
 
 struct FaceTracker;
@@ -36,6 +37,13 @@ void FaceTrackShownPart(const FaceTracker* pTracker, double* pCentreX, double* p
 
 // At run-to-pause: frees everything and clears the pointer.
 void FaceTrackStop(FaceTracker*& pTracker);
+
+// What a detection frame of the detector mode does, for tools and tests:
+// the search the mode sets a detector up with, and the searches it runs
+// on one frame (the list begun afresh; the faces left in the detector).
+kv::FaceSearch FaceTrackSearch(ULONG DetectorMode);
+void FaceTrackDetect(kv::FaceDetector* pDetector, ULONG DetectorMode, const UCHAR* pFrame, ULONG Width,
+                     ULONG Height);
 
 // True when the centres lie within distancePercent of the larger size of
 // each other (compared as squares) and the smaller size grown by

@@ -26,11 +26,8 @@ struct Face {
 std::vector<kv::FaceBox> Detect(const Picture& p)
 {
     kv::FaceDetector* detector = nullptr;
-    EXPECT_EQ(kv::CreateFaceDetector(&detector, kv::FaceSearch{1, 2, 2, 20.0, 100.0}), STATUS_SUCCESS);
-    kv::BeginFacePicture(detector);
-    EXPECT_EQ(kv::DetectFaces(detector, p.rgb.data(), p.width, p.height), STATUS_SUCCESS);
-    kv::SetFaceMinSize(detector, 40.0);
-    EXPECT_EQ(kv::DetectFaces(detector, p.rgb.data(), p.width, p.height), STATUS_SUCCESS);
+    EXPECT_EQ(kv::CreateFaceDetector(&detector, FaceTrackSearch(2)), STATUS_SUCCESS);
+    FaceTrackDetect(detector, 2, p.rgb.data(), p.width, p.height);
     std::vector<kv::FaceBox> faces(kv::Faces(detector), kv::Faces(detector) + kv::FaceCount(detector));
     kv::FreeFaceDetector(detector);
     return faces;
