@@ -349,8 +349,9 @@ NTSTATUS SearchLevel(FaceDetector* p, LONG level)
 bool Similar(const Hit& a, const Hit& b)
 {
     const double delta = kGroupShare * Smaller(a.size, b.size);
-    auto near = [delta](LONG u, LONG v) { return (u > v ? u - v : v - u) <= delta; };
-    return near(a.x, b.x) && near(a.y, b.y) && near(a.x + a.size, b.x + b.size) && near(a.y + a.size, b.y + b.size);
+    auto within = [delta](LONG u, LONG v) { return (u > v ? u - v : v - u) <= delta; };
+    return within(a.x, b.x) && within(a.y, b.y) && within(a.x + a.size, b.x + b.size) &&
+           within(a.y + a.size, b.y + b.size);
 }
 
 LONG FindGroup(Hit* pHits, LONG i)
