@@ -13,6 +13,8 @@ ExternalProject_Add(kvdrv_windows
   CMAKE_ARGS -DKV_WINDOWS=ON
              -DCMAKE_TOOLCHAIN_FILE=${CMAKE_SOURCE_DIR}/cmake/toolchain-mingw64.cmake
              -DCMAKE_BUILD_TYPE=Release
+             -DKV_CASCADE_TABLE_CPP=${KV_CASCADE_TABLE_CPP}
+  DEPENDS kv_cascade_table
   BUILD_ALWAYS ON
   INSTALL_COMMAND "")
 set(KV_WINDOWS_SYS ${KV_WINDOWS_BINARY_DIR}/driver/kvdrv.sys CACHE INTERNAL "")

@@ -21,6 +21,8 @@ KV_DEPS=(
   "libyuv-dev:"
   "nlohmann-json3-dev:"
   "ffmpeg:ffprobe"
+  "opencv-data:"
+  "libopencv-dev:"
 )
 
 kv_missing_packages() {

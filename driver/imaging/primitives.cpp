@@ -918,6 +918,11 @@ void InitPrimitives()
     g_Path = Avx2Usable() ? PrimitivesPath::Avx2 : PrimitivesPath::Sse2;
 }
 
+void RunOnPath(void (*pWork)(PrimitivesPath path, void* pContext), void* pContext)
+{
+    OnPath([&](PrimitivesPath path) { pWork(path, pContext); });
+}
+
 PrimitivesPath CurrentPrimitivesPath()
 {
     return g_Path;

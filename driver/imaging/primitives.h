@@ -165,6 +165,10 @@ enum class PrimitivesPath { Scalar, Sse2, Avx2 };
 // else SSE2 (every x64 processor has it), which is also the path until then.
 void InitPrimitives();
 PrimitivesPath CurrentPrimitivesPath();
+// Calls pWork(path, pContext) once, with the path whose kernels it may use
+// now: for AVX2, inside a save of the AVX state (SSE2 when that save
+// fails). For the other imaging units' vector kernels (face detection).
+void RunOnPath(void (*pWork)(PrimitivesPath path, void* pContext), void* pContext);
 // Tests and benchmarks: use `path` from now on. False (and no change) when
 // this machine cannot run it.
 bool SetPrimitivesPathForTest(PrimitivesPath path);

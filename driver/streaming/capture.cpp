@@ -592,7 +592,9 @@ NTSTATUS CCapturePin::PauseToRun(CapturePinContext* pContext)
         DbgPrint("CCapturePin::SetState(Pause to Run) - Bandwidth negotiation fail.\n");
         return STATUS_INSUFFICIENT_RESOURCES;
     }
-    FaceTrackStart(static_cast<ULONG>(width), static_cast<ULONG>(height));
+    // Tracking that cannot start leaves frames alone; the stream runs anyway.
+    FaceTrackStart(&pDevice->m_FrameLoop.m_pFaceTracker, static_cast<ULONG>(width), static_cast<ULONG>(height),
+                   pDevice->m_Settings.m_TrackingFocus);
     pDevice->m_Settings.CheckReadDef();
 
     pContext->StopByte = 0;
@@ -639,7 +641,7 @@ void CCapturePin::RunToPause(CapturePinContext* pContext)
     // and a still not yet served does not wait for the next stream.
     pDevice->m_SelfTimer.CancelCountdown();
     pDevice->m_SelfTimer.m_StillRequest = 0;
-    FaceTrackRelease();
+    FaceTrackStop(pDevice->m_FrameLoop.m_pFaceTracker);
 }
 
 void CCapturePin::ToStop(CapturePinContext* pContext)

@@ -133,10 +133,18 @@ FrameLoop::FrameLoop()
       m_BadFrames(0),
       m_JpegFailures(0),
       m_NoBufferFrames(0),
-      m_PhotoFrames()
+      m_PhotoFrames(),
+      m_pFaceTracker(nullptr)
 {
     InitEffectState(&m_Effects);
     InitPhotoFrameState(&m_PhotoFrames, 0);
+}
+
+// A device that goes away with a tracker still held (its stream never
+// reached run-to-pause) gives the tracker's memory back here.
+FrameLoop::~FrameLoop()
+{
+    FaceTrackStop(m_pFaceTracker);
 }
 
 void FrameLoop::ResetCounters()
@@ -225,6 +233,9 @@ void FrameWorker::Run()
         // Settings may change again from the first frame of a stream on.
         m_pDevice->m_Requests.m_ControlReady = 1;
         ClearTrackingWhereItCannotRun();
+        if (static_cast<ULONG>(Slot(m_pDevice, SLOT_TRACKING_METHOD)) != kTrackingFace) {
+            FaceTrackPassed(m_Loop.m_pFaceTracker);
+        }
         Delivery delivery = {};
         if (TakeDelivery(&delivery)) {
             ProcessOne(delivery);
@@ -412,6 +423,7 @@ void FrameWorker::DeliverUncompressed(Delivery& delivery, bool rgbOutput)
     context.pDeadPixels = &m_pContext->DeadPixels;
     context.DeadPixelPhase = m_Loop.m_FramesDelivered % kDeadPixelBands;
     context.pPanZoomWork = m_Stream.m_pPanZoomWork;
+    context.pFaceTracker = m_Loop.m_pFaceTracker;
     context.pProperty = m_pDevice->m_Settings.m_Property;
     context.pFrameReload = &m_pDevice->m_Requests.m_SpecialFrameReload;
     context.TrackingWindowSize = m_pDevice->m_Settings.m_TrackingWindowSize;

@@ -7,6 +7,7 @@
 #pragma once
 #include "wdk.h"
 #include "imaging/effects.h"
+#include "imaging/facetracking.h"
 #include "imaging/photoframes.h"
 
 class CCaptureDevice;
@@ -15,6 +16,7 @@ struct CapturePinContext;
 class FrameLoop {
 public:
     FrameLoop();
+    ~FrameLoop();
     FrameLoop(const FrameLoop&) = delete;
     FrameLoop& operator=(const FrameLoop&) = delete;
 
@@ -43,4 +45,7 @@ public:
     EffectState m_Effects;
     // The photo-frame and countdown overlays of the running stream.
     PhotoFrameState m_PhotoFrames;
+    // Face tracking's state for this stream, from the pin's pause-to-run to
+    // its run-to-pause (null: tracking leaves frames alone).
+    FaceTracker* m_pFaceTracker;
 };

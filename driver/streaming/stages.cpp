@@ -13,8 +13,6 @@ using namespace kv;
 
 namespace {
 
-constexpr ULONG kTrackingPanZoom = 1;
-constexpr ULONG kTrackingFace = 2;
 // Dead-pixel correction's fixed arguments: the neighbourhood margin, and
 // luma (not chroma) samples.
 constexpr ULONG kDeadPixelMargin = 12;
@@ -66,7 +64,7 @@ void RgbStages(const Stages& s, StageContext& c)
                 PanZoomFrame(c.pPanZoomWork, c.pProperty, c.pA, kPanZoomRgbFrame);
             }
         } else if (s.tracking == kTrackingFace) {
-            FaceTrackFrame(c.pB, c.pA, c.Width, c.Height, c.TrackingWindowSize);
+            FaceTrackFrame(c.pFaceTracker, c.pB, c.pA, c.Width, c.Height, c.TrackingWindowSize);
         }
     }
     if (s.countdown > 0 && c.ShowCountdown) {

@@ -10,10 +10,14 @@
 struct DeadPixelState;
 struct DeviceProperty;
 struct EffectState;
+struct FaceTracker;
 struct PhotoFrameState;
 
 // Effects and face tracking run on frames up to this width.
 constexpr ULONG kMaxProcessingWidth = 1280;
+// The tracking methods ("TrackingMethod"): digital pan and zoom, face tracking.
+constexpr ULONG kTrackingPanZoom = 1;
+constexpr ULONG kTrackingFace = 2;
 
 // The settings a frame's stages read, taken once per frame.
 struct Stages {
@@ -39,6 +43,7 @@ struct StageContext {
     DeadPixelState* pDeadPixels;
     ULONG DeadPixelPhase;    // which band is searched (frames delivered mod 4)
     PUCHAR pPanZoomWork;     // null for frames too wide for pan and zoom
+    FaceTracker* pFaceTracker;  // null: no face tracking this stream
     DeviceProperty* pProperty;
     PULONG pFrameReload;     // the user changed a frame's file: read it again
     ULONG TrackingWindowSize;

@@ -55,4 +55,9 @@ void PrintImageHelp();
 int RunFuzzCommand(std::span<const std::string_view> args);
 void PrintFuzzHelp();
 
+// `kvcam detect PICTURE [--json] [--out FILE.png]`: the driver's face
+// detector on one picture (detect_command.cpp).
+int RunDetectCommand(std::span<const std::string_view> args);
+void PrintDetectHelp();
+
 }  // namespace kvcam

@@ -29,7 +29,6 @@ namespace fs = std::filesystem;
 
 // The zoom and pan slots' command value: one step.
 constexpr LONG kCommandOn = 1;
-constexpr ULONG kTrackingPanZoom = 1;
 constexpr LONG kLargestZoomLevel = 61;  // 62 reads past the zoom table
 
 struct ImageOptions {

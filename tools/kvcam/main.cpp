@@ -43,6 +43,8 @@ constexpr Command kCommands[] = {
      kvcam::PrintControlsHelp},
     {"fuzz", "random isochronous packets or property requests against the driver", kvcam::RunFuzzCommand,
      kvcam::PrintFuzzHelp},
+    {"detect", "run the driver's face detector on a picture; list the faces", kvcam::RunDetectCommand,
+     kvcam::PrintDetectHelp},
 };
 
 void PrintHelp(std::FILE* out)
