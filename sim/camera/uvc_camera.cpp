@@ -723,7 +723,15 @@ std::vector<IsoPacket> UvcCamera::NextPackets(uint64_t time, uint64_t step, size
 
 // ---------------------------------------------------------------- interrupt, inspection
 
-void UvcCamera::QueueStatusPacket(std::vector<uint8_t> packet) { interrupt_.push_back(std::move(packet)); }
+void UvcCamera::QueueStatusPacket(std::vector<uint8_t> packet) {
+    std::lock_guard<std::mutex> guard(interruptLock_);
+    interrupt_.push_back(std::move(packet));
+}
+
+size_t UvcCamera::PendingInterruptPackets() const {
+    std::lock_guard<std::mutex> guard(interruptLock_);
+    return interrupt_.size();
+}
 
 void UvcCamera::QueueButton(bool pressed) {
     uint8_t vs = model_.streaming.empty() ? 1 : model_.streaming.front().number;
@@ -731,6 +739,7 @@ void UvcCamera::QueueButton(bool pressed) {
 }
 
 std::optional<std::vector<uint8_t>> UvcCamera::ReadInterrupt(size_t maxLength) {
+    std::lock_guard<std::mutex> guard(interruptLock_);
     if (!connected_ || interrupt_.empty()) return std::nullopt;
     auto p = std::move(interrupt_.front());
     interrupt_.pop_front();

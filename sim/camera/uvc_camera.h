@@ -70,6 +70,7 @@
 #include <array>
 #include <cstdint>
 #include <deque>
+#include <mutex>
 #include <map>
 #include <memory>
 #include <optional>
@@ -198,7 +199,7 @@ public:
     // The oldest packet, cut to maxLength; nullopt when none is queued (the
     // bus keeps the interrupt transfer pending, NAK).
     std::optional<std::vector<uint8_t>> ReadInterrupt(size_t maxLength);
-    size_t PendingInterruptPackets() const { return interrupt_.size(); }
+    size_t PendingInterruptPackets() const;
 
     // The extension unit's register file, for tests.
     uint8_t Register(uint8_t address) const { return registers_[address]; }
@@ -246,6 +247,9 @@ private:
     std::array<uint8_t, 256> registers_{};
     uint8_t selectedRegister_ = 0;
     uint8_t lastRegisterCommand_ = 0;
+    // Status packets: queued by a test's or a tool's thread, read by the
+    // bus on its own.
+    mutable std::mutex interruptLock_;
     std::deque<std::vector<uint8_t>> interrupt_;
     std::deque<std::pair<Fault, uint32_t>> faults_;
     std::unique_ptr<FrameSource> source_;

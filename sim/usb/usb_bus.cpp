@@ -320,8 +320,10 @@ void RunControl(const std::shared_ptr<Device>& dev, Pending* p) {
     std::vector<Done> done;
     {
         std::lock_guard<std::mutex> guard(dev->lock);
-        p->scheduled = 0;
+        // A cancel or an unplug may have completed and freed the request
+        // since this poll was scheduled: look it up before touching it.
         if (std::find(dev->pending.begin(), dev->pending.end(), p) == dev->pending.end()) return;
+        p->scheduled = 0;
         auto req = ControlOf(p->urb);
         std::vector<uint8_t> data(req->setup.wLength);
         bool in = (req->setup.bmRequestType & 0x80) != 0;
