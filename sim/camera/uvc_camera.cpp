@@ -599,6 +599,7 @@ UvcCamera::Stream* UvcCamera::StreamFor(uint8_t endpoint) {
 }
 
 bool UvcCamera::TakeFault(Fault f, uint32_t* amount) {
+    std::lock_guard<std::mutex> guard(faultLock_);
     for (auto it = faults_.begin(); it != faults_.end(); ++it) {
         if (it->first != f) continue;
         if (amount) *amount = it->second;
@@ -611,6 +612,7 @@ bool UvcCamera::TakeFault(Fault f, uint32_t* amount) {
 void UvcCamera::ArmFault(Fault fault, uint32_t amount) {
     if (fault == Fault::kStallPipe) { pipeStalled_ = true; return; }
     if (fault == Fault::kSurpriseRemoval) { connected_ = false; return; }
+    std::lock_guard<std::mutex> guard(faultLock_);
     faults_.emplace_back(fault, amount);
 }
 

@@ -68,6 +68,7 @@
 //   has no H.264 encoder.
 #pragma once
 #include <array>
+#include <atomic>
 #include <cstdint>
 #include <deque>
 #include <mutex>
@@ -239,8 +240,8 @@ private:
     CameraOptions options_;
     bool highSpeed_ = true;
     bool configured_ = false;
-    bool connected_ = true;
-    bool pipeStalled_ = false;
+    std::atomic<bool> connected_{true};   // the bus reads it on its own thread
+    std::atomic<bool> pipeStalled_{false};
     uvc::RequestError requestError_ = uvc::RequestError::kNoError;
     uint8_t streamError_ = 0;
     std::map<uint16_t, int64_t> values_;              // (entity << 8 | selector) -> current value
@@ -251,6 +252,8 @@ private:
     // bus on its own.
     mutable std::mutex interruptLock_;
     std::deque<std::vector<uint8_t>> interrupt_;
+    // Armed by a test's thread, taken by the bus's.
+    mutable std::mutex faultLock_;
     std::deque<std::pair<Fault, uint32_t>> faults_;
     std::unique_ptr<FrameSource> source_;
     std::vector<std::unique_ptr<Stream>> streams_;    // one per streaming interface
