@@ -306,9 +306,100 @@ LONG ApplyStage(const Sum* pSum, LONG sumStep, const float* pNorm, LONG normStep
     return STATUS_SUCCESS;
 }
 
+// ---- a cascade of stages ------------------------------------------------------
+
+struct CascadeJob {
+    const LONG* pSum;
+    LONG sumStep;
+    const float* pNorm;
+    LONG normStep;
+    UCHAR* pMask;
+    LONG maskStep;
+    ImageSize size;
+    const float* pThresholds;
+    HaarClassifier* const* ppStages;
+    LONG nStages;
+    LONG kept;
+};
+
+// Positions a strip of the picture holds: 21 integral rows of a strip's
+// windows (a 20-pixel window) take 12 KB, which stay in the first-level
+// cache from one row of positions to the next.
+constexpr LONG kCascadeStrip = 128;
+static_assert(kCascadeStrip % kHaarBlock == 0, "strips of whole vector blocks");
+
+// Every stage on one row of a strip's positions before the next row: the
+// windows of a row and of the rows below it read mostly the same integral
+// rows, which then stay in the cache through the whole cascade.
+void CascadeRows(CascadeJob& job, HaarKernel pKernel)
+{
+    LONG kept = 0;
+    for (LONG left = 0; left < job.size.width; left += kCascadeStrip) {
+        const LONG width = job.size.width - left < kCascadeStrip ? job.size.width - left : kCascadeStrip;
+        for (LONG y = 0; y < job.size.height; ++y) {
+            const int* pSumRow = reinterpret_cast<const int*>(Row(job.pSum, job.sumStep, y)) + left;
+            const float* pNormRow = Row(job.pNorm, job.normStep, y) + left;
+            UCHAR* pMaskRow = Row(job.pMask, job.maskStep, y) + left;
+            LONG rowKept = CountMarked(pMaskRow, job.maskStep, {width, 1});
+            for (LONG s = 0; s < job.nStages && rowKept != 0; ++s) {
+                if (job.pThresholds[s] <= kHaarAcceptAll) {
+                    continue;
+                }
+                const HaarStageRun stage = {job.ppStages[s]->pRun, static_cast<int>(job.ppStages[s]->nFeatures),
+                                            job.pThresholds[s]};
+                unsigned done = 0;
+                unsigned blocksKept = 0;
+                if (pKernel != nullptr) {
+                    const HaarRow row = {pSumRow, pNormRow, pMaskRow, static_cast<unsigned>(width)};
+                    done = pKernel(stage, row, &blocksKept);
+                }
+                rowKept = static_cast<LONG>(blocksKept);
+                for (LONG x = static_cast<LONG>(done); x < width; ++x) {
+                    if (pMaskRow[x] == 0) {
+                        continue;
+                    }
+                    if (StageKeeps(stage, pSumRow + x, pNormRow[x])) {
+                        ++rowKept;
+                    } else {
+                        pMaskRow[x] = 0;
+                    }
+                }
+            }
+            kept += rowKept;
+        }
+    }
+    job.kept = kept;
+}
+
 }  // namespace
 
 namespace kv {
+
+LONG ApplyHaarCascade(const LONG* pSum, LONG sumStep, const float* pNorm, LONG normStep, UCHAR* pMask,
+                      LONG maskStep, ImageSize size, LONG* pKept, const float* pThresholds,
+                      HaarClassifier* const* ppStages, LONG nStages)
+{
+    if (pSum == nullptr || pNorm == nullptr || pMask == nullptr || pKept == nullptr || pThresholds == nullptr ||
+        ppStages == nullptr || nStages <= 0 || !Positive(size) || sumStep % static_cast<LONG>(sizeof(LONG)) != 0 ||
+        !RowFits(normStep, size.width, sizeof(float)) || !RowFits(maskStep, size.width, 1)) {
+        return STATUS_INVALID_PARAMETER;
+    }
+    for (LONG s = 0; s < nStages; ++s) {
+        if (ppStages[s] == nullptr ||
+            !RowFits(sumStep, static_cast<LONGLONG>(size.width) + ppStages[s]->window.width, sizeof(LONG))) {
+            return STATUS_INVALID_PARAMETER;
+        }
+    }
+    for (LONG s = 0; s < nStages; ++s) {
+        PrepareCorners(ppStages[s], sumStep / static_cast<LONG>(sizeof(LONG)));
+    }
+    CascadeJob job = {pSum, sumStep, pNorm, normStep, pMask, maskStep, size, pThresholds, ppStages, nStages, 0};
+    RunOnPath([](PrimitivesPath path, void* pContext) {
+        CascadeRows(*static_cast<CascadeJob*>(pContext), HaarKernelFor(path));
+    }, &job);
+    *pKept = job.kept;
+    return STATUS_SUCCESS;
+}
 
 LONG SqrIntegral(const UCHAR* pSource, LONG sourceStep, LONG* pSum, LONG sumStep, ULONG* pSquares,
                  LONG squaresStep, ImageSize size)

@@ -77,4 +77,16 @@ LONG ApplyHaarClassifier(const LONG* pSum, LONG sumStep, const float* pNorm, LON
 LONG ApplyHaarClassifier(const float* pSum, LONG sumStep, const float* pNorm, LONG normStep, UCHAR* pMask,
                          LONG maskStep, ImageSize size, LONG* pKept, float threshold, HaarClassifier* pClassifier);
 
+// ---- a cascade of stages ------------------------------------------------------
+// The stages ppStages[0..nStages) in order at every position of `size` whose
+// mask byte is nonzero, stage s with threshold pThresholds[s]
+// (kHaarAcceptAll: skipped), each on the windows the ones before it kept:
+// the mask and *pKept come out exactly as from ApplyHaarClassifier with
+// each stage in turn on the 32-bit integral. It runs the whole cascade on a
+// row of positions before the next, so that the integral rows its windows
+// read stay in the cache.
+LONG ApplyHaarCascade(const LONG* pSum, LONG sumStep, const float* pNorm, LONG normStep, UCHAR* pMask,
+                      LONG maskStep, ImageSize size, LONG* pKept, const float* pThresholds,
+                      HaarClassifier* const* ppStages, LONG nStages);
+
 }  // namespace kv

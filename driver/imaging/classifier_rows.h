@@ -131,46 +131,98 @@ inline V RectSumLanes(const T* p, const int* corner)
            LoadLanes<V>(p + corner[3]);
 }
 
-// The stage on eight neighbouring windows: -1 in each lane it keeps.
+// A feature's value on eight neighbouring windows. Every feature is taken
+// as three rectangles: a feature of fewer has its unused ones zero
+// (HaarClassifierInit clears them), whose sum adds nothing. A fixed count
+// keeps the loop free of a branch that the mix of two- and three-rectangle
+// features would mispredict.
+inline Lanes8i FeatureLanes(const HaarFeatureRun& feature, const int* p)
+{
+    Lanes8i value = feature.weight[0] * RectSumLanes<Lanes8i>(p, feature.corner[0]);
+    value += feature.weight[1] * RectSumLanes<Lanes8i>(p, feature.corner[1]);
+    value += feature.weight[2] * RectSumLanes<Lanes8i>(p, feature.corner[2]);
+    return value;
+}
+
+inline Lanes8f LeafLanes(const HaarFeatureRun& feature, Lanes8i value, Lanes8f norm)
+{
+    const Lanes8f bound = feature.threshold * norm;
+    const Lanes8f below = Lanes8f{} + feature.below;
+    const Lanes8f above = Lanes8f{} + feature.above;
+    return __builtin_convertvector(value, Lanes8f) < bound ? below : above;
+}
+
+// The stage on two blocks of eight windows at once (-1 in each lane it
+// keeps): a block's leaves are added in feature order, one long chain of
+// additions; two independent chains keep the unit busy while each waits.
+inline void StageKeepsTwoBlocks(const HaarStageRun& stage, const int* pA, Lanes8f normA, const int* pB,
+                                Lanes8f normB, Lanes8i* pKeepA, Lanes8i* pKeepB)
+{
+    Lanes8f totalA = {}, totalB = {};
+    for (int f = 0; f < stage.nFeatures; ++f) {
+        const HaarFeatureRun& feature = stage.pFeatures[f];
+        totalA += LeafLanes(feature, FeatureLanes(feature, pA), normA);
+        totalB += LeafLanes(feature, FeatureLanes(feature, pB), normB);
+    }
+    *pKeepA = totalA >= stage.threshold;
+    *pKeepB = totalB >= stage.threshold;
+}
+
 inline Lanes8i StageKeepsLanes(const HaarStageRun& stage, const int* p, Lanes8f norm)
 {
     Lanes8f total = {};
     for (int f = 0; f < stage.nFeatures; ++f) {
         const HaarFeatureRun& feature = stage.pFeatures[f];
-        Lanes8i value = {};
-        for (int r = 0; r < feature.nRects; ++r) {
-            value += feature.weight[r] * RectSumLanes<Lanes8i>(p, feature.corner[r]);
-        }
-        const Lanes8f bound = feature.threshold * norm;
-        const Lanes8f below = Lanes8f{} + feature.below;
-        const Lanes8f above = Lanes8f{} + feature.above;
-        total += __builtin_convertvector(value, Lanes8f) < bound ? below : above;
+        total += LeafLanes(feature, FeatureLanes(feature, p), norm);
     }
     return total >= stage.threshold;
+}
+
+// The block's verdicts into its mask bytes; returns the candidates left.
+inline unsigned ApplyBlock(unsigned char* pMask, Lanes8i keep)
+{
+    unsigned kept = 0;
+    for (unsigned i = 0; i < kHaarBlock; ++i) {
+        if (pMask[i] != 0 && keep[i] != 0) {
+            ++kept;
+        } else {
+            pMask[i] = 0;
+        }
+    }
+    return kept;
 }
 
 inline unsigned HaarRowLanes(const HaarStageRun& stage, const HaarRow& row, unsigned* pKept)
 {
     unsigned kept = 0;
     const unsigned blocks = row.width / kHaarBlock;
-    // A block with a single candidate left is still evaluated whole: eight
-    // lanes cost about what one window costs alone.
+    // Blocks with no candidate are skipped; the others go two at a time,
+    // however far apart. A block with a single candidate left is still
+    // evaluated whole: eight lanes cost about what one window costs alone.
+    unsigned waiting = blocks;
     for (unsigned b = 0; b < blocks; ++b) {
         const unsigned x = b * kHaarBlock;
-        unsigned char* pMask = row.pMask + x;
         unsigned long long word = 0;
-        __builtin_memcpy(&word, pMask, sizeof word);
+        __builtin_memcpy(&word, row.pMask + x, sizeof word);
         if (word == 0) {
             continue;
         }
-        const Lanes8i keep = StageKeepsLanes(stage, row.pIntegral + x, LoadLanes<Lanes8f>(row.pNorm + x));
-        for (unsigned i = 0; i < kHaarBlock; ++i) {
-            if (pMask[i] != 0 && keep[i] != 0) {
-                ++kept;
-            } else {
-                pMask[i] = 0;
-            }
+        if (waiting == blocks) {
+            waiting = b;
+            continue;
         }
+        const unsigned w = waiting * kHaarBlock;
+        Lanes8i keepW, keepX;
+        StageKeepsTwoBlocks(stage, row.pIntegral + w, LoadLanes<Lanes8f>(row.pNorm + w), row.pIntegral + x,
+                            LoadLanes<Lanes8f>(row.pNorm + x), &keepW, &keepX);
+        kept += ApplyBlock(row.pMask + w, keepW);
+        kept += ApplyBlock(row.pMask + x, keepX);
+        waiting = blocks;
+    }
+    if (waiting != blocks) {
+        const unsigned w = waiting * kHaarBlock;
+        kept += ApplyBlock(row.pMask + w,
+                           StageKeepsLanes(stage, row.pIntegral + w, LoadLanes<Lanes8f>(row.pNorm + w)));
     }
     *pKept = kept;
     return blocks * kHaarBlock;

@@ -2,11 +2,11 @@
 // picture, rows top-down, once per picture; each level of the pyramid is
 // that picture reduced so that the cascade's fixed window covers faces of
 // one size, with its integral images, the spread of every window and a
-// mask of the window positions still in the running. The stages run on
-// the mask in bands of rows, so that a band the early stages emptied costs
-// nothing afterwards (most windows fall at the first two stages). The
-// positions that pass every stage are hits; hits of about the same place
-// and size are grouped into faces.
+// mask of the window positions still in the running. The whole cascade
+// runs on one row of positions before the next (ApplyHaarCascade), so the
+// integral rows its windows read stay in the cache. The positions that
+// pass every stage are hits; hits of about the same place and size are
+// grouped into faces.
 #include "imaging/facedetect.h"
 
 #include "imaging/cascade.h"
@@ -26,8 +26,6 @@ constexpr LONG kMostLevels = 64;
 constexpr LONG kMostStages = 64;
 constexpr LONG kMostHits = 2048;
 constexpr LONG kMostFaces = 32;
-constexpr LONG kBandRows = 8;
-constexpr LONG kMostBands = 4096;
 // Hits grouped together: corners and sizes within this share of the
 // smaller size (the usual rule of cascade detectors).
 constexpr double kGroupShare = 0.2;
@@ -74,7 +72,6 @@ struct kv::FaceDetector {
     float* pNorm;
     UCHAR* pMask;
     LONG sumStep, normStep, maskStep;
-    LONG bandKept[kMostBands];
 
     // The picture in hand.
     bool greyReady;
@@ -238,20 +235,6 @@ void MakeLevel(FaceDetector* p, ImageSize level, double scale)
     }
 }
 
-LONG BandHasCandidates(const FaceDetector* p, LONG band, ImageSize positions)
-{
-    const LONG end = Smaller((band + 1) * kBandRows, positions.height);
-    for (LONG y = band * kBandRows; y < end; ++y) {
-        const UCHAR* pRow = p->pMask + static_cast<SIZE_T>(y) * p->maskStep;
-        for (LONG x = 0; x < positions.width; ++x) {
-            if (pRow[x] != 0) {
-                return 1;
-            }
-        }
-    }
-    return 0;
-}
-
 void AddHit(FaceDetector* p, LONG x, LONG y, LONG level, double scale)
 {
     if (p->nHits >= kMostHits) {
@@ -280,66 +263,24 @@ NTSTATUS SearchLevel(FaceDetector* p, LONG level)
     if (!NT_SUCCESS(status)) {
         return status;
     }
-    const LONG nBands = (positions.height + kBandRows - 1) / kBandRows;
-    for (LONG b = 0; b < nBands && b < kMostBands; ++b) {
-        const LONG top = b * kBandRows;
-        const ImageSize band = {positions.width, Smaller(kBandRows, positions.height - top)};
-        UCHAR* pMask = p->pMask + static_cast<SIZE_T>(top) * p->maskStep;
-        SetImage(0, pMask, p->maskStep, band);
-        for (LONG y = 0; y < band.height; ++y) {
-            if ((top + y) % p->search.rowStep != 0) {
-                continue;
-            }
-            for (LONG x = 0; x < band.width; x += p->search.columnStep) {
-                pMask[static_cast<SIZE_T>(y) * p->maskStep + x] = 1;
-            }
-        }
-        p->bandKept[b] = 1;
-    }
-    // Each stage runs once over every run of bands that still hold
-    // candidates (one call a run: a call saves and restores the vector
-    // state, which costs more than a band of empty rows).
-    const LONG bands = Smaller(nBands, kMostBands);
-    for (LONG s = 0; s < p->nStages; ++s) {
-        LONG left = 0;
-        for (LONG b = 0; b < bands;) {
-            if (p->bandKept[b] == 0) {
-                ++b;
-                continue;
-            }
-            LONG end = b;
-            while (end < bands && p->bandKept[end] != 0) {
-                ++end;
-            }
-            const LONG top = b * kBandRows;
-            const ImageSize run = {positions.width, Smaller(end * kBandRows, positions.height) - top};
-            LONG kept = 0;
-            status = ApplyHaarClassifier(
-                reinterpret_cast<const LONG*>(reinterpret_cast<const UCHAR*>(p->pSum) + static_cast<SIZE_T>(top) * p->sumStep),
-                p->sumStep, reinterpret_cast<const float*>(reinterpret_cast<const UCHAR*>(p->pNorm) + static_cast<SIZE_T>(top) * p->normStep),
-                p->normStep, p->pMask + static_cast<SIZE_T>(top) * p->maskStep, p->maskStep, run, &kept,
-                p->pCascade->pStageThresholds[s], p->pStages[s]);
-            if (!NT_SUCCESS(status)) {
-                return status;
-            }
-            left += kept;
-            // Which of the run's bands still hold candidates.
-            for (LONG k = b; k < end; ++k) {
-                p->bandKept[k] = BandHasCandidates(p, k, positions);
-            }
-            b = end;
-        }
-        if (left == 0) {
-            return STATUS_SUCCESS;
+    SetImage(0, p->pMask, p->maskStep, positions);
+    for (LONG y = 0; y < positions.height; y += p->search.rowStep) {
+        UCHAR* pRow = p->pMask + static_cast<SIZE_T>(y) * p->maskStep;
+        for (LONG x = 0; x < positions.width; x += p->search.columnStep) {
+            pRow[x] = 1;
         }
     }
-    for (LONG b = 0; b < nBands && b < kMostBands; ++b) {
-        for (LONG y = b * kBandRows; p->bandKept[b] != 0 && y < Smaller((b + 1) * kBandRows, positions.height); ++y) {
-            const UCHAR* pRow = p->pMask + static_cast<SIZE_T>(y) * p->maskStep;
-            for (LONG x = 0; x < positions.width; ++x) {
-                if (pRow[x] != 0) {
-                    AddHit(p, x, y, level, scale);
-                }
+    LONG kept = 0;
+    status = ApplyHaarCascade(p->pSum, p->sumStep, p->pNorm, p->normStep, p->pMask, p->maskStep, positions, &kept,
+                              p->pCascade->pStageThresholds, p->pStages, p->nStages);
+    if (!NT_SUCCESS(status)) {
+        return status;
+    }
+    for (LONG y = 0; y < positions.height && kept != 0; y += p->search.rowStep) {
+        const UCHAR* pRow = p->pMask + static_cast<SIZE_T>(y) * p->maskStep;
+        for (LONG x = 0; x < positions.width; ++x) {
+            if (pRow[x] != 0) {
+                AddHit(p, x, y, level, scale);
             }
         }
     }

@@ -1,9 +1,10 @@
 // The classifier primitives against sums taken pixel by pixel: integral
 // images, the windows' spread (both forms of the squared integral), and a
 // stage's verdicts (the mask, the kept count, the accept-all threshold, the
-// float integral) on every primitives path.
+// float integral) and a cascade's, on every primitives path.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <random>
 #include <vector>
@@ -124,6 +125,71 @@ TEST(Classifier, AStageClearsTheWindowsItRejectsAndCountsTheRest)
     }
     kv::HaarClassifierFree(stage);
     EXPECT_EQ(stage, nullptr);
+}
+
+// A cascade of random stages over a textured picture wider than one strip
+// of the cascade (with a ragged right edge): the same mask and count as the
+// stages applied one by one, on every path.
+TEST(Classifier, ACascadeKeepsWhatItsStagesKeepOneByOne)
+{
+    const Grey g = RandomGrey(300, 60, 11);
+    const kv::ImageSize positions{g.w - 20, g.h - 20};
+    std::mt19937 rng(5);
+    std::vector<kv::HaarClassifier*> stages;
+    std::vector<float> stageThresholds;
+    for (int s = 0; s < 6; ++s) {
+        const LONG n = 2 + s * 3;
+        std::vector<kv::ImageRect> rects;
+        std::vector<float> weights, thresholds, leaves;
+        std::vector<LONG> counts;
+        for (LONG f = 0; f < n; ++f) {
+            const LONG x = LONG(rng() % 10), y = LONG(rng() % 10), w = 2 + LONG(rng() % 8), h = 2 + LONG(rng() % 8);
+            const LONG nRects = 2 + LONG(rng() % 2);
+            rects.push_back({x, y, w, h});
+            weights.push_back(-1);
+            rects.push_back({x, y, w / 2 + 1, h});
+            weights.push_back(2);
+            if (nRects == 3) {
+                rects.push_back({x, y, w, h / 2 + 1});
+                weights.push_back(3);
+            }
+            counts.push_back(nRects);
+            thresholds.push_back(float(int(rng() % 200) - 100));
+            leaves.push_back(float(rng() % 100) / 50 - 1);
+            leaves.push_back(float(rng() % 100) / 50 - 1);
+        }
+        kv::HaarClassifier* stage = nullptr;
+        ASSERT_EQ(kv::HaarClassifierInit(&stage, rects.data(), weights.data(), thresholds.data(), leaves.data(),
+                                         counts.data(), n), 0);
+        stages.push_back(stage);
+        stageThresholds.push_back(s == 2 ? kv::kHaarAcceptAll : -0.3f * float(n) / 4);
+    }
+    std::vector<float> norm(size_t(positions.width) * positions.height);
+    for (float& v : norm) v = 1.0f + float(rng() % 40);
+    std::vector<UCHAR> marks(norm.size(), 0);
+    for (size_t i = 0; i < marks.size(); i += 1 + rng() % 3) marks[i] = UCHAR(1 + i % 5);
+    std::vector<UCHAR> first;
+    for (kv::PrimitivesPath path : facetest::RunnablePaths()) {
+        ASSERT_TRUE(kv::SetPrimitivesPathForTest(path));
+        SCOPED_TRACE("path " + std::to_string(int(path)));
+        std::vector<UCHAR> byStage = marks, cascade = marks;
+        LONG keptByStage = 0, keptCascade = -1;
+        for (size_t s = 0; s < stages.size(); ++s) {
+            ASSERT_EQ(kv::ApplyHaarClassifier(g.sum.data(), g.Step(), norm.data(), positions.width * 4,
+                                              byStage.data(), positions.width, positions, &keptByStage,
+                                              stageThresholds[s], stages[s]), 0);
+        }
+        ASSERT_EQ(kv::ApplyHaarCascade(g.sum.data(), g.Step(), norm.data(), positions.width * 4, cascade.data(),
+                                       positions.width, positions, &keptCascade, stageThresholds.data(),
+                                       stages.data(), LONG(stages.size())), 0);
+        EXPECT_EQ(cascade, byStage);
+        EXPECT_EQ(keptCascade, keptByStage);
+        EXPECT_GT(keptCascade, 0);
+        EXPECT_LT(keptCascade, std::count_if(marks.begin(), marks.end(), [](UCHAR m) { return m != 0; }));
+        if (first.empty()) first = cascade;
+        EXPECT_EQ(cascade, first);  // every path alike
+    }
+    for (kv::HaarClassifier*& stage : stages) kv::HaarClassifierFree(stage);
 }
 
 TEST(Classifier, StagesOutsideWhatTheEvaluatorHoldsAreRefused)
