@@ -19,6 +19,7 @@
 #include "capture_offers.h"
 #include "device/formats.h"
 #include "packet_feeder.h"
+#include "stream_loop.h"
 #include "system.h"
 
 namespace {
@@ -90,37 +91,7 @@ void Stream(benchmark::State& state, Size size, bool rgb)
         return;
     }
     const ULONG compression = rgb ? 0 : kv::kFourccYuy2;
-    std::unique_ptr<kvsim::client::Pin> pin;
-    kvsim::client::MasterClock clock;
-    ULONG bufferSize = 0;
-    for (auto& offer : kvharness::CaptureOffers(*system.filter())) {
-        if (offer.Compression() == compression && offer.Width() == LONG(size.width) &&
-            offer.Height() == LONG(size.height)) {
-            system.filter()->CreatePin(KV_PIN_CAPTURE, &offer.format.DataFormat, &pin);
-            bufferSize = offer.ImageSize();
-            break;
-        }
-    }
-    if (!pin || pin->SetMasterClock(clock.handle()) != STATUS_SUCCESS || pin->SetState(KSSTATE_RUN) != STATUS_SUCCESS) {
-        state.SkipWithError("the capture pin did not run");
-        return;
-    }
-    pin->QueueBuffers(4, bufferSize);
-    int64_t frames = 0;
-    for (auto _ : state) {
-        if (!pin->WaitForFrames(1, 10 * kvsim::kSecond)) {
-            state.SkipWithError("no frame within 10 s");
-            break;
-        }
-        for (auto& f : pin->CollectFrames()) {
-            frames += f.status == STATUS_SUCCESS;
-            pin->QueueBuffers(1, bufferSize);
-        }
-    }
-    pin->SetState(KSSTATE_STOP);
-    pin->Close();
-    system.Shutdown();
-    state.SetItemsProcessed(frames);
+    kvbench::StreamFrames(state, system, compression, size.width, size.height);
 }
 
 void RegisterAll()

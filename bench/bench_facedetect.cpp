@@ -21,6 +21,7 @@
 #include "imaging/facetracking.h"
 #include "imaging/primitives.h"
 #include "media_files.h"
+#include "stream_loop.h"
 #include "system.h"
 #include "tunnel.h"
 #ifdef KV_HAVE_OPENCV
@@ -111,37 +112,7 @@ void StreamFaceTrack(benchmark::State& state)
         state.SkipWithError("tracking could not be switched on");
         return;
     }
-    std::unique_ptr<kvsim::client::Pin> pin;
-    kvsim::client::MasterClock clock;
-    ULONG bufferSize = 0;
-    for (auto& offer : kvharness::CaptureOffers(*system.filter())) {
-        if (offer.Compression() == kv::kFourccYuy2 && offer.Width() == LONG(kWidth) &&
-            offer.Height() == LONG(kHeight)) {
-            system.filter()->CreatePin(KV_PIN_CAPTURE, &offer.format.DataFormat, &pin);
-            bufferSize = offer.ImageSize();
-            break;
-        }
-    }
-    if (!pin || pin->SetMasterClock(clock.handle()) != STATUS_SUCCESS || pin->SetState(KSSTATE_RUN) != STATUS_SUCCESS) {
-        state.SkipWithError("the capture pin did not run");
-        return;
-    }
-    pin->QueueBuffers(4, bufferSize);
-    int64_t frames = 0;
-    for (auto _ : state) {
-        if (!pin->WaitForFrames(1, 10 * kvsim::kSecond)) {
-            state.SkipWithError("no frame within 10 s");
-            break;
-        }
-        for (auto& f : pin->CollectFrames()) {
-            frames += f.status == STATUS_SUCCESS;
-            pin->QueueBuffers(1, bufferSize);
-        }
-    }
-    pin->SetState(KSSTATE_STOP);
-    pin->Close();
-    system.Shutdown();
-    state.SetItemsProcessed(frames);
+    kvbench::StreamFrames(state, system, kv::kFourccYuy2, kWidth, kHeight);
 }
 
 BENCHMARK(KvFaceDetect)->Name("Compare/FaceDetect/kv/640x480")->Unit(benchmark::kMillisecond);

@@ -619,22 +619,27 @@ NTSTATUS DeviceSettings::ResetTrackingAndTimer()
 
 // "CustomerFrame" + decimal (Index - 7) under "\Property\Last"; indexes 7-11
 // give the digits 0-4, of which the photo-frame reader uses 1-4.
-NTSTATUS DeviceSettings::SaveSpecialFrameString(ULONG Index, PCWSTR pText, ULONG Count)
+void CustomerFrameValueName(ULONG Index, WCHAR (&Name)[CUSTOMER_FRAME_NAME_UNITS])
 {
-    if (Index < CUSTOMER_FRAME_FIRST_INDEX || Index > CUSTOMER_FRAME_LAST_INDEX || pText == nullptr || Count == 0) {
-        DbgPrint("SaveSpecialFrameString: invalid index %u or text\n", Index);
-        return STATUS_INVALID_PARAMETER;
-    }
-    WCHAR nameBuffer[24];
     UNICODE_STRING name;
-    RtlInitEmptyUnicodeString(&name, nameBuffer, sizeof(nameBuffer) - sizeof(WCHAR));
+    RtlInitEmptyUnicodeString(&name, Name, sizeof(Name) - sizeof(WCHAR));
     RtlAppendUnicodeToString(&name, L"CustomerFrame");
     WCHAR digitBuffer[4];
     UNICODE_STRING digit;
     RtlInitEmptyUnicodeString(&digit, digitBuffer, sizeof(digitBuffer));
     RtlIntegerToUnicodeString(Index - CUSTOMER_FRAME_FIRST_INDEX, 10, &digit);
     RtlAppendUnicodeStringToString(&name, &digit);
-    nameBuffer[name.Length / sizeof(WCHAR)] = 0;
+    Name[name.Length / sizeof(WCHAR)] = 0;
+}
+
+NTSTATUS DeviceSettings::SaveSpecialFrameString(ULONG Index, PCWSTR pText, ULONG Count)
+{
+    if (Index < CUSTOMER_FRAME_FIRST_INDEX || Index > CUSTOMER_FRAME_LAST_INDEX || pText == nullptr || Count == 0) {
+        DbgPrint("SaveSpecialFrameString: invalid index %u or text\n", Index);
+        return STATUS_INVALID_PARAMETER;
+    }
+    WCHAR nameBuffer[CUSTOMER_FRAME_NAME_UNITS];
+    CustomerFrameValueName(Index, nameBuffer);
 
     RegistryKeyPath path;
     path.OpenRoot(KV_REGISTRY_SERVICE);

@@ -118,6 +118,9 @@ constexpr ULONG TRACKING_FOCUS_DEFAULT = 2;
 // them by index 7-11 (digits 0-4 of the value name).
 constexpr ULONG CUSTOMER_FRAME_FIRST_INDEX = 7;
 constexpr ULONG CUSTOMER_FRAME_LAST_INDEX = 11;
+// The value name of index 7..11: "CustomerFrame" and the index's digit.
+constexpr ULONG CUSTOMER_FRAME_NAME_UNITS = 24;
+void CustomerFrameValueName(ULONG Index, WCHAR (&Name)[CUSTOMER_FRAME_NAME_UNITS]);
 
 // Photo frame 11 is the last of the user's own frames; choosing it asks the
 // frame loop to read its picture file again, since the user may have just

@@ -197,16 +197,8 @@ NTSTATUS ReadBitmap(PUNICODE_STRING pPath, Origin From, ULONG Width, ULONG Heigh
 // gave (at most 260 bytes, not necessarily terminated) as a counted string.
 NTSTATUS ReadUserFramePath(ULONG FrameNumber, PWCHAR pText, PUSHORT pcbText)
 {
-    WCHAR nameBuffer[24];
-    UNICODE_STRING name;
-    RtlInitEmptyUnicodeString(&name, nameBuffer, sizeof(nameBuffer) - sizeof(WCHAR));
-    RtlAppendUnicodeToString(&name, L"CustomerFrame");
-    WCHAR digitBuffer[4];
-    UNICODE_STRING digit;
-    RtlInitEmptyUnicodeString(&digit, digitBuffer, sizeof(digitBuffer));
-    RtlIntegerToUnicodeString(FrameNumber - CUSTOMER_FRAME_FIRST_INDEX, 10, &digit);
-    RtlAppendUnicodeStringToString(&name, &digit);
-    nameBuffer[name.Length / sizeof(WCHAR)] = 0;
+    WCHAR nameBuffer[CUSTOMER_FRAME_NAME_UNITS];
+    CustomerFrameValueName(FrameNumber, nameBuffer);
 
     RegistryKeyPath path;
     path.OpenRoot(KV_REGISTRY_SERVICE);
