@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "imaging/primitives.h"
+#include "measure.h"
 #include "wdm.h"
 #ifdef KV_HAVE_LIBYUV
 #include <libyuv.h>
@@ -29,15 +30,6 @@ using Bytes = std::vector<UCHAR>;
 using kv::PrimitivesPath;
 
 constexpr int kWarmUpFrames = 50;
-
-// Runs `frame` untimed, then once per iteration.
-template <class Frame>
-void Measure(benchmark::State& state, Frame frame)
-{
-    for (int i = 0; i < kWarmUpFrames; ++i) frame();
-    for (auto _ : state) frame();
-    state.SetItemsProcessed(state.iterations());
-}
 
 struct FrameSize {
     ULONG width, height;
@@ -67,29 +59,29 @@ void KvYuy2ToBgr24(benchmark::State& state, FrameSize s)
 {
     const Bytes yuy2 = RandomFrame(size_t(2) * s.width * s.height);
     Bytes bgr(size_t(3) * s.width * s.height);
-    Measure(state, [&] {
+    kvbench::Measure(state, [&] {
         KvYuy2ToBottomUpBgr24(yuy2, bgr, s);
         benchmark::DoNotOptimize(bgr.data());
-    });
+    }, kWarmUpFrames);
 }
 
 void KvBgr24ToYuy2(benchmark::State& state, FrameSize s)
 {
     const Bytes bgr = RandomFrame(size_t(3) * s.width * s.height);
     Bytes yuy2(size_t(2) * s.width * s.height);
-    Measure(state, [&] {
+    kvbench::Measure(state, [&] {
         kv::Rgb24ToYuy2BottomUp(bgr.data(), 3 * s.width, yuy2.data(), 2 * s.width, s.width, s.height);
         benchmark::DoNotOptimize(yuy2.data());
-    });
+    }, kWarmUpFrames);
 }
 
 void MirrorOnly(benchmark::State& state, FrameSize s)
 {
     Bytes bgr = RandomFrame(size_t(3) * s.width * s.height);
-    Measure(state, [&] {
+    kvbench::Measure(state, [&] {
         kv::MirrorInPlace(bgr.data(), LONG(3 * s.width), s.width, s.height, kv::kMirrorAxisRows);
         benchmark::DoNotOptimize(bgr.data());
-    });
+    }, kWarmUpFrames);
 }
 
 #ifdef KV_HAVE_LIBYUV
@@ -111,10 +103,10 @@ void LibyuvYuy2ToBgr24(benchmark::State& state, FrameSize s)
         state.SkipWithError("kv and libyuv give different bytes");
         return;
     }
-    Measure(state, [&] {
+    kvbench::Measure(state, [&] {
         LibyuvYuy2ToBottomUpBgr24(yuy2, argb, bgr, s);
         benchmark::DoNotOptimize(bgr.data());
-    });
+    }, kWarmUpFrames);
 }
 
 void LibyuvBgr24ToYuy2(benchmark::State& state, FrameSize s)
@@ -122,11 +114,11 @@ void LibyuvBgr24ToYuy2(benchmark::State& state, FrameSize s)
     const int w = int(s.width), h = int(s.height);
     const Bytes bgr = RandomFrame(size_t(3) * w * h);
     Bytes argb(size_t(4) * w * h), yuy2(size_t(2) * w * h);
-    Measure(state, [&] {
+    kvbench::Measure(state, [&] {
         libyuv::RGB24ToARGB(bgr.data(), 3 * w, argb.data(), 4 * w, w, -h);
         libyuv::ARGBToYUY2(argb.data(), 4 * w, yuy2.data(), 2 * w, w, h);
         benchmark::DoNotOptimize(yuy2.data());
-    });
+    }, kWarmUpFrames);
 }
 #endif
 

@@ -22,6 +22,7 @@
 #include "imaging/deadpixel.h"
 #include "imaging/panzoom.h"
 #include "imaging/primitives.h"
+#include "measure.h"
 #include "wdm.h"
 #ifdef KV_HAVE_LIBYUV
 #include <libyuv.h>
@@ -33,14 +34,6 @@ using Bytes = std::vector<UCHAR>;
 using kv::PrimitivesPath;
 
 constexpr int kWarmUpFrames = 20;
-
-template <class Frame>
-void Measure(benchmark::State& state, Frame frame)
-{
-    for (int i = 0; i < kWarmUpFrames; ++i) frame();
-    for (auto _ : state) frame();
-    state.SetItemsProcessed(state.iterations());
-}
 
 Bytes RandomFrame(size_t bytes)
 {
@@ -61,11 +54,11 @@ void KvResize(benchmark::State& state)
     kv::ResizeBufferSize(from, to, 3, kv::kInterpolationBilinear, &workSize);
     Bytes work(static_cast<size_t>(workSize));
     const double xf = double(kToW) / kFromW, yf = double(kToH) / kFromH;
-    Measure(state, [&] {
+    kvbench::Measure(state, [&] {
         kv::Resize(src.data(), kv::ImageSize{kFromW, kFromH}, 3 * kFromW, from, dst.data(), 3 * kToW, to, xf, yf,
                    0.5 / xf - 0.5, 0.5 / yf - 0.5, kv::kInterpolationBilinear, work.data());
         benchmark::DoNotOptimize(dst.data());
-    });
+    }, kWarmUpFrames);
 }
 
 #ifdef KV_HAVE_LIBYUV
@@ -73,11 +66,11 @@ void LibyuvResize(benchmark::State& state)
 {
     const Bytes src = RandomFrame(size_t(4) * kFromW * kFromH);
     Bytes dst(size_t(4) * kToW * kToH);
-    Measure(state, [&] {
+    kvbench::Measure(state, [&] {
         libyuv::ARGBScale(src.data(), 4 * kFromW, kFromW, kFromH, dst.data(), 4 * kToW, kToW, kToH,
                           libyuv::kFilterBilinear);
         benchmark::DoNotOptimize(dst.data());
-    });
+    }, kWarmUpFrames);
 }
 #endif
 
@@ -85,10 +78,10 @@ void KvRotate(benchmark::State& state, LONG quarters, ULONG w, ULONG h)
 {
     const Bytes src = RandomFrame(size_t(3) * w * h);
     Bytes dst(src.size());
-    Measure(state, [&] {
+    kvbench::Measure(state, [&] {
         kv::RotateFrame(quarters, w, h, dst.data(), src.data());
         benchmark::DoNotOptimize(dst.data());
-    });
+    }, kWarmUpFrames);
 }
 
 // A YUY2 frame of mid-grey luma with a few dozen bright defects; frame k
@@ -104,11 +97,11 @@ void KvDeadPixel(benchmark::State& state)
     auto pState = std::make_unique<DeadPixelState>();
     ResetDeadPixelState(pState.get());
     ULONG phase = 0;
-    Measure(state, [&] {
+    kvbench::Measure(state, [&] {
         std::copy(original.begin(), original.end(), frame.begin());
         CorrectDeadPixels(frame.data(), pState.get(), w, h, phase++ % kDeadPixelBands, 12, 0);
         benchmark::DoNotOptimize(frame.data());
-    });
+    }, kWarmUpFrames);
 }
 
 void KvPanZoom(benchmark::State& state)
@@ -121,10 +114,10 @@ void KvPanZoom(benchmark::State& state)
     property.Slot[SLOT_ZOOM_SWITCH] = 1;
     property.Slot[SLOT_ZOOM_LEVEL] = 41;
     Bytes frame = RandomFrame(size_t(3) * w * h);
-    Measure(state, [&] {
+    kvbench::Measure(state, [&] {
         PanZoomFrame(work.data(), &property, frame.data(), kPanZoomRgbFrame);
         benchmark::DoNotOptimize(frame.data());
-    });
+    }, kWarmUpFrames);
 }
 
 // Runs `body` with `path` chosen, then goes back to InitPrimitives' choice.
