@@ -132,7 +132,7 @@ std::string OutputName(const ImageOptions& o, uint64_t index)
 {
     if (!o.all || IsY4m(o.output)) return o.output;
     const fs::path p(o.output);
-    char suffix[16];
+    char suffix[24];
     std::snprintf(suffix, sizeof suffix, "-%04llu", static_cast<unsigned long long>(index + 1));
     return (p.parent_path() / (p.stem().string() + suffix + p.extension().string())).string();
 }
