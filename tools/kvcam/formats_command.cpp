@@ -26,14 +26,7 @@ void PrintFormatsHelp()
 int RunFormatsCommand(std::span<const std::string_view> args)
 {
     ParsedSystemOptions parsed = ParseSystemOptions(args);
-    bool json = false;
-    for (std::string_view a : parsed.rest) {
-        if (a == "--json") {
-            json = true;
-        } else if (parsed.error.empty()) {
-            parsed.error = "unexpected argument '" + std::string(a) + "'";
-        }
-    }
+    const bool json = TakeJsonOnly(parsed);
     return RunOnSystem("formats", parsed, [json](kvharness::System& system) {
         FormatsReport report = CollectFormats(system);
         std::string out = json ? JsonText(FormatsJson(report)) + "\n" : FormatsTable(report);

@@ -371,14 +371,7 @@ void PrintControlsHelp()
 int RunControlsCommand(std::span<const std::string_view> args)
 {
     ParsedSystemOptions parsed = ParseSystemOptions(args);
-    bool json = false;
-    for (std::string_view a : parsed.rest) {
-        if (a == "--json") {
-            json = true;
-        } else if (parsed.error.empty()) {
-            parsed.error = "unexpected argument '" + std::string(a) + "'";
-        }
-    }
+    const bool json = TakeJsonOnly(parsed);
     return RunOnSystem("controls", parsed, [json, &parsed](kvharness::System& system) {
         if (!system.started() || system.OpenFilter() != STATUS_SUCCESS) {
             std::fprintf(stderr, "kvcam controls: the device did not start\n");

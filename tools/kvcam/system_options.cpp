@@ -121,6 +121,19 @@ ParsedSystemOptions ParseSystemOptions(std::span<const std::string_view> args)
     return parsed;
 }
 
+bool TakeJsonOnly(ParsedSystemOptions& parsed)
+{
+    bool json = false;
+    for (std::string_view a : parsed.rest) {
+        if (a == "--json") {
+            json = true;
+        } else if (parsed.error.empty()) {
+            parsed.error = "unexpected argument '" + std::string(a) + "'";
+        }
+    }
+    return json;
+}
+
 int RunOnSystem(const char* command, const ParsedSystemOptions& parsed,
                 const std::function<bool(kvharness::System&)>& body)
 {

@@ -34,6 +34,10 @@ struct ParsedSystemOptions {
 
 ParsedSystemOptions ParseSystemOptions(std::span<const std::string_view> args);
 
+// For commands whose only own option is --json: whether it was given; any
+// other argument becomes the usage error.
+bool TakeJsonOnly(ParsedSystemOptions& parsed);
+
 // The common run of a command on the simulated system: reports usage and
 // input errors (exit 2 / 1), boots, calls `body` (which prints its report
 // and returns whether it succeeded), shuts down (the registry file saved),
