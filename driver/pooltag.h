@@ -54,7 +54,7 @@ constexpr ULONG kTagTransfer = PoolTag("KVto");
 constexpr ULONG kTagUrb = PoolTag("KVur");
 constexpr ULONG kTagTransferData = PoolTag("KVdb");
 // The interrupt endpoint: its URB and receive buffer, and each received
-// packet on its way to a work item.
+// packet on its way to a work item (and each still event raised from one).
 constexpr ULONG kTagInterrupt = PoolTag("KVit");
 constexpr ULONG kTagButtonWork = PoolTag("KVwk");
 // Image work areas: the picture operations' scratch and state buffers (the
