@@ -17,7 +17,6 @@
 #include "imaging/deadpixel.h"
 #include "imaging/effects.h"
 #include "imaging/facetracking.h"
-#include "imaging/panzoom.h"
 #include "imaging/photoframes.h"
 #include "imaging/primitives.h"
 #include "streaming/capture.h"
@@ -266,12 +265,8 @@ bool FrameWorker::TakeDelivery(Delivery* pDelivery)
     PKSPIN pCapture = m_pContext->pKsPin;
     PKSPIN pStill = nullptr;
     if (m_pDevice->m_SelfTimer.m_StillRequest != 0) {
-        pStill = static_cast<PKSPIN>(InterlockedCompareExchangePointer(
-            reinterpret_cast<PVOID volatile*>(&m_pDevice->m_pStillPin), nullptr, nullptr));
-    }
-    PKSSTREAM_POINTER pPointer = nullptr;
-    if (pStill != nullptr) {
-        // The pin's close waits until this frame is done with it.
+        // Counted before the pin is read, so that its close, which clears
+        // the pointer and then waits for the count, never frees it under us.
         InterlockedIncrement(&m_pDevice->m_StillPinUsers);
         pStill = static_cast<PKSPIN>(InterlockedCompareExchangePointer(
             reinterpret_cast<PVOID volatile*>(&m_pDevice->m_pStillPin), nullptr, nullptr));
@@ -279,6 +274,7 @@ bool FrameWorker::TakeDelivery(Delivery* pDelivery)
             InterlockedDecrement(&m_pDevice->m_StillPinUsers);
         }
     }
+    PKSSTREAM_POINTER pPointer = nullptr;
     if (pStill != nullptr) {
         pDelivery->stillPinHeld = true;
         m_pDevice->m_SelfTimer.m_StillRequest = 0;
