@@ -13,12 +13,22 @@ using namespace kv::imaging;
 
 static_assert(sizeof(LONG) == sizeof(int) && sizeof(ULONG) == sizeof(unsigned), "the row kernels see LONG as int");
 
+namespace {
+
+// A corner of a feature's rectangles, relative to the window's corner.
+struct CornerPoint {
+    LONG x;
+    LONG y;
+};
+
+}  // namespace
+
 struct kv::HaarClassifier {
     LONG nFeatures;
     ImageSize window;
     LONG cornersStep;  // the integral step (elements) the corners were made for; 0: none yet
-    HaarFeatureRun* pRun;
-    ImageRect* pRects;  // kHaarMostRects a feature
+    HaarFeatureRun* pRun;    // in the stored order: by the number of corners (below)
+    CornerPoint* pCorners;   // kHaarMostCorners a feature, in pRun's order
 };
 
 namespace {
@@ -216,11 +226,78 @@ void PrepareCorners(HaarClassifier* pClassifier, LONG step)
     }
     for (LONG f = 0; f < pClassifier->nFeatures; ++f) {
         HaarFeatureRun& run = pClassifier->pRun[f];
-        for (int r = 0; r < run.nRects; ++r) {
-            MakeCorners(pClassifier->pRects[f * kHaarMostRects + r], step, run.corner[r]);
+        const CornerPoint* pPoints = pClassifier->pCorners + f * kHaarMostCorners;
+        for (int k = 0; k < run.nCorners; ++k) {
+            run.corner[k] = pPoints[k].y * step + pPoints[k].x;
         }
     }
     pClassifier->cornersStep = step;
+}
+
+// A feature's rectangles as corners of the integral image, each with the
+// sum of the weights it carries (a rectangle's sum is its top-left and
+// bottom-right corners less the other two); corners whose weights cancel
+// are dropped. Returns the number of corners.
+int MergeCorners(const ImageRect* pRects, const float* pWeights, LONG nRects, CornerPoint* pPoints, int* pWeightsOut)
+{
+    int n = 0;
+    for (LONG r = 0; r < nRects; ++r) {
+        const ImageRect& box = pRects[r];
+        const int weight = static_cast<int>(pWeights[r]);
+        const CornerPoint points[4] = {{box.x, box.y}, {box.x + box.width, box.y}, {box.x, box.y + box.height},
+                                       {box.x + box.width, box.y + box.height}};
+        const int signs[4] = {1, -1, -1, 1};
+        for (int c = 0; c < 4; ++c) {
+            int k = 0;
+            while (k < n && (pPoints[k].x != points[c].x || pPoints[k].y != points[c].y)) {
+                ++k;
+            }
+            if (k == n) {
+                pPoints[n] = points[c];
+                pWeightsOut[n++] = 0;
+            }
+            pWeightsOut[k] += signs[c] * weight;
+        }
+    }
+    int kept = 0;
+    for (int k = 0; k < n; ++k) {
+        if (pWeightsOut[k] != 0) {
+            pPoints[kept] = pPoints[k];
+            pWeightsOut[kept++] = pWeightsOut[k];
+        }
+    }
+    return kept;
+}
+
+// The features in the stored order: those of fewer corners first, each
+// count in the stage's own order. A vector unit then meets long runs of
+// the same count, whose loops it predicts, and all paths add the leaves in
+// this one order, so they agree to the bit.
+void StoreFeatures(HaarClassifier* pClassifier, const ImageRect* pRects, const float* pWeights,
+                   const float* pThresholds, const float* pLeaves, const LONG* pRectCounts)
+{
+    LONG stored = 0;
+    for (int count = 0; count <= kHaarMostCorners; ++count) {
+        LONG rect = 0;
+        for (LONG f = 0; f < pClassifier->nFeatures; rect += pRectCounts[f], ++f) {
+            CornerPoint points[kHaarMostCorners];
+            int weights[kHaarMostCorners];
+            const int n = MergeCorners(pRects + rect, pWeights + rect, pRectCounts[f], points, weights);
+            if (n != count) {
+                continue;
+            }
+            HaarFeatureRun& run = pClassifier->pRun[stored];
+            run.nCorners = n;
+            for (int k = 0; k < n; ++k) {
+                pClassifier->pCorners[stored * kHaarMostCorners + k] = points[k];
+                run.coefficient[k] = static_cast<unsigned>(weights[k]);
+            }
+            run.threshold = pThresholds[f];
+            run.below = pLeaves[2 * f];
+            run.above = pLeaves[2 * f + 1];
+            ++stored;
+        }
+    }
 }
 
 LONG CountMarked(const UCHAR* pMask, LONG maskStep, ImageSize size)
@@ -454,29 +531,18 @@ LONG HaarClassifierInit(HaarClassifier** ppClassifier, const ImageRect* pRects, 
         }
     }
     const SIZE_T runBytes = sizeof(HaarFeatureRun) * static_cast<SIZE_T>(nFeatures);
-    const SIZE_T rectBytes = sizeof(ImageRect) * kHaarMostRects * static_cast<SIZE_T>(nFeatures);
-    auto* pBlock = static_cast<UCHAR*>(AllocImageBuffer(sizeof(HaarClassifier) + runBytes + rectBytes));
+    const SIZE_T cornerBytes = sizeof(CornerPoint) * kHaarMostCorners * static_cast<SIZE_T>(nFeatures);
+    auto* pBlock = static_cast<UCHAR*>(AllocImageBuffer(sizeof(HaarClassifier) + runBytes + cornerBytes));
     if (pBlock == nullptr) {
         return STATUS_INSUFFICIENT_RESOURCES;
     }
-    RtlZeroMemory(pBlock, sizeof(HaarClassifier) + runBytes + rectBytes);
+    RtlZeroMemory(pBlock, sizeof(HaarClassifier) + runBytes + cornerBytes);
     auto* pClassifier = reinterpret_cast<HaarClassifier*>(pBlock);
     pClassifier->nFeatures = nFeatures;
     pClassifier->window = window;
     pClassifier->pRun = reinterpret_cast<HaarFeatureRun*>(pBlock + sizeof(HaarClassifier));
-    pClassifier->pRects = reinterpret_cast<ImageRect*>(pBlock + sizeof(HaarClassifier) + runBytes);
-    rect = 0;
-    for (LONG f = 0; f < nFeatures; ++f) {
-        HaarFeatureRun& run = pClassifier->pRun[f];
-        run.nRects = static_cast<int>(pRectCounts[f]);
-        for (int r = 0; r < run.nRects; ++r, ++rect) {
-            run.weight[r] = static_cast<int>(pWeights[rect]);
-            pClassifier->pRects[f * kHaarMostRects + r] = pRects[rect];
-        }
-        run.threshold = pThresholds[f];
-        run.below = pLeaves[2 * f];
-        run.above = pLeaves[2 * f + 1];
-    }
+    pClassifier->pCorners = reinterpret_cast<CornerPoint*>(pBlock + sizeof(HaarClassifier) + runBytes);
+    StoreFeatures(pClassifier, pRects, pWeights, pThresholds, pLeaves, pRectCounts);
     *ppClassifier = pClassifier;
     return STATUS_SUCCESS;
 }

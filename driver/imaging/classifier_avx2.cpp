@@ -10,7 +10,9 @@ namespace kv::imaging {
 
 unsigned HaarRowAvx2(const HaarStageRun& stage, const HaarRow& row, unsigned* pKept)
 {
-    return HaarRowLanes(stage, row, pKept);
+    // Four blocks at a time: their values, totals and spreads fill twelve of
+    // the sixteen vector registers.
+    return HaarRowLanes<4>(stage, row, pKept);
 }
 
 unsigned SpreadRowAvx2(const SpreadRow& row)

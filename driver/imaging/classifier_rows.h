@@ -10,30 +10,38 @@
 // linker can never hand the AVX2 copy to a caller on a processor without it.
 //
 // The arithmetic is the same in every copy and in every lane, operation by
-// operation (integer sums, one conversion to float, one product, one
-// comparison, float additions in feature order; double precision for the
-// spread), so the scalar, SSE2 and AVX2 paths give the same bits.
+// operation (integer sums wrapping modulo 2^32, one conversion to float, one
+// product, one comparison, float additions in the stage's stored feature
+// order; double precision for the spread), so the scalar, SSE2 and AVX2
+// paths give the same bits.
 #pragma once
 
 namespace kv::imaging {
 
 constexpr int kHaarMostRects = 3;
+constexpr int kHaarMostCorners = 4 * kHaarMostRects;
 
-// One weak classifier: the weighted sum of its rectangles, compared with
-// threshold x the window's spread, picks one of two leaf values.
+// One weak classifier: the weighted sum of its rectangles' pixel sums,
+// compared with threshold x the window's spread, picks one of two leaf
+// values. The sum is read as the integral image at the rectangles' corners,
+// each corner once with the weights of the rectangles that share it added
+// up (classifier.cpp merges them): a two-rectangle feature reads 6 or 8
+// values instead of 8, a three-rectangle one 8 or 9 instead of 12.
 struct HaarFeatureRun {
-    int nRects;
-    int weight[kHaarMostRects];
-    // Each rectangle's corners in the integral image, in elements from the
-    // window's own corner: sum = [0] - [1] - [2] + [3].
-    int corner[kHaarMostRects][4];
+    int nCorners;
+    // Each corner in elements from the window's own corner, and its weight.
+    // Weights are unsigned: the products and their sum wrap modulo 2^32,
+    // and the feature's true value, which always fits an int, comes out
+    // exact whatever the integral values at the corners are.
+    int corner[kHaarMostCorners];
+    unsigned coefficient[kHaarMostCorners];
     float threshold;
     float below;  // the leaf when the feature value is below threshold x spread
     float above;
 };
 
 struct HaarStageRun {
-    const HaarFeatureRun* pFeatures;
+    const HaarFeatureRun* pFeatures;  // in the stage's stored order (classifier.cpp)
     int nFeatures;
     float threshold;  // the stage keeps a window whose leaves sum to at least this
 };
@@ -61,9 +69,10 @@ struct SpreadRow {
     double area;
 };
 
-// Row kernels: each handles the row's positions in blocks of eight and
-// returns how many it handled; classifier.cpp finishes the row. HaarRow
-// kernels return the handled count through *pKept too (candidates left).
+// Row kernels: each returns how many of the row's positions it handled;
+// classifier.cpp finishes the row. A HaarRow kernel handles a row of eight
+// or more positions whole and returns the candidates left through *pKept;
+// a SpreadRow kernel handles blocks of four.
 unsigned HaarRowSse2(const HaarStageRun& stage, const HaarRow& row, unsigned* pKept);
 unsigned HaarRowAvx2(const HaarStageRun& stage, const HaarRow& row, unsigned* pKept);
 unsigned SpreadRowSse2(const SpreadRow& row);
@@ -79,21 +88,40 @@ inline Sum RectSum(const Sum* p, const int* corner)
     return p[corner[0]] - p[corner[1]] - p[corner[2]] + p[corner[3]];
 }
 
+template <typename Sum>
+inline unsigned CornerValue(const Sum* p)
+{
+    return static_cast<unsigned>(*p);
+}
+
+// A float integral holds whole numbers, exact below 2^24; a value outside
+// an int's range (or not a number) reads as 0 rather than as undefined.
+inline unsigned CornerValue(const float* p)
+{
+    const float v = *p;
+    return v > -2147483648.0f && v < 2147483648.0f ? static_cast<unsigned>(static_cast<int>(v)) : 0u;
+}
+
+template <typename Sum>
+inline int FeatureValue(const HaarFeatureRun& feature, const Sum* p)
+{
+    unsigned value = 0;
+    for (int k = 0; k < feature.nCorners; ++k) {
+        value += feature.coefficient[k] * CornerValue(p + feature.corner[k]);
+    }
+    return static_cast<int>(value);
+}
+
 // The stage at the window whose integral corner is p: true when it stays a
-// candidate. Integer sums (Sum = int) are exact; float sums (Sum = float)
-// follow the same order.
+// candidate.
 template <typename Sum>
 inline bool StageKeeps(const HaarStageRun& stage, const Sum* p, float norm)
 {
     float total = 0.0f;
     for (int f = 0; f < stage.nFeatures; ++f) {
         const HaarFeatureRun& feature = stage.pFeatures[f];
-        Sum value = 0;
-        for (int r = 0; r < feature.nRects; ++r) {
-            value += static_cast<Sum>(feature.weight[r]) * RectSum(p, feature.corner[r]);
-        }
         const float bound = feature.threshold * norm;
-        total += static_cast<float>(value) < bound ? feature.below : feature.above;
+        total += static_cast<float>(FeatureValue(feature, p)) < bound ? feature.below : feature.above;
     }
     return total >= stage.threshold;
 }
@@ -107,7 +135,9 @@ inline bool StageKeeps(const HaarStageRun& stage, const Sum* p, float norm)
 #pragma GCC diagnostic ignored "-Wpsabi"
 
 typedef int Lanes8i __attribute__((vector_size(32)));
+typedef unsigned Lanes8u __attribute__((vector_size(32)));
 typedef float Lanes8f __attribute__((vector_size(32)));
+typedef signed char Lanes8c __attribute__((vector_size(8)));
 typedef int Lanes4i __attribute__((vector_size(16)));
 typedef unsigned Lanes4u __attribute__((vector_size(16)));
 typedef float Lanes4f __attribute__((vector_size(16)));
@@ -131,101 +161,129 @@ inline V RectSumLanes(const T* p, const int* corner)
            LoadLanes<V>(p + corner[3]);
 }
 
-// A feature's value on eight neighbouring windows. Every feature is taken
-// as three rectangles: a feature of fewer has its unused ones zero
-// (HaarClassifierInit clears them), whose sum adds nothing. A fixed count
-// keeps the loop free of a branch that the mix of two- and three-rectangle
-// features would mispredict.
-inline Lanes8i FeatureLanes(const HaarFeatureRun& feature, const int* p)
-{
-    Lanes8i value = feature.weight[0] * RectSumLanes<Lanes8i>(p, feature.corner[0]);
-    value += feature.weight[1] * RectSumLanes<Lanes8i>(p, feature.corner[1]);
-    value += feature.weight[2] * RectSumLanes<Lanes8i>(p, feature.corner[2]);
-    return value;
-}
+// Eight neighbouring windows of a row from `x`. Lanes before `first` were
+// decided by the block before: a row's last block is moved back to end at
+// the row's end, so that every window is evaluated in a whole vector.
+struct HaarBlock {
+    unsigned x;
+    unsigned first;
+};
 
-inline Lanes8f LeafLanes(const HaarFeatureRun& feature, Lanes8i value, Lanes8f norm)
+// The stage on B blocks at once (-1 in each lane it keeps). Each feature's
+// corners and weights are read once for all B blocks, and the B chains of
+// leaf additions are independent, which keeps the unit busy while each
+// waits. A block with a single candidate left is still evaluated whole:
+// eight lanes cost about what one window costs alone. The loops over the
+// blocks are unrolled (up to the largest group, four) so that each block's
+// vectors stay in registers rather than in arrays on the stack.
+template <unsigned B>
+inline void StageKeepsBlocks(const HaarStageRun& stage, const HaarRow& row, const HaarBlock* pBlocks, Lanes8i* pKeep)
 {
-    const Lanes8f bound = feature.threshold * norm;
-    const Lanes8f below = Lanes8f{} + feature.below;
-    const Lanes8f above = Lanes8f{} + feature.above;
-    return __builtin_convertvector(value, Lanes8f) < bound ? below : above;
-}
-
-// The stage on two blocks of eight windows at once (-1 in each lane it
-// keeps): a block's leaves are added in feature order, one long chain of
-// additions; two independent chains keep the unit busy while each waits.
-inline void StageKeepsTwoBlocks(const HaarStageRun& stage, const int* pA, Lanes8f normA, const int* pB,
-                                Lanes8f normB, Lanes8i* pKeepA, Lanes8i* pKeepB)
-{
-    Lanes8f totalA = {}, totalB = {};
+    const int* p[B];
+    Lanes8f norm[B], total[B];
+#pragma GCC unroll 4
+    for (unsigned b = 0; b < B; ++b) {
+        p[b] = row.pIntegral + pBlocks[b].x;
+        norm[b] = LoadLanes<Lanes8f>(row.pNorm + pBlocks[b].x);
+        total[b] = Lanes8f{};
+    }
     for (int f = 0; f < stage.nFeatures; ++f) {
         const HaarFeatureRun& feature = stage.pFeatures[f];
-        totalA += LeafLanes(feature, FeatureLanes(feature, pA), normA);
-        totalB += LeafLanes(feature, FeatureLanes(feature, pB), normB);
-    }
-    *pKeepA = totalA >= stage.threshold;
-    *pKeepB = totalB >= stage.threshold;
-}
-
-inline Lanes8i StageKeepsLanes(const HaarStageRun& stage, const int* p, Lanes8f norm)
-{
-    Lanes8f total = {};
-    for (int f = 0; f < stage.nFeatures; ++f) {
-        const HaarFeatureRun& feature = stage.pFeatures[f];
-        total += LeafLanes(feature, FeatureLanes(feature, p), norm);
-    }
-    return total >= stage.threshold;
-}
-
-// The block's verdicts into its mask bytes; returns the candidates left.
-inline unsigned ApplyBlock(unsigned char* pMask, Lanes8i keep)
-{
-    unsigned kept = 0;
-    for (unsigned i = 0; i < kHaarBlock; ++i) {
-        if (pMask[i] != 0 && keep[i] != 0) {
-            ++kept;
-        } else {
-            pMask[i] = 0;
+        Lanes8u value[B] = {};
+        for (int k = 0; k < feature.nCorners; ++k) {
+            const unsigned weight = feature.coefficient[k];
+            const int corner = feature.corner[k];
+#pragma GCC unroll 4
+            for (unsigned b = 0; b < B; ++b) {
+                value[b] += weight * LoadLanes<Lanes8u>(p[b] + corner);
+            }
         }
+        const Lanes8f below = Lanes8f{} + feature.below;
+        const Lanes8f above = Lanes8f{} + feature.above;
+#pragma GCC unroll 4
+        for (unsigned b = 0; b < B; ++b) {
+            const Lanes8f bound = feature.threshold * norm[b];
+            const Lanes8f v = __builtin_convertvector(reinterpret_cast<const Lanes8i&>(value[b]), Lanes8f);
+            total[b] += v < bound ? below : above;
+        }
+    }
+#pragma GCC unroll 4
+    for (unsigned b = 0; b < B; ++b) {
+        pKeep[b] = total[b] >= stage.threshold;
+    }
+}
+
+// The high bit of every nonzero byte of w.
+inline unsigned long long NonzeroBytes(unsigned long long w)
+{
+    constexpr unsigned long long kLow7 = 0x7F7F7F7F7F7F7F7Full;
+    return (((w & kLow7) + kLow7) | w) & ~kLow7;
+}
+
+// The block's verdicts into its mask bytes from lane `first` on (the
+// others are left as they are); returns the candidates left there.
+inline unsigned ApplyBlock(unsigned char* pMask, unsigned first, Lanes8i keep)
+{
+    const Lanes8c keepBytes = __builtin_convertvector(keep, Lanes8c);
+    unsigned long long keepWord = 0, word = 0;
+    __builtin_memcpy(&keepWord, &keepBytes, sizeof keepWord);
+    __builtin_memcpy(&word, pMask, sizeof word);
+    const unsigned long long lanes = ~0ull << (8 * first);
+    word &= keepWord | ~lanes;
+    __builtin_memcpy(pMask, &word, sizeof word);
+    // One bit per candidate at the top of its byte, counted by adding the
+    // bytes together in the top byte.
+    return static_cast<unsigned>(((NonzeroBytes(word & lanes) >> 7) * 0x0101010101010101ull) >> 56);
+}
+
+template <unsigned B>
+inline unsigned RunBlocks(const HaarStageRun& stage, const HaarRow& row, const HaarBlock* pBlocks)
+{
+    Lanes8i keep[B];
+    StageKeepsBlocks<B>(stage, row, pBlocks, keep);
+    unsigned kept = 0;
+    for (unsigned b = 0; b < B; ++b) {
+        kept += ApplyBlock(row.pMask + pBlocks[b].x, pBlocks[b].first, keep[b]);
     }
     return kept;
 }
 
+// A row of at least eight positions, whole (returns its width); a shorter
+// one is left to the caller (returns 0). Blocks with no candidate are
+// skipped; the others go Group at a time, however far apart.
+template <unsigned Group>
 inline unsigned HaarRowLanes(const HaarStageRun& stage, const HaarRow& row, unsigned* pKept)
 {
-    unsigned kept = 0;
-    const unsigned blocks = row.width / kHaarBlock;
-    // Blocks with no candidate are skipped; the others go two at a time,
-    // however far apart. A block with a single candidate left is still
-    // evaluated whole: eight lanes cost about what one window costs alone.
-    unsigned waiting = blocks;
-    for (unsigned b = 0; b < blocks; ++b) {
-        const unsigned x = b * kHaarBlock;
-        unsigned long long word = 0;
-        __builtin_memcpy(&word, row.pMask + x, sizeof word);
-        if (word == 0) {
-            continue;
-        }
-        if (waiting == blocks) {
-            waiting = b;
-            continue;
-        }
-        const unsigned w = waiting * kHaarBlock;
-        Lanes8i keepW, keepX;
-        StageKeepsTwoBlocks(stage, row.pIntegral + w, LoadLanes<Lanes8f>(row.pNorm + w), row.pIntegral + x,
-                            LoadLanes<Lanes8f>(row.pNorm + x), &keepW, &keepX);
-        kept += ApplyBlock(row.pMask + w, keepW);
-        kept += ApplyBlock(row.pMask + x, keepX);
-        waiting = blocks;
+    *pKept = 0;
+    if (row.width < kHaarBlock) {
+        return 0;
     }
-    if (waiting != blocks) {
-        const unsigned w = waiting * kHaarBlock;
-        kept += ApplyBlock(row.pMask + w,
-                           StageKeepsLanes(stage, row.pIntegral + w, LoadLanes<Lanes8f>(row.pNorm + w)));
+    const unsigned last = row.width - kHaarBlock;
+    HaarBlock waiting[Group];
+    unsigned nWaiting = 0, kept = 0;
+    for (unsigned x = 0; x < row.width; x += kHaarBlock) {
+        const HaarBlock block = x <= last ? HaarBlock{x, 0} : HaarBlock{last, x - last};
+        unsigned long long word = 0;
+        __builtin_memcpy(&word, row.pMask + block.x, sizeof word);
+        if ((word & (~0ull << (8 * block.first))) == 0) {
+            continue;
+        }
+        waiting[nWaiting++] = block;
+        if (nWaiting == Group) {
+            kept += RunBlocks<Group>(stage, row, waiting);
+            nWaiting = 0;
+        }
+    }
+    unsigned done = 0;
+    if (Group > 2 && nWaiting - done >= 2) {
+        kept += RunBlocks<2>(stage, row, waiting + done);
+        done += 2;
+    }
+    if (nWaiting > done) {
+        kept += RunBlocks<1>(stage, row, waiting + done);
     }
     *pKept = kept;
-    return blocks * kHaarBlock;
+    return row.width;
 }
 
 // Sqrt: the unit's square root of four doubles (correctly rounded, like

@@ -13,7 +13,8 @@ namespace kv::imaging {
 
 unsigned HaarRowSse2(const HaarStageRun& stage, const HaarRow& row, unsigned* pKept)
 {
-    return HaarRowLanes(stage, row, pKept);
+    // Two blocks at a time: each block's vectors take two registers here.
+    return HaarRowLanes<2>(stage, row, pKept);
 }
 
 unsigned SpreadRowSse2(const SpreadRow& row)
