@@ -27,6 +27,7 @@ struct kv::HaarClassifier {
     LONG nFeatures;
     ImageSize window;
     LONG cornersStep;  // the integral step (elements) the corners were made for; 0: none yet
+    HaarColumns cornersColumns;  // and the columns' layout
     HaarFeatureRun* pRun;    // in the stored order: by the number of corners (below)
     CornerPoint* pCorners;   // kHaarMostCorners a feature, in pRun's order
 };
@@ -219,19 +220,34 @@ bool RectInWindow(const ImageRect& r)
            r.y + r.height <= kLargestWindowSide;
 }
 
-void PrepareCorners(HaarClassifier* pClassifier, LONG step)
+// Where column dx of a window lies from the window's own column in a row
+// folded by `columns` (FoldColumns): its plane, columns with the same
+// remainder, starts after the planes of the smaller remainders.
+LONG FoldedColumn(LONG dx, HaarColumns columns)
 {
-    if (pClassifier->cornersStep == step) {
+    const LONG plane = dx % columns.step;
+    LONG start = 0;
+    for (LONG q = 0; q < plane; ++q) {
+        start += (columns.columns - q + columns.step - 1) / columns.step;
+    }
+    return start + dx / columns.step;
+}
+
+void PrepareCorners(HaarClassifier* pClassifier, LONG step, HaarColumns columns)
+{
+    if (pClassifier->cornersStep == step && pClassifier->cornersColumns.step == columns.step &&
+        pClassifier->cornersColumns.columns == columns.columns) {
         return;
     }
     for (LONG f = 0; f < pClassifier->nFeatures; ++f) {
         HaarFeatureRun& run = pClassifier->pRun[f];
         const CornerPoint* pPoints = pClassifier->pCorners + f * kHaarMostCorners;
         for (int k = 0; k < run.nCorners; ++k) {
-            run.corner[k] = pPoints[k].y * step + pPoints[k].x;
+            run.corner[k] = pPoints[k].y * step + FoldedColumn(pPoints[k].x, columns);
         }
     }
     pClassifier->cornersStep = step;
+    pClassifier->cornersColumns = columns;
 }
 
 // A feature's rectangles as corners of the integral image, each with the
@@ -369,7 +385,7 @@ LONG ApplyStage(const Sum* pSum, LONG sumStep, const float* pNorm, LONG normStep
         *pKept = CountMarked(pMask, maskStep, size);
         return STATUS_SUCCESS;
     }
-    PrepareCorners(pClassifier, sumStep / static_cast<LONG>(sizeof(Sum)));
+    PrepareCorners(pClassifier, sumStep / static_cast<LONG>(sizeof(Sum)), kHaarEveryColumn);
     StageJob<Sum> job = {pSum, sumStep, pNorm, normStep, pMask, maskStep, size,
                          {pClassifier->pRun, static_cast<int>(pClassifier->nFeatures), threshold}, 0};
     if (vectors) {
@@ -399,10 +415,12 @@ struct CascadeJob {
     LONG kept;
 };
 
-// Positions a strip of the picture holds: 21 integral rows of a strip's
-// windows (a 20-pixel window) take 12 KB, which stay in the first-level
-// cache from one row of positions to the next.
-constexpr LONG kCascadeStrip = 128;
+// Positions a strip of the picture holds. Each row of a strip reads every
+// stage's features again, so wider strips read them less often; 512 holds
+// a whole row of every level of a 640-pixel frame (measured: narrower
+// strips were slower), and the 21 integral rows of a strip's windows (a
+// 20-pixel window, 45 KB) stay in the second-level cache.
+constexpr LONG kCascadeStrip = 512;
 static_assert(kCascadeStrip % kHaarBlock == 0, "strips of whole vector blocks");
 
 // Every stage on one row of a strip's positions before the next row: the
@@ -448,13 +466,24 @@ void CascadeRows(CascadeJob& job, HaarKernel pKernel)
     job.kept = kept;
 }
 
+// The integral columns a row of `size` positions laid out by `columns`
+// reads for windows of `window`, or -1 when the layout is not one.
+LONGLONG ColumnsRead(ImageSize size, LONG window, HaarColumns columns)
+{
+    if (columns.step == 1) {
+        return static_cast<LONGLONG>(size.width) + window;
+    }
+    const LONGLONG reach = static_cast<LONGLONG>(size.width - 1) * columns.step + window + 1;
+    return columns.step > 1 && columns.step <= kLargestWindowSide && reach <= columns.columns ? columns.columns : -1;
+}
+
 }  // namespace
 
 namespace kv {
 
 LONG ApplyHaarCascade(const LONG* pSum, LONG sumStep, const float* pNorm, LONG normStep, UCHAR* pMask,
                       LONG maskStep, ImageSize size, LONG* pKept, const float* pThresholds,
-                      HaarClassifier* const* ppStages, LONG nStages)
+                      HaarClassifier* const* ppStages, LONG nStages, HaarColumns columns)
 {
     if (pSum == nullptr || pNorm == nullptr || pMask == nullptr || pKept == nullptr || pThresholds == nullptr ||
         ppStages == nullptr || nStages <= 0 || !Positive(size) || sumStep % static_cast<LONG>(sizeof(LONG)) != 0 ||
@@ -462,19 +491,41 @@ LONG ApplyHaarCascade(const LONG* pSum, LONG sumStep, const float* pNorm, LONG n
         return STATUS_INVALID_PARAMETER;
     }
     for (LONG s = 0; s < nStages; ++s) {
-        if (ppStages[s] == nullptr ||
-            !RowFits(sumStep, static_cast<LONGLONG>(size.width) + ppStages[s]->window.width, sizeof(LONG))) {
+        if (ppStages[s] == nullptr) {
+            return STATUS_INVALID_PARAMETER;
+        }
+        const LONGLONG read = ColumnsRead(size, ppStages[s]->window.width, columns);
+        if (read < 0 || !RowFits(sumStep, read, sizeof(LONG))) {
             return STATUS_INVALID_PARAMETER;
         }
     }
     for (LONG s = 0; s < nStages; ++s) {
-        PrepareCorners(ppStages[s], sumStep / static_cast<LONG>(sizeof(LONG)));
+        PrepareCorners(ppStages[s], sumStep / static_cast<LONG>(sizeof(LONG)), columns);
     }
     CascadeJob job = {pSum, sumStep, pNorm, normStep, pMask, maskStep, size, pThresholds, ppStages, nStages, 0};
     RunOnPath([](PrimitivesPath path, void* pContext) {
         CascadeRows(*static_cast<CascadeJob*>(pContext), HaarKernelFor(path));
     }, &job);
     *pKept = job.kept;
+    return STATUS_SUCCESS;
+}
+
+LONG FoldColumns(const LONG* pSource, LONG sourceStep, LONG* pDestination, LONG destinationStep, ImageSize size,
+                 LONG step)
+{
+    if (pSource == nullptr || pDestination == nullptr || !Positive(size) || step < 1 ||
+        !RowFits(sourceStep, size.width, sizeof(LONG)) || !RowFits(destinationStep, size.width, sizeof(LONG))) {
+        return STATUS_INVALID_PARAMETER;
+    }
+    for (LONG y = 0; y < size.height; ++y) {
+        const LONG* pIn = Row(pSource, sourceStep, y);
+        LONG* pOut = Row(pDestination, destinationStep, y);
+        for (LONG plane = 0; plane < step; ++plane) {
+            for (LONG x = plane; x < size.width; x += step) {
+                *pOut++ = pIn[x];
+            }
+        }
+    }
     return STATUS_SUCCESS;
 }
 

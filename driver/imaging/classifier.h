@@ -77,16 +77,36 @@ LONG ApplyHaarClassifier(const LONG* pSum, LONG sumStep, const float* pNorm, LON
 LONG ApplyHaarClassifier(const float* pSum, LONG sumStep, const float* pNorm, LONG normStep, UCHAR* pMask,
                          LONG maskStep, ImageSize size, LONG* pKept, float threshold, HaarClassifier* pClassifier);
 
+// ---- positions every few columns ------------------------------------------------
+// Window positions every `step`-th column are searched on an integral image
+// whose rows are folded: columns 0, step, 2 step, ... first, then 1,
+// step + 1, ..., and so on. Neighbouring positions then read neighbouring
+// elements at every corner, as they do at step 1, and eight of them fill a
+// vector. FoldColumns folds `size` (the integral's columns x rows) from
+// pSource into pDestination (which must not overlap it).
+LONG FoldColumns(const LONG* pSource, LONG sourceStep, LONG* pDestination, LONG destinationStep, ImageSize size,
+                 LONG step);
+
+// Where a search's positions lie on the integral's columns: every `step`-th
+// column of an integral of `columns` columns folded by FoldColumns; step 1
+// is the plain layout (columns then unused).
+struct HaarColumns {
+    LONG step;
+    LONG columns;
+};
+constexpr HaarColumns kHaarEveryColumn = {1, 0};
+
 // ---- a cascade of stages ------------------------------------------------------
 // The stages ppStages[0..nStages) in order at every position of `size` whose
 // mask byte is nonzero, stage s with threshold pThresholds[s]
 // (kHaarAcceptAll: skipped), each on the windows the ones before it kept:
 // the mask and *pKept come out exactly as from ApplyHaarClassifier with
-// each stage in turn on the 32-bit integral. It runs the whole cascade on a
-// row of positions before the next, so that the integral rows its windows
-// read stay in the cache.
+// each stage in turn on the 32-bit integral (position j of a row being the
+// integral's column j x columns.step). It runs the whole cascade on a row
+// of positions before the next, so that the integral rows its windows read
+// stay in the cache.
 LONG ApplyHaarCascade(const LONG* pSum, LONG sumStep, const float* pNorm, LONG normStep, UCHAR* pMask,
                       LONG maskStep, ImageSize size, LONG* pKept, const float* pThresholds,
-                      HaarClassifier* const* ppStages, LONG nStages);
+                      HaarClassifier* const* ppStages, LONG nStages, HaarColumns columns);
 
 }  // namespace kv

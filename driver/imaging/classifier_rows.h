@@ -249,8 +249,10 @@ inline unsigned RunBlocks(const HaarStageRun& stage, const HaarRow& row, const H
 }
 
 // A row of at least eight positions, whole (returns its width); a shorter
-// one is left to the caller (returns 0). Blocks with no candidate are
-// skipped; the others go Group at a time, however far apart.
+// one is left to the caller (returns 0). Each block starts at the next
+// candidate rather than on a multiple of eight: candidates come in runs
+// (around a face, along an edge), and a run then fills fewer blocks. The
+// blocks go Group at a time, however far apart.
 template <unsigned Group>
 inline unsigned HaarRowLanes(const HaarStageRun& stage, const HaarRow& row, unsigned* pKept)
 {
@@ -261,14 +263,18 @@ inline unsigned HaarRowLanes(const HaarStageRun& stage, const HaarRow& row, unsi
     const unsigned last = row.width - kHaarBlock;
     HaarBlock waiting[Group];
     unsigned nWaiting = 0, kept = 0;
-    for (unsigned x = 0; x < row.width; x += kHaarBlock) {
-        const HaarBlock block = x <= last ? HaarBlock{x, 0} : HaarBlock{last, x - last};
+    for (unsigned x = 0; x < row.width;) {
+        const unsigned at = x <= last ? x : last;
         unsigned long long word = 0;
-        __builtin_memcpy(&word, row.pMask + block.x, sizeof word);
-        if ((word & (~0ull << (8 * block.first))) == 0) {
+        __builtin_memcpy(&word, row.pMask + at, sizeof word);
+        word &= ~0ull << (8 * (x - at));  // lanes before x are done
+        if (word == 0) {
+            x = at + kHaarBlock;
             continue;
         }
-        waiting[nWaiting++] = block;
+        const unsigned start = at + static_cast<unsigned>(__builtin_ctzll(word)) / 8;
+        waiting[nWaiting++] = start <= last ? HaarBlock{start, 0} : HaarBlock{last, start - last};
+        x = start + kHaarBlock;
         if (nWaiting == Group) {
             kept += RunBlocks<Group>(stage, row, waiting);
             nWaiting = 0;

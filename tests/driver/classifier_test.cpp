@@ -127,68 +127,139 @@ TEST(Classifier, AStageClearsTheWindowsItRejectsAndCountsTheRest)
     EXPECT_EQ(stage, nullptr);
 }
 
-// A cascade of random stages over a textured picture wider than one strip
-// of the cascade (with a ragged right edge): the same mask and count as the
-// stages applied one by one, on every path.
-TEST(Classifier, ACascadeKeepsWhatItsStagesKeepOneByOne)
+// Random stages of two- and three-rectangle features that share corners, as
+// published cascades' do. Leaves are multiples of 1/32 and thresholds and
+// spreads whole numbers, so every sum is exact: a window's verdict does not
+// depend on the order its leaves are added in and can be taken from the
+// rectangles' own pixel sums.
+struct RandomStage {
+    std::vector<kv::ImageRect> rects;
+    std::vector<float> weights, thresholds, leaves;
+    std::vector<LONG> counts;
+    float threshold;
+};
+
+std::vector<RandomStage> RandomStages(std::mt19937& rng)
 {
-    const Grey g = RandomGrey(300, 60, 11);
-    const kv::ImageSize positions{g.w - 20, g.h - 20};
-    std::mt19937 rng(5);
-    std::vector<kv::HaarClassifier*> stages;
-    std::vector<float> stageThresholds;
-    for (int s = 0; s < 6; ++s) {
-        const LONG n = 2 + s * 3;
-        std::vector<kv::ImageRect> rects;
-        std::vector<float> weights, thresholds, leaves;
-        std::vector<LONG> counts;
+    std::vector<RandomStage> stages(6);
+    for (size_t s = 0; s < stages.size(); ++s) {
+        RandomStage& st = stages[s];
+        const LONG n = 2 + LONG(s) * 3;
         for (LONG f = 0; f < n; ++f) {
             const LONG x = LONG(rng() % 10), y = LONG(rng() % 10), w = 2 + LONG(rng() % 8), h = 2 + LONG(rng() % 8);
             const LONG nRects = 2 + LONG(rng() % 2);
-            rects.push_back({x, y, w, h});
-            weights.push_back(-1);
-            rects.push_back({x, y, w / 2 + 1, h});
-            weights.push_back(2);
+            st.rects.push_back({x, y, w, h});
+            st.weights.push_back(-1);
+            st.rects.push_back({x, y, w / 2 + 1, h});
+            st.weights.push_back(2);
             if (nRects == 3) {
-                rects.push_back({x, y, w, h / 2 + 1});
-                weights.push_back(3);
+                st.rects.push_back({x, y, w, h / 2 + 1});
+                st.weights.push_back(3);
             }
-            counts.push_back(nRects);
-            thresholds.push_back(float(int(rng() % 200) - 100));
-            leaves.push_back(float(rng() % 100) / 50 - 1);
-            leaves.push_back(float(rng() % 100) / 50 - 1);
+            st.counts.push_back(nRects);
+            st.thresholds.push_back(float(int(rng() % 200) - 100));
+            st.leaves.push_back(float(int(rng() % 64) - 32) / 32);
+            st.leaves.push_back(float(int(rng() % 64) - 32) / 32);
         }
+        st.threshold = s == 2 ? kv::kHaarAcceptAll : -0.25f * float(n);
+    }
+    return stages;
+}
+
+// The verdict of every stage in turn at window position (x, y), from pixels.
+bool CascadeKeeps(const Grey& g, const std::vector<RandomStage>& stages, LONG x, LONG y, float norm)
+{
+    for (const RandomStage& st : stages) {
+        if (st.threshold <= kv::kHaarAcceptAll) continue;
+        double total = 0;
+        for (size_t f = 0, r = 0; f < st.counts.size(); r += size_t(st.counts[f]), ++f) {
+            double value = 0;
+            for (size_t k = r; k < r + size_t(st.counts[f]); ++k) {
+                const kv::ImageRect& b = st.rects[k];
+                value += st.weights[k] * PixelSum(g, x + b.x, y + b.y, b.width, b.height, 1);
+            }
+            total += value < double(st.thresholds[f]) * norm ? st.leaves[2 * f] : st.leaves[2 * f + 1];
+        }
+        if (total < st.threshold) return false;
+    }
+    return true;
+}
+
+// A cascade over a textured picture wider than one strip of the cascade
+// (with a ragged right edge), at positions every column and every second
+// and third column (on folded integrals): the windows it keeps are the
+// ones the pixels say, on every path, and at every column they are what its
+// stages applied one by one keep.
+TEST(Classifier, ACascadeKeepsTheWindowsThePixelsSayOnPlainAndFoldedColumns)
+{
+    const Grey g = RandomGrey(600, 40, 11);
+    const kv::ImageSize positions{g.w - 20, g.h - 20};
+    std::mt19937 rng(1);
+    const std::vector<RandomStage> random = RandomStages(rng);
+    std::vector<kv::HaarClassifier*> stages;
+    std::vector<float> stageThresholds;
+    for (const RandomStage& st : random) {
         kv::HaarClassifier* stage = nullptr;
-        ASSERT_EQ(kv::HaarClassifierInit(&stage, rects.data(), weights.data(), thresholds.data(), leaves.data(),
-                                         counts.data(), n), 0);
+        ASSERT_EQ(kv::HaarClassifierInit(&stage, st.rects.data(), st.weights.data(), st.thresholds.data(),
+                                         st.leaves.data(), st.counts.data(), LONG(st.counts.size())), 0);
         stages.push_back(stage);
-        stageThresholds.push_back(s == 2 ? kv::kHaarAcceptAll : -0.3f * float(n) / 4);
+        stageThresholds.push_back(st.threshold);
     }
     std::vector<float> norm(size_t(positions.width) * positions.height);
     for (float& v : norm) v = 1.0f + float(rng() % 40);
     std::vector<UCHAR> marks(norm.size(), 0);
     for (size_t i = 0; i < marks.size(); i += 1 + rng() % 3) marks[i] = UCHAR(1 + i % 5);
-    std::vector<UCHAR> first;
-    for (kv::PrimitivesPath path : facetest::RunnablePaths()) {
-        ASSERT_TRUE(kv::SetPrimitivesPathForTest(path));
-        SCOPED_TRACE("path " + std::to_string(int(path)));
-        std::vector<UCHAR> byStage = marks, cascade = marks;
-        LONG keptByStage = 0, keptCascade = -1;
-        for (size_t s = 0; s < stages.size(); ++s) {
-            ASSERT_EQ(kv::ApplyHaarClassifier(g.sum.data(), g.Step(), norm.data(), positions.width * 4,
-                                              byStage.data(), positions.width, positions, &keptByStage,
-                                              stageThresholds[s], stages[s]), 0);
+    for (LONG step : {1, 2, 3}) {
+        const kv::ImageSize searched{(positions.width + step - 1) / step, positions.height};
+        std::vector<LONG> folded(g.sum.size());
+        ASSERT_EQ(kv::FoldColumns(g.sum.data(), g.Step(), folded.data(), g.Step(), {g.w + 1, g.h + 1}, step), 0);
+        std::vector<float> searchedNorm;
+        std::vector<UCHAR> searchedMarks;
+        for (LONG y = 0; y < searched.height; ++y)
+            for (LONG j = 0; j < searched.width; ++j) {
+                searchedNorm.push_back(norm[size_t(y) * positions.width + j * step]);
+                searchedMarks.push_back(marks[size_t(y) * positions.width + j * step]);
+            }
+        std::vector<UCHAR> expected(searchedMarks.size(), 0);
+        for (LONG y = 0; y < searched.height; ++y)
+            for (LONG j = 0; j < searched.width; ++j) {
+                const size_t i = size_t(y) * searched.width + j;
+                expected[i] = searchedMarks[i] != 0 && CascadeKeeps(g, random, j * step, y, searchedNorm[i])
+                                  ? searchedMarks[i] : 0;
+            }
+        const LONG expectedKept = LONG(std::count_if(expected.begin(), expected.end(), [](UCHAR m) { return m; }));
+        ASSERT_GT(expectedKept, 0);
+        ASSERT_LT(expectedKept, std::count_if(searchedMarks.begin(), searchedMarks.end(), [](UCHAR m) { return m; }));
+        for (kv::PrimitivesPath path : facetest::RunnablePaths()) {
+            ASSERT_TRUE(kv::SetPrimitivesPathForTest(path));
+            SCOPED_TRACE("step " + std::to_string(step) + " path " + std::to_string(int(path)));
+            std::vector<UCHAR> cascade = searchedMarks;
+            LONG kept = -1;
+            const kv::HaarColumns columns = step == 1 ? kv::kHaarEveryColumn : kv::HaarColumns{step, g.w + 1};
+            ASSERT_EQ(kv::ApplyHaarCascade(step == 1 ? g.sum.data() : folded.data(), g.Step(), searchedNorm.data(),
+                                           searched.width * 4, cascade.data(), searched.width, searched, &kept,
+                                           stageThresholds.data(), stages.data(), LONG(stages.size()), columns), 0);
+            EXPECT_EQ(cascade, expected);
+            EXPECT_EQ(kept, expectedKept);
+            if (step != 1) continue;
+            std::vector<UCHAR> byStage = searchedMarks;
+            LONG keptByStage = 0;
+            for (size_t s = 0; s < stages.size(); ++s) {
+                ASSERT_EQ(kv::ApplyHaarClassifier(g.sum.data(), g.Step(), norm.data(), positions.width * 4,
+                                                  byStage.data(), positions.width, positions, &keptByStage,
+                                                  stageThresholds[s], stages[s]), 0);
+            }
+            EXPECT_EQ(byStage, expected);
+            EXPECT_EQ(keptByStage, expectedKept);
         }
-        ASSERT_EQ(kv::ApplyHaarCascade(g.sum.data(), g.Step(), norm.data(), positions.width * 4, cascade.data(),
-                                       positions.width, positions, &keptCascade, stageThresholds.data(),
-                                       stages.data(), LONG(stages.size())), 0);
-        EXPECT_EQ(cascade, byStage);
-        EXPECT_EQ(keptCascade, keptByStage);
-        EXPECT_GT(keptCascade, 0);
-        EXPECT_LT(keptCascade, std::count_if(marks.begin(), marks.end(), [](UCHAR m) { return m != 0; }));
-        if (first.empty()) first = cascade;
-        EXPECT_EQ(cascade, first);  // every path alike
     }
+    // A folded layout the positions would read past is refused.
+    std::vector<UCHAR> mask(norm.size(), 1);
+    LONG kept = 0;
+    EXPECT_EQ(kv::ApplyHaarCascade(g.sum.data(), g.Step(), norm.data(), positions.width * 4, mask.data(),
+                                   positions.width, positions, &kept, stageThresholds.data(), stages.data(),
+                                   LONG(stages.size()), kv::HaarColumns{2, g.w + 1}),
+              STATUS_INVALID_PARAMETER);
     for (kv::HaarClassifier*& stage : stages) kv::HaarClassifierFree(stage);
 }
 

@@ -34,12 +34,20 @@ constexpr unsigned kCpuidOsXsave = 1u << 27;  // CPUID.1:ECX: the OS set CR4.OSX
 
 // The host's XCR0: the state components its operating system saves, which
 // is what Windows reports as enabled.
-ULONG64 HostEnabledFeatures() {
+ULONG64 ReadHostEnabledFeatures() {
     unsigned eax = 0, ebx = 0, ecx = 0, edx = 0;
     if (!__get_cpuid(1, &eax, &ebx, &ecx, &edx) || (ecx & kCpuidOsXsave) == 0) return 0;
     unsigned lo = 0, hi = 0;
     __asm__ volatile("xgetbv" : "=a"(lo), "=d"(hi) : "c"(0));
     return (static_cast<ULONG64>(hi) << 32) | lo;
+}
+
+// Read once: it does not change while the process runs, and CPUID traps to
+// the hypervisor on a virtual machine, which made every save cost
+// microseconds.
+ULONG64 HostEnabledFeatures() {
+    static const ULONG64 enabled = ReadHostEnabledFeatures();
+    return enabled;
 }
 
 bool CheckAtMostDispatch(SimThread* self, const char* what) {
