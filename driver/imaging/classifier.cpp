@@ -64,6 +64,13 @@ bool RowFits(LONG step, LONGLONG elements, SIZE_T elementBytes)
     return step > 0 && elements * static_cast<LONGLONG>(elementBytes) <= step;
 }
 
+// A window's corners are offsets in elements (int): the farthest, `rows`
+// rows of `step` bytes down and `columns` across, must fit one.
+bool CornersFit(LONG rows, LONG step, SIZE_T elementBytes, LONGLONG columns)
+{
+    return static_cast<LONGLONG>(rows) * (step / static_cast<LONGLONG>(elementBytes)) + columns <= 0x7FFFFFFFLL;
+}
+
 // The four corners of a rectangle in an image of `step` elements a row.
 void MakeCorners(const ImageRect& rect, LONG step, int* corner)
 {
@@ -178,7 +185,8 @@ LONG RectStdDevRows(const SpreadJob<Squares>& job, bool wrapped)
         w.y + w.height > kLargestWindowSide || !RowFits(job.sumStep, job.size.width + w.x + w.width + 0LL, sizeof(LONG)) ||
         !RowFits(job.squaresStep, job.size.width + w.x + w.width + 0LL, sizeof(Squares)) ||
         !RowFits(job.destinationStep, job.size.width, sizeof(float)) || job.sumStep % sizeof(LONG) != 0 ||
-        job.squaresStep % sizeof(Squares) != 0) {
+        job.squaresStep % sizeof(Squares) != 0 || !CornersFit(w.y + w.height, job.sumStep, sizeof(LONG), w.x + w.width) ||
+        !CornersFit(w.y + w.height, job.squaresStep, sizeof(Squares), w.x + w.width)) {
         return STATUS_INVALID_PARAMETER;
     }
     if (!wrapped) {
@@ -378,6 +386,7 @@ LONG ApplyStage(const Sum* pSum, LONG sumStep, const float* pNorm, LONG normStep
     if (pSum == nullptr || pNorm == nullptr || pMask == nullptr || pKept == nullptr || pClassifier == nullptr ||
         !Positive(size) || sumStep % static_cast<LONG>(sizeof(Sum)) != 0 ||
         !RowFits(sumStep, static_cast<LONGLONG>(size.width) + pClassifier->window.width, sizeof(Sum)) ||
+        !CornersFit(pClassifier->window.height, sumStep, sizeof(Sum), pClassifier->window.width) ||
         !RowFits(normStep, size.width, sizeof(float)) || !RowFits(maskStep, size.width, 1)) {
         return STATUS_INVALID_PARAMETER;
     }
@@ -419,9 +428,8 @@ struct CascadeJob {
 // stage's features again, so wider strips read them less often; 512 holds
 // a whole row of every level of a 640-pixel frame (measured: narrower
 // strips were slower), and the 21 integral rows of a strip's windows (a
-// 20-pixel window, 45 KB) stay in the second-level cache.
+// 20-pixel window: 45 KB, twice that folded) stay in the second-level cache.
 constexpr LONG kCascadeStrip = 512;
-static_assert(kCascadeStrip % kHaarBlock == 0, "strips of whole vector blocks");
 
 // Every stage on one row of a strip's positions before the next row: the
 // windows of a row and of the rows below it read mostly the same integral
@@ -495,7 +503,8 @@ LONG ApplyHaarCascade(const LONG* pSum, LONG sumStep, const float* pNorm, LONG n
             return STATUS_INVALID_PARAMETER;
         }
         const LONGLONG read = ColumnsRead(size, ppStages[s]->window.width, columns);
-        if (read < 0 || !RowFits(sumStep, read, sizeof(LONG))) {
+        if (read < 0 || !RowFits(sumStep, read, sizeof(LONG)) ||
+            !CornersFit(ppStages[s]->window.height, sumStep, sizeof(LONG), read)) {
             return STATUS_INVALID_PARAMETER;
         }
     }
@@ -513,7 +522,7 @@ LONG ApplyHaarCascade(const LONG* pSum, LONG sumStep, const float* pNorm, LONG n
 LONG FoldColumns(const LONG* pSource, LONG sourceStep, LONG* pDestination, LONG destinationStep, ImageSize size,
                  LONG step)
 {
-    if (pSource == nullptr || pDestination == nullptr || !Positive(size) || step < 1 ||
+    if (pSource == nullptr || pDestination == nullptr || !Positive(size) || step < 1 || step > kLargestWindowSide ||
         !RowFits(sourceStep, size.width, sizeof(LONG)) || !RowFits(destinationStep, size.width, sizeof(LONG))) {
         return STATUS_INVALID_PARAMETER;
     }

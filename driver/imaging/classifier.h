@@ -8,7 +8,8 @@
 // counted by their top-left corner; a window at (x, y) reads the integral
 // images from element (x, y) to (x + window width, y + window height), so an
 // integral image for positions 0..w-1 x 0..h-1 has w + window width columns
-// and h + window height rows.
+// and h + window height rows (a search every few columns reads its integral
+// folded: below).
 //
 // Every operation returns STATUS_SUCCESS or a negative NTSTATUS and writes
 // nothing on failure; only HaarClassifierInit allocates (through
@@ -50,7 +51,11 @@ LONG RectStdDev(const LONG* pSum, LONG sumStep, const LONGLONG* pSquares, LONG s
 // are STATUS_NOT_SUPPORTED); its value is the weighted sum of its
 // rectangles' pixel sums, and it adds pLeaves[2i] to the window's score when
 // that value is below pThresholds[i] x the window's spread, else
-// pLeaves[2i + 1]. Rectangles are relative to the window's corner.
+// pLeaves[2i + 1]. Rectangles are relative to the window's corner. The
+// stage adds its leaves in an order of its own (features reading fewer
+// integral corners first), the same on every path: a window whose total
+// lies within a rounding of the stage's threshold may go the other way
+// than with the leaves added in the given order.
 struct HaarClassifier;
 LONG HaarClassifierInit(HaarClassifier** ppClassifier, const ImageRect* pRects, const float* pWeights,
                         const float* pThresholds, const float* pLeaves, const LONG* pRectCounts, LONG nFeatures);
@@ -88,8 +93,9 @@ LONG FoldColumns(const LONG* pSource, LONG sourceStep, LONG* pDestination, LONG 
                  LONG step);
 
 // Where a search's positions lie on the integral's columns: every `step`-th
-// column of an integral of `columns` columns folded by FoldColumns; step 1
-// is the plain layout (columns then unused).
+// column (1 to 256) of an integral folded by FoldColumns from `columns`
+// columns (the width it was given); step 1 is the plain layout (columns
+// then unused).
 struct HaarColumns {
     LONG step;
     LONG columns;

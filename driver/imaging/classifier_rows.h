@@ -25,8 +25,9 @@ constexpr int kHaarMostCorners = 4 * kHaarMostRects;
 // compared with threshold x the window's spread, picks one of two leaf
 // values. The sum is read as the integral image at the rectangles' corners,
 // each corner once with the weights of the rectangles that share it added
-// up (classifier.cpp merges them): a two-rectangle feature reads 6 or 8
-// values instead of 8, a three-rectangle one 8 or 9 instead of 12.
+// up and corners whose weights cancel dropped (classifier.cpp merges them):
+// the published cascades' two-rectangle features read 6 or 8 values
+// instead of 8, their three-rectangle ones 8 or 9 instead of 12.
 struct HaarFeatureRun {
     int nCorners;
     // Each corner in elements from the window's own corner, and its weight.
@@ -161,9 +162,11 @@ inline V RectSumLanes(const T* p, const int* corner)
            LoadLanes<V>(p + corner[3]);
 }
 
-// Eight neighbouring windows of a row from `x`. Lanes before `first` were
-// decided by the block before: a row's last block is moved back to end at
-// the row's end, so that every window is evaluated in a whole vector.
+// Eight neighbouring windows of a row from `x`; only lanes from `first` on
+// are this block's: a row's last block is moved back to end at the row's
+// end, so that every window is evaluated in a whole vector, and the lanes
+// it then covers again belong to the blocks before it (or to no block, when
+// they held no candidate).
 struct HaarBlock {
     unsigned x;
     unsigned first;

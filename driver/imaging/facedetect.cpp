@@ -3,7 +3,7 @@
 // that picture reduced so that the cascade's fixed window covers faces of
 // one size, with its integral images, the spread of every window and a
 // mask of the window positions still in the running. Levels searched every
-// second column fold their integral's columns (FoldColumns) so that eight
+// few columns fold their integral's columns (FoldColumns) so that eight
 // neighbouring positions still fill a vector. The whole cascade runs on one
 // row of positions before the next (ApplyHaarCascade), so the integral rows
 // its windows read stay in the cache. The positions that pass every stage
@@ -182,7 +182,8 @@ bool EnsureBuffers(FaceDetector* p, ULONG W, ULONG H, double scale)
         return false;
     }
     // The images as HaarBufferSize lays them out, with one step for every
-    // level (the largest's), so that the stages' corners are made once.
+    // level (the largest's), so that the levels searched at every column
+    // share the stages' corners (a folded level's depend on its width).
     const LONG columns = largest.width + p->window.width + 1;
     const LONG rows = largest.height + p->window.height + 1;
     const SIZE_T integralBytes =
@@ -438,8 +439,9 @@ namespace kv {
 NTSTATUS CreateFaceDetector(FaceDetector** ppDetector, const FaceSearch& search)
 {
     const CascadeTable& cascade = g_FrontalFaceCascade;
+    // Positions further apart than the window would leave faces unsearched.
     if (ppDetector == nullptr || cascade.nStages > kMostStages || search.columnStep < 1 ||
-        search.rowStep < 1) {
+        search.rowStep < 1 || search.columnStep > cascade.window.width || search.rowStep > cascade.window.height) {
         return STATUS_INVALID_PARAMETER;
     }
     auto* p = static_cast<FaceDetector*>(AllocImageBuffer(sizeof(FaceDetector)));

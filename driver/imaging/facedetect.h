@@ -22,7 +22,8 @@ struct FaceBox {
 
 // How a detector searches.
 struct FaceSearch {
-    LONG columnStep;      // pixels between window positions along a row, at each level
+    LONG columnStep;      // pixels between window positions along a row, at levels of faces
+                          // twice the cascade's window or larger (below: the larger of the two steps)
     LONG rowStep;         // and between the rows of positions
     LONG minHits;         // a face needs more hits than this
     double minSize;       // the smallest face looked for, in frame pixels

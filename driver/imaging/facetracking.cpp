@@ -24,7 +24,7 @@ constexpr ULONG kSearchTwiceMode = 2;
 
 // The detector's set-up by mode ("TrackingFocus").
 struct DetectorSetup {
-    LONG columnStep;  // pixels between window positions along a row, at each level
+    LONG columnStep;  // pixels between window positions along a row (FaceSearch)
     LONG rowStep;     // and between their rows
     LONG minHits;     // a face needs more hits than this
     double minSize;   // frame pixels

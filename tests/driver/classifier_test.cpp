@@ -128,7 +128,8 @@ TEST(Classifier, AStageClearsTheWindowsItRejectsAndCountsTheRest)
 }
 
 // Random stages of two- and three-rectangle features that share corners, as
-// published cascades' do. Leaves are multiples of 1/32 and thresholds and
+// published cascades' do, side-by-side pairs whose shared corners cancel,
+// and (in stage 1) a rectangle less itself, which reads no corner. Leaves are multiples of 1/32 and thresholds and
 // spreads whole numbers, so every sum is exact: a window's verdict does not
 // depend on the order its leaves are added in and can be taken from the
 // rectangles' own pixel sums.
@@ -147,16 +148,23 @@ std::vector<RandomStage> RandomStages(std::mt19937& rng)
         const LONG n = 2 + LONG(s) * 3;
         for (LONG f = 0; f < n; ++f) {
             const LONG x = LONG(rng() % 10), y = LONG(rng() % 10), w = 2 + LONG(rng() % 8), h = 2 + LONG(rng() % 8);
-            const LONG nRects = 2 + LONG(rng() % 2);
-            st.rects.push_back({x, y, w, h});
-            st.weights.push_back(-1);
-            st.rects.push_back({x, y, w / 2 + 1, h});
-            st.weights.push_back(2);
-            if (nRects == 3) {
-                st.rects.push_back({x, y, w, h / 2 + 1});
-                st.weights.push_back(3);
+            const LONG kind = s == 1 && f == 0 ? 3 : LONG(rng() % 3);
+            if (kind == 2) {  // the pair less itself one row down: values either side of 0
+                const LONG half = w / 2 + 1;
+                st.rects.insert(st.rects.end(), {{x, y, half, h}, {x + half, y, half, h}, {x, y + 1, 2 * half, h}});
+                st.weights.insert(st.weights.end(), {1, 1, -1});
+            } else if (kind == 3) {
+                st.rects.insert(st.rects.end(), {{x, y, w, h}, {x, y, w, h}});
+                st.weights.insert(st.weights.end(), {1, -1});
+            } else {
+                st.rects.insert(st.rects.end(), {{x, y, w, h}, {x, y, w / 2 + 1, h}});
+                st.weights.insert(st.weights.end(), {-1, 2});
+                if (kind == 1) {
+                    st.rects.push_back({x, y, w, h / 2 + 1});
+                    st.weights.push_back(3);
+                }
             }
-            st.counts.push_back(nRects);
+            st.counts.push_back(kind == 1 || kind == 2 ? 3 : 2);
             st.thresholds.push_back(float(int(rng() % 200) - 100));
             st.leaves.push_back(float(int(rng() % 64) - 32) / 32);
             st.leaves.push_back(float(int(rng() % 64) - 32) / 32);
@@ -194,7 +202,7 @@ TEST(Classifier, ACascadeKeepsTheWindowsThePixelsSayOnPlainAndFoldedColumns)
 {
     const Grey g = RandomGrey(600, 40, 11);
     const kv::ImageSize positions{g.w - 20, g.h - 20};
-    std::mt19937 rng(1);
+    std::mt19937 rng(2);
     const std::vector<RandomStage> random = RandomStages(rng);
     std::vector<kv::HaarClassifier*> stages;
     std::vector<float> stageThresholds;
@@ -253,13 +261,25 @@ TEST(Classifier, ACascadeKeepsTheWindowsThePixelsSayOnPlainAndFoldedColumns)
             EXPECT_EQ(keptByStage, expectedKept);
         }
     }
-    // A folded layout the positions would read past is refused.
-    std::vector<UCHAR> mask(norm.size(), 1);
-    LONG kept = 0;
-    EXPECT_EQ(kv::ApplyHaarCascade(g.sum.data(), g.Step(), norm.data(), positions.width * 4, mask.data(),
-                                   positions.width, positions, &kept, stageThresholds.data(), stages.data(),
-                                   LONG(stages.size()), kv::HaarColumns{2, g.w + 1}),
-              STATUS_INVALID_PARAMETER);
+    // A folded layout is taken when its positions' windows reach exactly its
+    // last column, and refused one column short or with a step it cannot be.
+    LONG window = 0;
+    for (kv::HaarClassifier* stage : stages) {
+        kv::ImageSize size{};
+        ASSERT_EQ(kv::HaarClassifierSize(stage, &size), 0);
+        window = std::max(window, size.width);
+    }
+    const kv::ImageSize half{(positions.width + 1) / 2, positions.height};
+    const LONG reach = (half.width - 1) * 2 + window + 1;
+    const kv::HaarColumns layouts[] = {{2, reach}, {2, reach - 1}, {0, reach}, {-1, reach}, {257, reach}};
+    for (const kv::HaarColumns& layout : layouts) {
+        std::vector<UCHAR> mask(norm.size(), 1);
+        LONG kept = 0;
+        EXPECT_EQ(kv::ApplyHaarCascade(g.sum.data(), g.Step(), norm.data(), half.width * 4, mask.data(), half.width,
+                                       half, &kept, stageThresholds.data(), stages.data(), LONG(stages.size()), layout),
+                  layout.step == 2 && layout.columns == reach ? STATUS_SUCCESS : STATUS_INVALID_PARAMETER)
+            << "step " << layout.step << " columns " << layout.columns;
+    }
     for (kv::HaarClassifier*& stage : stages) kv::HaarClassifierFree(stage);
 }
 
