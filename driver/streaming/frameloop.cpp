@@ -126,6 +126,7 @@ FrameLoop::FrameLoop()
       m_PictureNumber(0),
       m_FirstTime(0),
       m_LastTime(0),
+      m_FirstTimeSet(0),
       m_SkipCounter(0),
       m_DecodeResult(0),
       m_FrameSeen(0),
@@ -151,6 +152,7 @@ void FrameLoop::ResetCounters()
     m_FramesDelivered = 0;
     InterlockedExchange(&m_DropCount, 0);
     m_PictureNumber = 0;
+    m_FirstTimeSet = 0;
     m_BadFrames = 0;
     m_JpegFailures = 0;
     m_NoBufferFrames = 0;
@@ -563,8 +565,12 @@ void FrameWorker::FillHeader(Delivery& delivery, ULONG dataUsed)
         return;
     }
     const LONGLONG now = pClock->GetTime();
-    if (m_Loop.m_FramesDelivered == 1) {
+    // Pictures count from the stream's first frame read against the clock:
+    // its first frame, unless that one went to the still pin untimed (the
+    // picture numbers would then count from an earlier stream's first time).
+    if (m_Loop.m_FirstTimeSet == 0) {
         m_Loop.m_FirstTime = now;
+        m_Loop.m_FirstTimeSet = 1;
     }
     m_Loop.m_LastTime = now;
     pHeader->PresentationTime.Time = now;

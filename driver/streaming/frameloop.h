@@ -31,6 +31,7 @@ public:
     LONGLONG m_PictureNumber;
     LONGLONG m_FirstTime;
     LONGLONG m_LastTime;
+    UCHAR m_FirstTimeSet;  // this stream's first time was read
     ULONG m_SkipCounter;
     UCHAR m_DecodeResult;
     UCHAR m_FrameSeen;

@@ -110,6 +110,41 @@ TEST_F(StillPin, ATriggerDeliversAStillOfTheStillsOwnSize)
     }
 }
 
+// A still taken from a stream's very first frame carries no time, and the
+// capture frames after it count their pictures from the first of them, with
+// nothing dropped; an earlier stream's first time does not carry over.
+TEST_F(StillPin, AStillFromTheFirstFrameLeavesThePictureCountToTheCaptureFrames)
+{
+    Offer capture{};
+    for (const Offer& o : CaptureOffers(*filter)) {
+        if (o.Compression() == kv::kFourccYuy2 && o.Width() == 640) capture = o;
+    }
+    {
+        Stream earlier(*filter, capture);
+        ASSERT_EQ(earlier.Run(), STATUS_SUCCESS);
+        ASSERT_GE(earlier.Collect(5).size(), 5u);
+    }
+    Stream stream(*filter, capture);
+    const Offer offer = StillOffer(640, kv::kFourccYuy2);
+    std::unique_ptr<kvsim::client::Pin> still;
+    ASSERT_EQ(filter->CreatePin(KV_PIN_STILL, &offer.format.DataFormat, &still), STATUS_SUCCESS);
+    ASSERT_EQ(still->SetState(KSSTATE_RUN), STATUS_SUCCESS);
+    still->QueueBuffers(1, offer.ImageSize());
+    ASSERT_EQ(Trigger(), STATUS_SUCCESS);
+    ASSERT_EQ(stream.Run(), STATUS_SUCCESS);
+    ASSERT_TRUE(still->WaitForFrames(1, kvsim::kSecond));
+    const auto frames = stream.Collect(4);
+    ASSERT_GE(frames.size(), 4u);
+    const LONGLONG period = capture.format.VideoInfoHeader.AvgTimePerFrame;
+    const LONGLONG first = frames.front().header.PresentationTime.Time;
+    for (const auto& f : frames) {
+        EXPECT_EQ(f.frameInfo.PictureNumber, (f.header.PresentationTime.Time - first) / period);
+        EXPECT_EQ(f.frameInfo.DropCount, 0);
+    }
+    still->SetState(KSSTATE_STOP);
+    still->Close();
+}
+
 // Without a still pin the request waits and every frame goes on to the
 // capture pin; no snapshot is written.
 TEST_F(StillPin, WithoutAStillPinTheTriggerLeavesTheCaptureStreamAlone)
