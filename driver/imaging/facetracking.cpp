@@ -45,6 +45,7 @@ struct FaceTracker {
     ULONG width, height;
     ULONG frameCount;
     bool previousHandled;
+    bool handledNow;  // FaceTrackFrame handled the frame in hand
     double centreX, centreY, zoom;
     LONG targetX, targetY;
     double targetZoom;
@@ -127,10 +128,14 @@ LONG PushInside(LONG centre, LONG half, LONG side)
     return centre;
 }
 
-void ChooseTarget(FaceTracker* p, const UCHAR* pSource)
+// False when the search failed (no memory for it): the target is left as
+// it was.
+bool ChooseTarget(FaceTracker* p, const UCHAR* pSource)
 {
     const LONG W = static_cast<LONG>(p->width), H = static_cast<LONG>(p->height);
-    FaceTrackDetect(p->pDetector, p->mode, pSource, p->width, p->height);
+    if (!NT_SUCCESS(FaceTrackDetect(p->pDetector, p->mode, pSource, p->width, p->height))) {
+        return false;
+    }
     LONG x = 0, y = 0, size = 0;
     p->following = FindTrackedFace(p, &x, &y, &size);
     if (!p->following) {
@@ -141,6 +146,10 @@ void ChooseTarget(FaceTracker* p, const UCHAR* pSource)
         p->faceX = x, p->faceY = y, p->faceSize = size;
         double zoom = (W / 2.0) / (size * kFaceShare);
         const LONG hw = Round((W / 2.0) / zoom), hh = Round((H / 2.0) / zoom);
+        // The picture holds still while the face's centre stays within a
+        // tenth of the new half width of the current centre: both sizes are
+        // that half width (with the face's own size against it, 1.3 times
+        // larger, the 2 % size test could never hold).
         if (SameFace(p->centreX, p->centreY, hw, x, y, hw, kStillDistance, kStillSize)) {
             p->targetX = Round(p->centreX);
             p->targetY = Round(p->centreY);
@@ -157,6 +166,7 @@ void ChooseTarget(FaceTracker* p, const UCHAR* pSource)
     }
     p->stepX = (p->targetX - p->centreX) / kSmoothing;
     p->stepY = (p->targetY - p->centreY) / kSmoothing;
+    return true;
 }
 
 void Glide(FaceTracker* p)
@@ -172,13 +182,15 @@ void Glide(FaceTracker* p)
 }
 
 // The shown part enlarged to the whole frame: destination pixel i shows
-// source point centre + (i - W/2) / zoom.
-void ShowPart(const FaceTracker* p, const UCHAR* pSource, PUCHAR pFrame)
+// source point centre + (i - W/2) / zoom. The shift of -(centre x zoom -
+// W/2) output pixels is, in the source pixels Resize takes it in,
+// centre - (W/2) / zoom.
+LONG ShowPart(const FaceTracker* p, const UCHAR* pSource, PUCHAR pFrame)
 {
     const LONG W = static_cast<LONG>(p->width), H = static_cast<LONG>(p->height);
     const ImageRect whole = {0, 0, W, H};
     const LONG step = W * static_cast<LONG>(kRgbBytes);
-    Resize(pSource, ImageSize{W, H}, step, whole, pFrame, step, whole, p->zoom, p->zoom,
+    return Resize(pSource, ImageSize{W, H}, step, whole, pFrame, step, whole, p->zoom, p->zoom,
            p->centreX - (W / 2.0) / p->zoom, p->centreY - (H / 2.0) / p->zoom, kInterpolationBilinear,
            p->pResizeWork);
 }
@@ -241,16 +253,18 @@ FaceSearch FaceTrackSearch(ULONG DetectorMode)
     return {setup.columnStep, setup.rowStep, setup.minHits, setup.minSize, setup.maxSize};
 }
 
-void FaceTrackDetect(FaceDetector* pDetector, ULONG DetectorMode, const UCHAR* pFrame, ULONG Width, ULONG Height)
+NTSTATUS FaceTrackDetect(FaceDetector* pDetector, ULONG DetectorMode, const UCHAR* pFrame, ULONG Width,
+                         ULONG Height)
 {
     const ULONG mode = KnownMode(DetectorMode);
     BeginFacePicture(pDetector);
     SetFaceMinSize(pDetector, kDetectorModes[mode].minSize);
-    DetectFaces(pDetector, pFrame, Width, Height);
-    if (mode == kSearchTwiceMode) {
+    NTSTATUS status = DetectFaces(pDetector, pFrame, Width, Height);
+    if (NT_SUCCESS(status) && mode == kSearchTwiceMode) {
         SetFaceMinSize(pDetector, kLargerFaces);
-        DetectFaces(pDetector, pFrame, Width, Height);
+        status = DetectFaces(pDetector, pFrame, Width, Height);
     }
+    return status;
 }
 
 bool SameFace(double x1, double y1, double size1, double x2, double y2, double size2, double distancePercent,
@@ -283,7 +297,9 @@ NTSTATUS FaceTrackStart(FaceTracker** ppTracker, ULONG Width, ULONG Height, ULON
         status = STATUS_INSUFFICIENT_RESOURCES;
     }
     if (!NT_SUCCESS(status)) {
-        DbgPrint("FaceTracking: Memory allocating fail, exit.\n");
+        if (status == STATUS_INSUFFICIENT_RESOURCES) {
+            DbgPrint("FaceTracking: Memory allocating fail, exit.\n");
+        }
         FaceTrackStop(p);
         return status;
     }
@@ -316,11 +332,16 @@ void FaceTrackFrame(FaceTracker* pTracker, PUCHAR pSource, PUCHAR pFrame, ULONG 
     p->previousHandled = true;
     if (p->frameCount % kDetectionPeriod != 0) {
         Glide(p);
-    } else {
-        ChooseTarget(p, pSource);
+    } else if (!ChooseTarget(p, pSource)) {
+        // The detector printed why; this frame passes as it came.
+        p->previousHandled = false;
+        return;
     }
     p->frameCount++;
-    ShowPart(p, pSource, pFrame);
+    p->handledNow = true;
+    if (!NT_SUCCESS(ShowPart(p, pSource, pFrame))) {
+        return;  // Resize wrote nothing: the frame as it came, without a thumbnail
+    }
     if (WindowDivisor != 0) {
         if (p->following) {
             DrawBox(p, pSource);
@@ -329,10 +350,13 @@ void FaceTrackFrame(FaceTracker* pTracker, PUCHAR pSource, PUCHAR pFrame, ULONG 
     }
 }
 
-void FaceTrackPassed(FaceTracker* pTracker)
+void FaceTrackEndFrame(FaceTracker* pTracker)
 {
     if (pTracker != nullptr) {
-        pTracker->previousHandled = false;
+        if (!pTracker->handledNow) {
+            pTracker->previousHandled = false;
+        }
+        pTracker->handledNow = false;
     }
 }
 

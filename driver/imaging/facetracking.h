@@ -22,13 +22,16 @@ NTSTATUS FaceTrackStart(FaceTracker** ppTracker, ULONG Width, ULONG Height, ULON
 
 // One frame: pSource is an untouched copy of the frame (the face box is
 // drawn into it for the thumbnail), pFrame receives the output. A divisor of
-// 0 means no thumbnail. With no state, pFrame is left as it is.
+// 0 means no thumbnail. With no state, or when a detection finds no memory
+// for its search, pFrame is left as it is (and the next frame starts again
+// from the whole picture).
 void FaceTrackFrame(FaceTracker* pTracker, PUCHAR pSource, PUCHAR pFrame, ULONG Width, ULONG Height,
                     ULONG WindowDivisor);
 
-// A frame went by without face tracking: the next tracked frame starts again
-// from the whole picture.
-void FaceTrackPassed(FaceTracker* pTracker);
+// The end of every frame of the stream: a frame FaceTrackFrame did not
+// handle (another tracking method, a frame that never reached the picture
+// stages) makes the next tracked frame start again from the whole picture.
+void FaceTrackEndFrame(FaceTracker* pTracker);
 
 // The part of the frame shown now: its centre (stored rows, bottom-up) and
 // the zoom (1.0: the whole frame). Zoom 1.0 at (0, 0) before the first
@@ -40,10 +43,11 @@ void FaceTrackStop(FaceTracker*& pTracker);
 
 // What a detection frame of the detector mode does, for tools and tests:
 // the search the mode sets a detector up with, and the searches it runs
-// on one frame (the list begun afresh; the faces left in the detector).
+// on one frame (the list begun afresh; the faces left in the detector;
+// the first search's failure, if one failed).
 kv::FaceSearch FaceTrackSearch(ULONG DetectorMode);
-void FaceTrackDetect(kv::FaceDetector* pDetector, ULONG DetectorMode, const UCHAR* pFrame, ULONG Width,
-                     ULONG Height);
+NTSTATUS FaceTrackDetect(kv::FaceDetector* pDetector, ULONG DetectorMode, const UCHAR* pFrame, ULONG Width,
+                         ULONG Height);
 
 // True when the centres lie within distancePercent of the larger size of
 // each other (compared as squares) and the smaller size grown by

@@ -234,13 +234,11 @@ void FrameWorker::Run()
         // Settings may change again from the first frame of a stream on.
         m_pDevice->m_Requests.m_ControlReady = 1;
         ClearTrackingWhereItCannotRun();
-        if (static_cast<ULONG>(Slot(m_pDevice, SLOT_TRACKING_METHOD)) != kTrackingFace) {
-            FaceTrackPassed(m_Loop.m_pFaceTracker);
-        }
         Delivery delivery = {};
         if (TakeDelivery(&delivery)) {
             ProcessOne(delivery);
         }
+        FaceTrackEndFrame(m_Loop.m_pFaceTracker);
         if (delivery.stillPinHeld) {
             InterlockedDecrement(&m_pDevice->m_StillPinUsers);
         }

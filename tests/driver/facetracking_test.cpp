@@ -12,6 +12,7 @@
 #include "face_pictures.h"
 #include "imaging/facedetect.h"
 #include "imaging/facetracking.h"
+#include "kvsim/pool.h"
 
 namespace {
 
@@ -243,11 +244,25 @@ TEST(FaceTracking, SwitchingTrackingAwayAndBackStartsFromTheWholePicture)
     const Picture face = Scene().Crop(24, 0, kW, kH);
     for (int i = 0; i < 100; ++i) tracker.Run(face);
     ASSERT_GT(tracker.Now().zoom, 1.05);
-    FaceTrackPassed(tracker.get());  // a frame with another tracking method
+    FaceTrackEndFrame(tracker.get());  // the last tracked frame ends
+    FaceTrackEndFrame(tracker.get());  // a frame with another tracking method
     tracker.Run(face);
     EXPECT_EQ(tracker.Now().zoom, 1.0);
     EXPECT_EQ(tracker.Now().x, kW / 2.0);
     EXPECT_EQ(tracker.Now().y, kH / 2.0);
+}
+
+// A detection that finds no memory for its search leaves the frame as it
+// came, without the thumbnail; with memory back the next frame is tracked.
+TEST(FaceTracking, ADetectionWithoutMemoryLeavesTheFrameAsItCame)
+{
+    Tracker tracker(kW, kH);
+    const Picture face = Scene().Crop(24, 0, kW, kH);
+    kvsim::PoolFailNthAllocation(1);
+    EXPECT_EQ(tracker.Run(face, 4), face.rgb);
+    EXPECT_EQ(kvsim::PoolInjectedFailureCount(), 1u);
+    kvsim::PoolResetFaultInjection();
+    EXPECT_NE(tracker.Run(face, 4), face.rgb);
 }
 
 bool Yellow(const std::vector<UCHAR>& rgb, ULONG x, ULONG yShown)

@@ -108,7 +108,13 @@ int RunDetectCommand(std::span<const std::string_view> args)
         std::fprintf(stderr, "kvcam detect: the detector could not be set up\n");
         return kExitFailure;
     }
-    FaceTrackDetect(detector, o.mode, rgb.data(), w, h);
+    if (const NTSTATUS status = FaceTrackDetect(detector, o.mode, rgb.data(), w, h); status != STATUS_SUCCESS) {
+        std::fprintf(stderr, "kvcam detect: %s (%ux%u): %s\n", o.picture.c_str(), unsigned(w), unsigned(h),
+                     status == STATUS_INVALID_PARAMETER ? "smaller than the detector's window"
+                                                        : "no memory for the search");
+        kv::FreeFaceDetector(detector);
+        return kExitFailure;
+    }
     const std::vector<kv::FaceBox> faces(kv::Faces(detector), kv::Faces(detector) + kv::FaceCount(detector));
     kv::FreeFaceDetector(detector);
 
