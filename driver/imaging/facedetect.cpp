@@ -50,6 +50,7 @@ constexpr double kDenseColumnsScale = 2.0;
 // SSE2 on x64, which needs no state saved in kernel mode).
 typedef UCHAR Pixels8 __attribute__((vector_size(8)));
 typedef USHORT Weighted8 __attribute__((vector_size(16)));
+constexpr LONG kBlendLanes = 8;
 
 struct Hit {
     LONG x, y, size;
@@ -250,7 +251,7 @@ const UCHAR* MakeLevel(FaceDetector* p, ImageSize level, double scale)
         const UCHAR* pB = p->pGrey + static_cast<SIZE_T>(rowTap.x1) * W;
         const USHORT wb = static_cast<USHORT>(rowTap.weight), wa = static_cast<USHORT>(kWeightOne - wb);
         LONG x = 0;
-        for (; x + 8 <= W; x += 8) {
+        for (; x + kBlendLanes <= W; x += kBlendLanes) {
             Pixels8 a, b;
             RtlCopyMemory(&a, pA + x, sizeof a);
             RtlCopyMemory(&b, pB + x, sizeof b);
@@ -264,7 +265,8 @@ const UCHAR* MakeLevel(FaceDetector* p, ImageSize level, double scale)
         UCHAR* pOut = p->pLevel + static_cast<SIZE_T>(j) * level.width;
         for (LONG i = 0; i < level.width; ++i) {
             const ColumnTap& t = p->pTaps[i];
-            pOut[i] = static_cast<UCHAR>((pBlend[t.x0] * (kWeightOne - t.weight) + pBlend[t.x1] * t.weight + (1 << 15)) >> 16);
+            const LONG sum = pBlend[t.x0] * (kWeightOne - t.weight) + pBlend[t.x1] * t.weight;
+            pOut[i] = static_cast<UCHAR>((sum + (1 << 15)) >> 16);
         }
     }
     return p->pLevel;
