@@ -283,10 +283,11 @@ inline unsigned HaarRowLanes(const HaarStageRun& stage, const HaarRow& row, unsi
             nWaiting = 0;
         }
     }
+    // Fewer than Group left: a pair, then a single one.
     unsigned done = 0;
-    if (Group > 2 && nWaiting - done >= 2) {
-        kept += RunBlocks<2>(stage, row, waiting + done);
-        done += 2;
+    if (Group > 2 && nWaiting >= 2) {
+        kept += RunBlocks<2>(stage, row, waiting);
+        done = 2;
     }
     if (nWaiting > done) {
         kept += RunBlocks<1>(stage, row, waiting + done);

@@ -44,7 +44,8 @@ void FaceTrackStop(FaceTracker*& pTracker);
 // What a detection frame of the detector mode does, for tools and tests:
 // the search the mode sets a detector up with, and the searches it runs
 // on one frame (the list begun afresh; the faces left in the detector;
-// the first search's failure, if one failed).
+// STATUS_SUCCESS, or the status of the search that failed, after which
+// no further search runs).
 kv::FaceSearch FaceTrackSearch(ULONG DetectorMode);
 NTSTATUS FaceTrackDetect(kv::FaceDetector* pDetector, ULONG DetectorMode, const UCHAR* pFrame, ULONG Width,
                          ULONG Height);
